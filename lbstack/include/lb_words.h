@@ -1,0 +1,52 @@
+// Words that several threads touch without a lock: counters, seeds, states, settings. Every access
+// to such a word goes through these helpers (relaxed atomics); a plain access is a bug, even where
+// it works. None of them orders anything else: what must be seen whole is one word or has a lock.
+#pragma once
+
+#include "lb_types.h"
+
+#include <atomic>
+#include <type_traits>
+
+// Reads one word. T is trivially copyable, at most 8 bytes and naturally aligned for its size.
+template <class T> inline T lb_peek(const T &word)
+{
+    static_assert(sizeof(T) <= 8 && std::atomic_ref<T>::is_always_lock_free);
+    return std::atomic_ref<T>(const_cast<T &>(word)).load(std::memory_order_relaxed);
+}
+
+template <class T> inline void lb_poke(T &word, std::type_identity_t<T> value)
+{
+    static_assert(sizeof(T) <= 8 && std::atomic_ref<T>::is_always_lock_free);
+    std::atomic_ref<T>(word).store(value, std::memory_order_relaxed);
+}
+
+// Counts one (or more) event.
+template <class T> inline void lb_stat_inc(T &counter, std::type_identity_t<T> by = 1)
+{
+    std::atomic_ref<T>(counter).fetch_add(by, std::memory_order_relaxed);
+}
+
+// Takes the word's value and leaves it one higher: seeds and identifications.
+template <class T> inline T lb_take_next(T &seed)
+{
+    return std::atomic_ref<T>(seed).fetch_add(1, std::memory_order_relaxed);
+}
+
+// Pointers to objects that are published to readers without a lock: what the object held before it
+// was published is seen by who reads the pointer.
+template <class T> inline T *lb_peekptr(T *const &pointer)
+{
+    return std::atomic_ref<T *>(const_cast<T *&>(pointer)).load(std::memory_order_acquire);
+}
+
+template <class T> inline void lb_pokeptr(T *&pointer, std::type_identity_t<T *> value)
+{
+    std::atomic_ref<T *>(pointer).store(value, std::memory_order_release);
+}
+
+// Copies a block that others read (or write) word by word at the same time. Aligned words of up to
+// 8 bytes are never torn; the block as a whole is not a snapshot. `shared` is the side that others
+// touch, aligned to 8; the other side may have any alignment.
+void lb_store_shared(void *shared, const void *from, std::size_t len);
+void lb_load_shared(void *to, const void *shared, std::size_t len);
