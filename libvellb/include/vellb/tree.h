@@ -1,0 +1,75 @@
+// The daemon's two object trees, read by following children, as decoded structures. One picture
+// feeds every rendering. Objects that vanish while the tree is read are left out.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "prot/blocks.h"
+#include "vellb/command.h"
+
+namespace vellb
+{
+
+struct server {
+    lbip_addr_t address{};
+    lbsrv_addable_t fixed{};
+    lbsrv_setable_t settings{};
+    lbsrv_getable_t readings{};
+};
+
+struct port {
+    lbip_addr_t cluster{};
+    lb_u16_t number = 0;
+    lbport_addable_t fixed{};
+    lbport_setable_t settings{};
+    lbport_getable_t readings{};
+    std::vector<server> servers{}; // in the order in which they were added
+    size_t rules = 0;
+};
+
+struct cluster {
+    lbip_addr_t address{};
+    lbclu_setable_t settings{};
+    lbclu_getable_t readings{};
+    std::vector<port> ports{};
+};
+
+struct executor {
+    lbexe_setable_t settings{};
+    lbexe_getable_t readings{};
+    std::vector<lbip_addr_t> clusters{};
+    size_t heartbeats = 0;
+};
+
+struct interface_address {
+    lbip_addr_t address{}; // with its prefix
+    lbip_addr_t peer{};
+};
+
+struct interface {
+    std::string name;
+    lbifin_setable_t settings{};
+    std::vector<interface_address> addresses{};
+};
+
+struct picture {
+    vellb::executor executor;
+    std::vector<cluster> clusters{};
+    std::vector<interface> interfaces{};
+    std::chrono::steady_clock::time_point taken{};
+};
+
+executor read_executor(const client &daemon);
+// Each with everything below it; nothing if it does not exist.
+std::optional<cluster> read_cluster(const client &daemon, const lbip_addr_t &address);
+std::optional<port> read_port(const client &daemon, const lbip_addr_t &cluster, lb_u16_t number);
+std::optional<server> read_server(const client &daemon, const lbip_addr_t &cluster, lb_u16_t port,
+                                  const lbip_addr_t &address);
+std::optional<interface> read_interface(const client &daemon, const std::string &name);
+std::vector<interface> read_interfaces(const client &daemon);
+picture read_picture(const client &daemon);
+
+} // namespace vellb
