@@ -6,19 +6,30 @@
 #include "lb_types.h"
 
 #include <atomic>
+#include <bit>
 #include <type_traits>
 
-// Reads one word. T is trivially copyable, at most 8 bytes and naturally aligned for its size.
+// Reads one word. T is trivially copyable, at most 8 bytes, and the word naturally aligned for its
+// size. A byte layout of 8 bytes that stands on an 8-byte boundary (a hardware address) travels as
+// the integer, because compilers disagree on whether its own type is a lock-free word.
 template <class T> inline T lb_peek(const T &word)
 {
-    static_assert(sizeof(T) <= 8 && std::atomic_ref<T>::is_always_lock_free);
-    return std::atomic_ref<T>(const_cast<T &>(word)).load(std::memory_order_relaxed);
+    if constexpr (alignof(T) < 8 && sizeof(T) == 8) {
+        return std::bit_cast<T>(lb_peek(reinterpret_cast<const lb_u64_t &>(word)));
+    } else {
+        static_assert(sizeof(T) <= 8 && std::atomic_ref<T>::is_always_lock_free);
+        return std::atomic_ref<T>(const_cast<T &>(word)).load(std::memory_order_relaxed);
+    }
 }
 
 template <class T> inline void lb_poke(T &word, std::type_identity_t<T> value)
 {
-    static_assert(sizeof(T) <= 8 && std::atomic_ref<T>::is_always_lock_free);
-    std::atomic_ref<T>(word).store(value, std::memory_order_relaxed);
+    if constexpr (alignof(T) < 8 && sizeof(T) == 8) {
+        lb_poke(reinterpret_cast<lb_u64_t &>(word), std::bit_cast<lb_u64_t>(value));
+    } else {
+        static_assert(sizeof(T) <= 8 && std::atomic_ref<T>::is_always_lock_free);
+        std::atomic_ref<T>(word).store(value, std::memory_order_relaxed);
+    }
 }
 
 // Counts one (or more) event.
