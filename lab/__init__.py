@@ -1,0 +1,43 @@
+"""A network laboratory in namespaces: the forwarder, its clients and its servers on one machine.
+
+        segment "front" 192.168.7.0/24              (only in the topology Routed)
+     +----------------+
+     |  client        |  192.168.7.10        +----------+
+     +----------------+ ---------------------|  router  |
+                                             +----------+
+                                                  | 10.0.0.1    (topology Basic: the client itself
+                                                  |              sits here and has this address)
+        segment "net" 10.0.0.0/24                 |
+     ---+--------------+------------------+-------+----------+--------------------+--------------
+        | 10.0.0.2     | 10.0.0.11        | 10.0.0.12        | 10.0.0.13          :
+     +-----+        +---------+        +---------+        +---------+             :
+     | fwd |        | server1 |        | server2 |        | server3 |        10.0.0.100
+     +-----+        +---------+        +---------+        +---------+        the cluster address:
+     vellb2          nginx              nginx              nginx             on no interface but
+                     lo 10.0.0.100      lo 10.0.0.100      lo 10.0.0.100     the servers' lo
+
+A node is a network namespace, an IPC namespace and a private root directory, because the daemon's
+command socket and its single-instance guard are machine-wide names. A segment is a bridge in a
+namespace of its own; nothing is ever plugged into the host. Every name begins with "vb", the
+process number and "-", every file lies below /run/vellb2-lab/<process number>.
+
+The lab takes away what it made whatever happens: at the end of the `with` block, on Ctrl-C, SIGTERM
+and SIGHUP, and, when the lab itself was killed, at the start of the next one (a lab is dead when
+nobody holds the lock of its directory). `python3 -m lab clean` does the last by hand.
+
+    with Lab() as lab:
+        net = Basic(lab)
+        net.start_web()
+        daemon = net.start_daemon()
+        daemon.ctl("cluster", "add", net.CLUSTER)
+        net.client.run(["curl", "-s", f"http://{net.CLUSTER}/"])
+"""
+
+from lab.core import Lab, LabError, Terminated, build_dir, wait_until
+from lab.daemon import Daemon
+from lab.frames import Capture, Injector
+from lab.node import Node, Segment, mac_of
+from lab.topology import Basic, Routed
+
+__all__ = ["Basic", "Capture", "Daemon", "Injector", "Lab", "LabError", "Node", "Routed", "Segment",
+           "Terminated", "build_dir", "mac_of", "wait_until"]

@@ -1,0 +1,155 @@
+"""A running daemon: start, stop, its log, and vellbctl beside it.
+
+One thread per daemon reads its output, stamps every line with the time since the start, and keeps
+it in memory and in a file. The log is also where a sanitizer speaks: `trouble()` finds its words.
+"""
+
+import collections
+import contextlib
+import json
+import re
+import shlex
+import signal
+import subprocess
+import threading
+import time
+
+from lab import command
+from lab.core import LabError, build_dir, wait_until
+from lab.node import DAEMON
+
+TROUBLE = re.compile(r"AddressSanitizer|LeakSanitizer|ThreadSanitizer|UndefinedBehavior|runtime error:"
+                     r"|lock order|Assertion|terminate called")
+LogLine = collections.namedtuple("LogLine", "when text")
+
+
+class Daemon:
+    """vellb2 in the foreground in a node. Not started yet; start() does that."""
+
+    def __init__(self, node, workers=4, mask=0x200, args=(), log=None):
+        self.node = node
+        self.argv = [DAEMON, "-f", "-r", "-n", workers, "-m", f"{mask:x}", *args]
+        self.log_path = log or node.lab.dir / f"{node.name}-daemon.log"
+        self.socket = node.root / "vellb2"
+        self.process = None
+        self.lines = []
+        self._grown = threading.Condition()
+        self._reader = None
+
+    @property
+    def pid(self):
+        """The daemon's process number."""
+        return self.process.pid
+
+    def start(self, timeout=20):
+        """Starts it and waits until it answers a command."""
+        if not (build_dir() / "vellb2").exists():
+            raise LabError(f"no daemon in {build_dir()}: build it (cmake --preset release && "
+                           "cmake --build --preset release) or set VELL_BUILD")
+        self.process = self.node.popen(self.argv, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self._reader = threading.Thread(target=self._read, args=(self.process.stdout,), daemon=True)
+        self._reader.start()
+
+        def answers():
+            if self.process.poll() is not None:
+                self._reader.join(5)
+                raise LabError(f"the daemon ended with status {self.process.returncode} at its start\n"
+                               + self.tail())
+            with contextlib.suppress(OSError):
+                return command.call(self.socket, command.GET, command.config_key())["rc"] == 1
+            return False
+
+        wait_until(answers, timeout, f"the daemon in {self.node.name} to answer a command")
+        return self
+
+    def stop(self, signum=signal.SIGTERM, timeout=10):
+        """Asks it to stop; its exit status. A sanitizer's word in its log is an error."""
+        if self.process.poll() is None:
+            self.process.send_signal(signum)
+        try:
+            status = self.process.wait(timeout)
+        except subprocess.TimeoutExpired as e:
+            raise LabError(f"the daemon is still there {timeout} s after signal {signum}\n"
+                           + self.tail()) from e
+        self._reader.join(5)
+        if self.trouble():
+            raise LabError("the daemon's log has a word of trouble:\n" + "\n".join(self.trouble()))
+        return status
+
+    def kill(self):
+        """kill -9."""
+        self.process.kill()
+        self.process.wait(10)
+
+    def alive(self):
+        """Whether the process is there."""
+        return self.process is not None and self.process.poll() is None
+
+    def rss_kb(self):
+        """Resident memory."""
+        with open(f"/proc/{self.pid}/status", encoding="ascii") as status:
+            return next(int(line.split()[1]) for line in status if line.startswith("VmRSS:"))
+
+    # --- Log --------------------------------------------------------------------------------------
+
+    def _read(self, pipe):
+        begin = time.monotonic()
+        with open(self.log_path, "a", encoding="utf-8") as out:
+            for raw in pipe:
+                line = LogLine(time.monotonic(), raw.decode("utf-8", "replace").rstrip("\n"))
+                out.write(f"{line.when - begin:10.3f}  {line.text}\n")
+                out.flush()
+                with self._grown:
+                    self.lines.append(line)
+                    self._grown.notify_all()
+
+    def mark(self):
+        """A place in the log, for wait_log(since=...)."""
+        return len(self.lines)
+
+    def wait_log(self, pattern, timeout=5, since=0):
+        """Waits for a line that the pattern is found in; the match object."""
+        wanted = re.compile(pattern)
+        deadline = time.monotonic() + timeout
+        at = since
+        with self._grown:
+            while True:
+                for at in range(at, len(self.lines)):
+                    found = wanted.search(self.lines[at].text)
+                    if found:
+                        return found
+                at = len(self.lines)
+                left = deadline - time.monotonic()
+                if left <= 0 or not self._grown.wait(left):
+                    raise LabError(f"no line like {pattern!r} in the daemon's log within {timeout} s\n"
+                                   + self.tail())
+
+    def log_text(self, since=0):
+        """The log from a mark on."""
+        return "\n".join(line.text for line in self.lines[since:])
+
+    def tail(self, count=30):
+        """The last lines of the log, for error messages."""
+        return "\n".join(f"  | {line.text}" for line in self.lines[-count:]) or "  | (no output)"
+
+    def trouble(self):
+        """Lines in which a sanitizer or an assertion speaks."""
+        return [line.text for line in self.lines if TROUBLE.search(line.text)]
+
+    # --- Commands ---------------------------------------------------------------------------------
+
+    def ctl(self, *words, check=True, timeout=30):
+        """Runs vellbctl in the daemon's node. One string is split like a shell would."""
+        if len(words) == 1:
+            words = shlex.split(words[0])
+        return self.node.run(["/build/vellbctl", *words], check=check, timeout=timeout)
+
+    def ctl_json(self, *words):
+        """vellbctl --json, parsed."""
+        if len(words) == 1:
+            words = shlex.split(words[0])
+        return json.loads(self.ctl("--json", *words).stdout)
+
+    def command(self, *args, **kwargs):
+        """One command by hand, see lab.command.request; the parsed answer."""
+        return command.call(self.socket, *args, **kwargs)
