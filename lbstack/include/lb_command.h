@@ -27,9 +27,9 @@ struct lbcmd_objhdr_s {
     lbcmd_objaccess_t getable;
     lbcmd_objaccess_t setable;
     lb_timeval_t rmtimestamp;
-    // Creates a child: an answer code, and the child through `newobj`. The blocks point into the
-    // command buffer, at any alignment, and hold as many bytes as the key's kind of object wants;
-    // what the child changes in them is what the object will hold. Null where there are no
+    // Creates a child: an answer code, and the child through `newobj`. The blocks are copies of
+    // what the command buffer holds, at any alignment, and as long as the key's kind of object
+    // wants; what the child changes in them is what the object will hold. Null where there are no
     // children.
     int (*addchild)(lbcmd_key_t *key, lbcmd_objhdr_t *parent, void *addable, void *setable,
                     lbcmd_objhdr_t **newobj);
