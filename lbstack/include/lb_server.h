@@ -27,6 +27,7 @@ struct lbsrv_obj_s {
     lbneigh_obj_t *neigh; // set before the server is linked, never changed
     void *retaddrobj;
     lbsrv_ref_t srvref;
+    lb_u8_t encapflags; // the last that were accepted; command thread
 };
 
 // Fills a freshly allocated object: 0, or 1 (what it took is given back then).
