@@ -341,7 +341,7 @@ int lbll_filter_true(void *, void *)
     return LBLL_FILTER_YES;
 }
 
-// The four below ignore the results of locking: an end read without the lock is still an end.
+// These two ignore what locking says: an end read without the lock is still an end.
 void *lbll_getnode_lhs(lbll_list_t *list) LB_UNCHECKED_LOCKING
 {
     const int rc = lbll_lock(list);

@@ -1,0 +1,281 @@
+// Grace: nothing is freed while a thread that may use it is inside.
+#include "lb_grace.h"
+#include "lb_utils.h"
+#include "lb_words.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "fake_fixture.h"
+
+namespace
+{
+
+// A thread that does one thing after another, when told to.
+class puppet
+{
+  public:
+    puppet() : thread_([this] { run(); }) {}
+    ~puppet()
+    {
+        act({});
+        thread_.join();
+    }
+    // Returns when the thread has done it. An empty action ends the thread.
+    void act(std::function<void()> action)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        action_ = std::move(action);
+        pending_ = true;
+        changed_.notify_all();
+        changed_.wait(lock, [this] { return !pending_; });
+    }
+
+  private:
+    void run()
+    {
+        for (bool more = true; more;) {
+            std::unique_lock<std::mutex> lock(mutex_);
+            changed_.wait(lock, [this] { return pending_; });
+            more = static_cast<bool>(action_);
+            if (more) {
+                action_();
+            }
+            pending_ = false;
+            changed_.notify_all();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::function<void()> action_;
+    bool pending_ = false;
+    std::thread thread_;
+};
+
+struct object {
+    lb_grace_node_t node;
+    lb_u64_t value;
+    int refusals; // how often its reap finds a reference
+};
+
+int reaps;
+
+bool reap_object(lb_grace_node_t *node)
+{
+    EXPECT_EQ(fake::mutexes_held_here(), 0) << "a reap runs without a lock";
+    auto *obj = reinterpret_cast<object *>(node); // its first member
+    reaps++;
+    if (obj->refusals > 0) {
+        obj->refusals--;
+        return false;
+    }
+    os_memfree(obj);
+    return true;
+}
+
+class GraceTest : public FakeHostTest
+{
+  protected:
+    void SetUp() override
+    {
+        FakeHostTest::SetUp();
+        set_log_mask(LB_LOG_FAILURE);
+        reaps = 0;
+        ASSERT_EQ(lb_grace_init(), 0);
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(lb_grace_exit(), 0);
+        FakeHostTest::TearDown();
+    }
+    static void defer_object(int refusals = 0)
+    {
+        auto *obj = lb_newzero<object>();
+        ASSERT_NE(obj, nullptr);
+        obj->refusals = refusals;
+        lb_grace_defer(&obj->node, reap_object);
+    }
+};
+
+TEST_F(GraceTest, WhoIsInsideIsWaitedFor)
+{
+    puppet reader;
+    EXPECT_TRUE(lb_grace_passed(lb_grace_now())) << "nobody is inside";
+    reader.act([] { lb_grace_enter(); });
+    const lb_grace_t since = lb_grace_now();
+    EXPECT_FALSE(lb_grace_passed(since));
+    reader.act([] { lb_grace_enter(); });
+    reader.act([] { lb_grace_leave(); });
+    EXPECT_FALSE(lb_grace_passed(since)) << "it left one of two stays";
+    reader.act([] { lb_grace_leave(); });
+    EXPECT_TRUE(lb_grace_passed(since));
+}
+
+TEST_F(GraceTest, WhoCameLaterIsNotWaitedFor)
+{
+    puppet early;
+    puppet late;
+    early.act([] { lb_grace_enter(); });
+    const lb_grace_t since = lb_grace_now();
+    late.act([] { lb_grace_enter(); });
+    EXPECT_FALSE(lb_grace_passed(since));
+    early.act([] { lb_grace_leave(); });
+    EXPECT_TRUE(lb_grace_passed(since)) << "the later one can't know the object";
+    EXPECT_FALSE(lb_grace_passed(lb_grace_now()));
+    // In and out again at once counts as having been outside.
+    late.act([] {
+        lb_grace_leave();
+        lb_grace_enter();
+    });
+    EXPECT_TRUE(lb_grace_passed(since));
+    late.act([] { lb_grace_leave(); });
+}
+
+TEST_F(GraceTest, OneselfIsWaitedFor)
+{
+    lb_grace_t since;
+    {
+        const lb_grace_inside inside;
+        since = lb_grace_now();
+        EXPECT_FALSE(lb_grace_passed(since));
+    }
+    EXPECT_TRUE(lb_grace_passed(since));
+}
+
+TEST_F(GraceTest, SlotsAreGivenBackWhenThreadsEnd)
+{
+    for (int i = 0; i < 200; i++) {
+        std::thread([] { const lb_grace_inside inside; }).join();
+    }
+    EXPECT_EQ(fake::core_calls(), 0);
+}
+
+TEST_F(GraceTest, TooManyThreadsAreSafe)
+{
+    fake::core_expected(true);
+    std::vector<std::unique_ptr<puppet>> crowd;
+    for (int i = 0; i < 66; i++) {
+        crowd.push_back(std::make_unique<puppet>());
+        crowd.back()->act([] { lb_grace_enter(); });
+    }
+    EXPECT_GE(fake::core_calls(), 1);
+    const lb_grace_t since = lb_grace_now();
+    for (std::size_t i = 0; i + 1 < crowd.size(); i++) {
+        crowd[i]->act([] { lb_grace_leave(); });
+    }
+    EXPECT_FALSE(lb_grace_passed(since)) << "the one without a slot is inside still";
+    crowd.back()->act([] { lb_grace_leave(); });
+    EXPECT_TRUE(lb_grace_passed(since));
+}
+
+TEST_F(GraceTest, DeferredObjectsAreFreedOnceEveryoneWasOutside)
+{
+    puppet reader;
+    reader.act([] { lb_grace_enter(); });
+    defer_object();
+    lb_grace_timer_entry();
+    EXPECT_EQ(reaps, 0);
+    reader.act([] {
+        lb_grace_leave();
+        lb_grace_enter();
+    });
+    defer_object(); // the reader is inside for this one
+    lb_grace_timer_entry();
+    EXPECT_EQ(reaps, 1);
+    EXPECT_EQ(fake::live_allocations(), 1);
+    reader.act([] { lb_grace_leave(); });
+    lb_grace_timer_entry();
+    EXPECT_EQ(fake::live_allocations(), 0);
+}
+
+TEST_F(GraceTest, ARefusedReapStartsTheWaitAgain)
+{
+    defer_object(2);
+    lb_grace_timer_entry();
+    EXPECT_EQ(reaps, 1) << "once a tick, though nobody is inside";
+    puppet reader;
+    reader.act([] { lb_grace_enter(); });
+    lb_grace_timer_entry();
+    EXPECT_EQ(reaps, 2) << "the reader came after the second wait began";
+    lb_grace_timer_entry();
+    EXPECT_EQ(reaps, 2) << "but was there when the third began";
+    reader.act([] { lb_grace_leave(); });
+    lb_grace_timer_entry();
+    EXPECT_EQ(reaps, 3);
+}
+
+TEST_F(GraceTest, AMutexThatFailsLosesNothing)
+{
+    for (const fake::op which : {fake::op::lock, fake::op::unlock}) {
+        fake::fail(which, 1);
+        defer_object();
+        for (int n = 1; n <= 3; n++) {
+            fake::fail(which, n);
+            lb_grace_timer_entry();
+        }
+        fake::fail(which, 0);
+        lb_grace_timer_entry();
+        EXPECT_EQ(fake::live_allocations(), 0);
+    }
+}
+
+TEST_F(GraceTest, InitialisationFails)
+{
+    ASSERT_EQ(lb_grace_exit(), 0);
+    fake::fail(fake::op::mutex_init, 1);
+    EXPECT_EQ(lb_grace_init(), 1);
+    ASSERT_EQ(lb_grace_init(), 0);
+}
+
+// Readers follow a published pointer while it is replaced and the old object freed. Freed memory is
+// overwritten by the fake host, and a sanitizer sees a late read.
+TEST_F(GraceTest, AReaderNeverSeesFreedMemory)
+{
+    constexpr int ROUNDS = 4000;
+    constexpr lb_u64_t GOOD = 0x600D;
+    object *published = nullptr;
+    std::atomic<bool> done{false};
+    std::atomic<int> wrong{0};
+    const auto renew = [&] {
+        auto *obj = lb_newzero<object>();
+        obj->value = GOOD;
+        object *old = published;
+        lb_pokeptr(published, obj);
+        if (old != nullptr) {
+            lb_grace_defer(&old->node, reap_object);
+        }
+    };
+    renew();
+    std::vector<std::thread> readers;
+    for (int r = 0; r < 3; r++) {
+        readers.emplace_back([&] {
+            while (!done.load(std::memory_order_relaxed)) {
+                const lb_grace_inside inside;
+                const object *obj = lb_peekptr(published);
+                for (int look = 0; look < 5; look++) {
+                    wrong += obj->value != GOOD;
+                }
+            }
+        });
+    }
+    // At least so many rounds, and until something was freed under the readers' eyes.
+    for (int i = 0; i < ROUNDS || reaps == 0; i++) {
+        renew();
+        lb_grace_timer_entry();
+    }
+    done = true;
+    for (std::thread &t : readers) {
+        t.join();
+    }
+    lb_grace_timer_entry();
+    os_memfree(published);
+    EXPECT_EQ(wrong, 0);
+}
+
+} // namespace

@@ -1,0 +1,223 @@
+// Log mask, line assembly, time differences, dumps and shared-word copies.
+#include "lb_log.h"
+#include "lb_utils.h"
+#include "lb_words.h"
+
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "fake_fixture.h"
+
+namespace
+{
+
+class LogTest : public FakeHostTest
+{
+};
+
+TEST_F(LogTest, EverySitePrintsUntilThereIsAMask)
+{
+    LB_LOG(LB_LOG_ARP, "first\n");
+    EXPECT_TRUE(fake::log_contains("first"));
+    set_log_mask(0);
+    LB_LOG(LB_LOG_ARP | LB_LOG_FAILURE, "second\n");
+    EXPECT_FALSE(fake::log_contains("second"));
+}
+
+TEST_F(LogTest, AnyCommonBitPrints)
+{
+    struct {
+        const char *name;
+        lb_u64_t mask;
+        lb_u64_t bits;
+        bool printed;
+    } const rows[] = {
+        {"class bit", LB_LOG_FAILURE, LB_LOG_LIST | LB_LOG_FAILURE, true},
+        {"module bit", LB_LOG_LIST, LB_LOG_LIST | LB_LOG_FAILURE, true},
+        {"trace of another module", LB_LOG_FAILURE, LB_LOG_LIST, false},
+        {"bit above 31", LB_LOG_SERVERSET, LB_LOG_SERVERSET, true},
+        {"low half of a high bit", 0x80, LB_LOG_SERVERSET, false},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        set_log_mask(row.mask);
+        fake::log_clear();
+        LB_LOG(row.bits, "text\n");
+        EXPECT_EQ(fake::log_contains("text"), row.printed);
+    }
+}
+
+TEST_F(LogTest, DisabledSiteEvaluatesNothing)
+{
+    set_log_mask(LB_LOG_FAILURE);
+    int evaluated = 0;
+    LB_LOG(LB_LOG_LIST, "%d\n", ++evaluated);
+    EXPECT_EQ(evaluated, 0);
+}
+
+TEST_F(LogTest, PrefixIsTimeSinceStart)
+{
+    LB_LOG(LB_LOG_LIST, "before\n");
+    EXPECT_EQ(fake::log_lines().at(0).rfind("0.000000 lb_log_test.cpp:", 0), 0U);
+    static lb_timeval_t start = {1000, 900000};
+    lbexeos_starttime = &start;
+    struct {
+        lb_s32_t secs;
+        lb_s32_t usecs;
+        const char *prefix;
+    } const rows[] = {
+        {1002, 100000, "1.200000 "},
+        {1000, 900007, "0.000007 "},
+        {998, 950000, "-1.-950000 "}, // the clock was set back
+    };
+    for (const auto &row : rows) {
+        fake::log_clear();
+        fake::set_time(row.secs, row.usecs);
+        LB_LOG(LB_LOG_LIST, "now\n");
+        EXPECT_EQ(fake::log_lines().at(0).rfind(row.prefix, 0), 0U) << fake::log_lines().at(0);
+    }
+}
+
+TEST_F(LogTest, PiecesLeaveAsOneLine)
+{
+    os_print("abc");
+    EXPECT_TRUE(fake::log_lines().empty());
+    os_print("def\n");
+    ASSERT_EQ(fake::log_lines().size(), 1U);
+    EXPECT_EQ(fake::log_lines()[0], "abcdef\n");
+}
+
+TEST_F(LogTest, LongLinesAreCut)
+{
+    const std::string longtext(2000, 'x');
+    os_print("%s", longtext.c_str());
+    ASSERT_EQ(fake::log_lines().size(), 1U) << "a full line leaves without its newline";
+    EXPECT_EQ(fake::log_lines()[0], std::string(1022, 'x'));
+    os_print("next\n");
+    EXPECT_EQ(fake::log_lines().at(1), "next\n");
+}
+
+TEST_F(LogTest, ThreadsDoNotMixTheirLines)
+{
+    constexpr int LINES = 300;
+    std::vector<std::thread> threads;
+    for (const char letter : {'a', 'b', 'c'}) {
+        threads.emplace_back([letter] {
+            const std::string half(20, letter);
+            for (int i = 0; i < LINES; i++) {
+                os_print("%s", half.c_str());
+                os_print("%s\n", half.c_str());
+            }
+        });
+    }
+    for (std::thread &t : threads) {
+        t.join();
+    }
+    const auto lines = fake::log_lines();
+    EXPECT_EQ(lines.size(), 3U * LINES);
+    for (const std::string &l : lines) {
+        EXPECT_EQ(l, std::string(40, l[0]) + "\n");
+    }
+}
+
+TEST_F(LogTest, ByteDump)
+{
+    struct {
+        const char *name;
+        std::string bytes;
+        std::vector<std::string> lines;
+    } const rows[] = {
+        {"nothing", "", {"\n"}},
+        {"printable and not", std::string("a\x1f~\x7f", 4), {"61[a] 1f[.] 7e[~] 7f[.] \n"}},
+        {"two blanks after eight",
+         std::string(8, '0'),
+         {"30[0] 30[0] 30[0] 30[0] 30[0] 30[0] 30[0] 30[0]   \n"}},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        fake::log_clear();
+        lb_byteprint(row.bytes.data(), static_cast<int>(row.bytes.size()));
+        EXPECT_EQ(fake::log_lines(), row.lines);
+    }
+    fake::log_clear();
+    lb_byteprint(std::string(17, ' ').data(), 17);
+    ASSERT_EQ(fake::log_lines().size(), 2U);
+    EXPECT_EQ(fake::log_lines()[0].size(), 16U * 6 + 2 + 1);
+    EXPECT_EQ(fake::log_lines()[1], "20[ ] \n");
+    fake::log_clear();
+    lb_byteprint(nullptr, 4);
+    EXPECT_EQ(fake::log_lines(), std::vector<std::string>{"lb_byteprint: null pointer\n"});
+}
+
+TEST_F(LogTest, TimeDifferences)
+{
+    struct {
+        lb_timeval_t now, then;
+        lb_s32_t secs, usecs;
+    } const rows[] = {
+        {{10, 0}, {7, 0}, 3, 0},
+        {{10, 100}, {7, 200}, 2, 999900},   // borrow
+        {{7, 200}, {10, 100}, -2, -999900}, // carry the other way
+        {{7, 0}, {7, 1}, 0, -1},
+        {{0, 0}, {-5, 0}, 5, 0},
+    };
+    for (const auto &row : rows) {
+        const lb_timeval_t diff = lb_timediff(row.now, row.then);
+        EXPECT_EQ(diff.secs, row.secs);
+        EXPECT_EQ(diff.usecs, row.usecs);
+        EXPECT_EQ(lb_timediff_s(row.now, row.then), row.secs);
+    }
+}
+
+TEST_F(LogTest, SharedCopiesAreExactAtEveryLengthAndOffset)
+{
+    for (std::size_t len = 0; len <= 40; len++) {
+        for (std::size_t offset = 0; offset < 8; offset++) {
+            alignas(8) unsigned char shared[48];
+            unsigned char from[64];
+            unsigned char back[64];
+            std::memset(shared, 0xEE, sizeof(shared));
+            std::memset(back, 0xEE, sizeof(back));
+            for (std::size_t i = 0; i < sizeof(from); i++) {
+                from[i] = static_cast<unsigned char>(i + 1);
+            }
+            lb_store_shared(shared, from + offset, len);
+            lb_load_shared(back + offset, shared, len);
+            ASSERT_EQ(std::memcmp(shared, from + offset, len), 0);
+            ASSERT_EQ(std::memcmp(back + offset, from + offset, len), 0);
+            ASSERT_EQ(shared[len], 0xEE) << "wrote beyond the block";
+            ASSERT_EQ(back[offset + len], 0xEE) << "wrote beyond the block";
+        }
+    }
+}
+
+TEST_F(LogTest, WordsOfASharedBlockAreNeverTorn)
+{
+    struct block {
+        lb_u64_t wide;
+        lb_u32_t narrow;
+        lb_u16_t tail;
+    };
+    alignas(8) block shared = {};
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        for (int i = 0; i < 20000; i++) {
+            const block b = i % 2 == 0 ? block{~0ULL, ~0U, 0xFFFF} : block{};
+            lb_store_shared(&shared, &b, sizeof(b));
+        }
+        done = true;
+    });
+    while (!done) {
+        block b;
+        lb_load_shared(&b, &shared, sizeof(b));
+        ASSERT_TRUE(b.wide == 0 || b.wide == ~0ULL);
+        ASSERT_TRUE(b.narrow == 0 || b.narrow == ~0U);
+        ASSERT_TRUE(b.tail == 0 || b.tail == 0xFFFF);
+    }
+    writer.join();
+}
+
+} // namespace
