@@ -257,15 +257,17 @@ void *lx_timeout_pthread(void * /*arg*/)
     return nullptr;
 }
 
-bool lx_start_thread(pthread_t *thread, void *(*body)(void *), void *arg, const char *what)
+// `name` is what tools such as top show, at most 15 characters.
+bool lx_start_thread(pthread_t *thread, void *(*body)(void *), void *arg, const char *name)
 {
     const int rc = pthread_create(thread, nullptr, body, arg);
     if (rc != 0) {
-        LB_LOG(LX_LOG_STARTUP, "ERROR: could not start the %s thread, error %d, stopping\n", what,
-               rc);
+        LB_LOG(LX_LOG_STARTUP, "ERROR: could not start thread %s, error %d, stopping\n", name, rc);
         stopping.store(1, std::memory_order_relaxed);
+        return false;
     }
-    return rc == 0;
+    static_cast<void>(pthread_setname_np(*thread, name));
+    return true;
 }
 
 // Starts all threads, or asks those that did start to stop.
@@ -274,14 +276,15 @@ lx_running_t lx_start_threads(int *usockfd)
     lx_running_t running = {};
     while (running.workers < argnumworkers) {
         pthread_t *worker = &worker_threads[running.workers];
-        if (!lx_start_thread(worker, lx_recv_pthread, &psfd, "receive")) {
+        if (!lx_start_thread(worker, lx_recv_pthread, &psfd, "vellb2-recv")) {
             return running;
         }
         running.workers++;
     }
-    running.timer = lx_start_thread(&timer_thread, lx_timeout_pthread, &psfd, "timer");
+    running.timer = lx_start_thread(&timer_thread, lx_timeout_pthread, &psfd, "vellb2-timer");
     if (running.timer) {
-        running.command = lx_start_thread(&command_thread, lx_command_pthread, usockfd, "command");
+        running.command =
+            lx_start_thread(&command_thread, lx_command_pthread, usockfd, "vellb2-command");
     }
     return running;
 }
