@@ -1,0 +1,194 @@
+"""Shows vellb2 at work: HTTP requests from a client to a cluster address that no host owns are
+spread over three real web servers, and answered by them directly.
+
+Needs root. Installs missing packages, builds the daemon and vellbctl, makes a small network of
+namespaces on this machine, and takes it away again. Nothing is plugged into the host's network.
+"""
+
+import argparse
+import collections
+import os
+import shlex
+import signal
+import struct
+import sys
+
+sys.dont_write_bytecode = True
+import steps  # noqa: E402
+
+sys.path.insert(0, str(steps.REPO))
+from lab import Basic, Lab, LabError, mac_of  # noqa: E402
+from lab.core import RUN  # noqa: E402
+
+LOGS = steps.REPO / "build/demo"
+WEIGHTS = (2, 2, 1)
+
+
+def command(node, words, show=True):
+    """Runs a vellbctl command in a node and shows it as a person would type it."""
+    if show:
+        print(f"    {steps.paint('fwd#', 'dim')} vellbctl {words}", flush=True)
+    done = node.run(["/build/vellbctl", *shlex.split(words)], check=False)
+    if done.returncode != 0:
+        raise steps.StepFailed(f"exit status {done.returncode}: vellbctl {words}\n"
+                               f"{done.stdout}{done.stderr}")
+    return done.stdout
+
+
+def configure(net):
+    """From an empty daemon to a served port."""
+    node, port = net.forwarder, f"{net.CLUSTER}:80"
+    lines = ["interface sync", f"executor set --client-gateway {net.GATEWAY}",
+             f"cluster add {net.CLUSTER}", f"port add {port} --algorithm hash"]
+    lines += [f"server add {port} {net.server_address(i)} --weight {weight}"
+              for i, weight in enumerate(WEIGHTS, start=1)]
+    for line in lines:
+        command(node, line)
+
+
+def request(net, count, step):
+    """Sends the requests, each on a connection of its own: [(server's name, client port)]."""
+    answers = []
+    for start in range(1, count + 1, 500):
+        end = min(start + 499, count)
+        done = net.client.run(
+            ["curl", "-sS", "-H", "Connection: close", "--connect-timeout", "3", "--max-time", "5",
+             "-w", "%{http_code} %{local_port}\n", f"http://{net.CLUSTER}/[{start}-{end}]"],
+            check=False)
+        words = done.stdout.split()
+        for name, status, port in zip(words[0::3], words[1::3], words[2::3]):
+            if status == "200":
+                answers.append((name, int(port)))
+        if done.returncode != 0 or len(answers) != end:
+            raise steps.StepFailed(f"{end - len(answers)} of {end} requests failed: "
+                                   f"{done.stderr.splitlines()[0] if done.stderr else ''}")
+        step.progress(f"{end} of {count}")
+    return answers
+
+
+def answering_macs(capture):
+    """Which hardware addresses sent the cluster's answers that the client received."""
+    seen = collections.Counter()
+    for frame in capture.drain():
+        if len(frame) >= 54 and frame[12:14] == b"\x08\x00" and frame[23] == 6:
+            source_port = struct.unpack_from("!H", frame, 14 + (frame[14] & 15) * 4)[0]
+            if source_port == 80:
+                seen[frame[6:12].hex(":")] += 1
+    return seen
+
+
+def chosen_by(port):
+    """The server that a client port stands for: the port modulo the sum of the weights."""
+    rest = port % sum(WEIGHTS)
+    for number, weight in enumerate(WEIGHTS, start=1):
+        if rest < weight:
+            return f"server{number}"
+        rest -= weight
+    raise AssertionError
+
+
+def report(net, answers, macs):
+    """Who answered what; raises when it is not what the forwarder promises."""
+    per_server = collections.Counter(name for name, _ in answers)
+    print(f"\n  {'server':<9} {'address':<12} {'hardware address':<19} {'weight':>6} {'requests':>9} "
+          f"{'share':>6}  frames of its answers, straight to the client")
+    for number, weight in enumerate(WEIGHTS, start=1):
+        name, address = f"server{number}", net.server_address(number)
+        share = per_server[name] / len(answers)
+        print(f"  {name:<9} {address:<12} {mac_of(address):<19} {weight:>6} {per_server[name]:>9} "
+              f"{share:>6.0%}  {macs[mac_of(address)]}")
+    forwarder = mac_of(net.FORWARDER)
+    print(f"  {'forwarder':<9} {net.FORWARDER:<12} {forwarder:<19} {'':>6} {'':>9} {'':>6}  "
+          f"{macs[forwarder]}")
+    misplaced = [(name, port) for name, port in answers if name != chosen_by(port)]
+    if misplaced:
+        name, port = misplaced[0]
+        raise steps.StepFailed(f"{len(misplaced)} requests went to the wrong server, the first from "
+                               f"client port {port} to {name} instead of {chosen_by(port)}")
+    if macs[forwarder] or not all(per_server[f"server{i}"] for i in (1, 2, 3)):
+        raise steps.StepFailed("not every server answered, or the forwarder sent answers itself")
+
+
+def explain(net):
+    """What one has seen."""
+    print(f"""
+  What happened: no host owns {net.CLUSTER} on the wire. vellb2 answered the client's ARP request for
+  it, took each packet that came, chose a server by the client's port (port mod {sum(WEIGHTS)}, the sum of the
+  weights) and sent the packet on with nothing but its hardware addresses and TTL changed. The
+  servers carry the address on lo, so they took it for theirs and answered the client directly:
+  the answers never passed the forwarder.""")
+
+
+def keep(net, lab):
+    """Stays up until Ctrl-C."""
+    print(f"""
+  The lab stays up. In another terminal, as root, in {steps.REPO}:
+
+    python3 -m lab shell client     then: curl http://{net.CLUSTER}/
+    python3 -m lab shell fwd        then: vellbctl show; vellbctl --help
+    ip netns exec {lab.name('server1')} tshark -i eth0
+    tail -f {net.daemon.log_path}
+
+  Ctrl-C takes it away.""", flush=True)
+    signal.pause()
+
+
+def show(args):
+    """The demonstration proper."""
+    log = LOGS / "daemon.log"
+    log.unlink(missing_ok=True)
+    with Lab() as lab:
+        try:
+            with steps.Step("lab: a client, the forwarder's host and three nginx servers in namespaces"):
+                net = Basic(lab)
+                net.start_web()
+            with steps.Step("vellb2 started"):
+                net.start_daemon(sync=False, log=log)
+            print("\n  The configuration, as typed on the forwarder's host:\n")
+            configure(net)
+            print()
+            with net.client.capture() as capture, \
+                    steps.Step(f"{args.requests} requests: client# curl http://{net.CLUSTER}/") as step:
+                answers = request(net, args.requests, step)
+                macs = answering_macs(capture)
+            report(net, answers, macs)
+            print()
+            for line in command(net.forwarder, "show").splitlines():
+                print(f"    {line}")
+            explain(net)
+            if args.keep:
+                keep(net, lab)
+            status = net.daemon.stop()
+            if status != 0:
+                raise steps.StepFailed(f"vellb2 ended with status {status}", log)
+        except (LabError, steps.StepFailed) as e:
+            raise steps.StepFailed(str(e), log if log.exists() else None) from e
+    with steps.Step("everything taken away"):
+        if (RUN / lab.ident).exists():
+            raise steps.StepFailed(f"{RUN / lab.ident} is still there")
+
+
+def main():
+    """The command line."""
+    parser = argparse.ArgumentParser(prog="script/demo", description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--requests", type=int, default=1000, metavar="N",
+                        help="how many HTTP requests the client sends (default 1000)")
+    parser.add_argument("--keep", action="store_true", help="leave the lab up until Ctrl-C")
+    args = parser.parse_args()
+    if not 10 <= args.requests <= 100000:
+        parser.error(f"argument --requests: {args.requests} is not from 10 to 100000")
+    if os.geteuid() != 0:
+        raise steps.StepFailed("network namespaces need root: run it as root")
+    steps.bootstrap()
+    with steps.Step("packages"):
+        pass
+    os.environ.pop("VELL_BUILD", None)
+    with steps.Step("build (build/release)") as step:
+        steps.build("release", ["vellb2", "vellbctl"], step, LOGS / "build.log")
+    show(args)
+    return 0
+
+
+if __name__ == "__main__":
+    steps.finish(main)

@@ -1,0 +1,124 @@
+"""Builds the release and runs the tests: all of them, or those that a word names.
+
+  script/test               packages, build, unit and stack tests, tests in the lab
+  script/test lb_neigh      the tests of a file (tests/**/*lb_neigh*)
+  script/test Checksum      the tests whose name has the word in it
+  script/test test_arp      one file of the lab's tests
+
+The stack's tests run anywhere; the lab's need root, because they make network namespaces.
+"""
+
+import argparse
+import json
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+
+sys.dont_write_bytecode = True
+import steps  # noqa: E402
+
+BUILD = steps.REPO / "build/release"
+PYTEST = [sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider"]
+
+
+def run_ctest():
+    """Every program's tests; a passing test prints nothing."""
+
+    def show(line):
+        if not re.match(r"(Test project|\s*Start\s|\s*\d+/\d+ Test\s.* Passed\s|$)", line):
+            print(line, flush=True)
+
+    steps.logged(["ctest", "--test-dir", BUILD, "-j", steps.CORES, "--output-on-failure"],
+                 BUILD / "ctest.log", show)
+
+
+def run_pytest(arguments):
+    """The lab's tests, straight to the terminal."""
+    env = dict(os.environ, PYTHONDONTWRITEBYTECODE="1")
+    return subprocess.run([*PYTEST, *arguments], cwd=steps.REPO, env=env, check=False).returncode
+
+
+def run_all():
+    """Everything; the exit status of the whole."""
+    steps.bootstrap()
+    with steps.Step("build release") as step:
+        steps.build("release", step=step)
+    failed = False
+    try:
+        run_ctest()
+    except steps.StepFailed as e:
+        print(f"{e.args[0].splitlines()[0]}; the whole log: {e.log}")
+        failed = True
+    status = run_pytest(["tests/lab"])
+    return 1 if failed else status
+
+
+def gtest_filter(program, word):
+    """The tests of a program whose file or name has the word in it."""
+    with tempfile.NamedTemporaryFile(suffix=".json") as out:
+        subprocess.run([program, "--gtest_list_tests", f"--gtest_output=json:{out.name}"], check=True,
+                       stdout=subprocess.DEVNULL)
+        listing = json.load(open(out.name, encoding="utf-8"))
+    names = []
+    for suite in listing["testsuites"]:
+        for case in suite["testsuite"]:
+            name = f"{suite['name']}.{case['name']}"
+            stem = pathlib.Path(case.get("file", "")).stem
+            if word.lower() in name.lower() or word.lower() in stem.lower():
+                names.append(name)
+    return names
+
+
+def matching_files(word, *directories):
+    """Test files whose name has the word in it."""
+    return [path for d in directories for path in sorted((steps.REPO / "tests" / d).glob("*"))
+            if path.suffix in (".py", ".cpp") and word.lower() in path.stem.lower()]
+
+
+def run_named(word):
+    """What a word names; builds only what that needs."""
+    lab_files = matching_files(word, "lab")
+    cpp_files = matching_files(word, "unit", "stack")
+    with steps.Step("build") as step:
+        if not cpp_files and lab_files:
+            steps.build("release", ["vellb2", "vellbctl"], step)
+        elif cpp_files and not lab_files:
+            steps.build("release", ["vell_tests"], step)
+        else:
+            steps.build("release", ["vellb2", "vellbctl", "vell_tests"], step)
+    status = 0
+    found = False
+    if cpp_files or not lab_files:
+        names = gtest_filter(BUILD / "vell_tests", word)
+        if names:
+            found = True
+            status = subprocess.run([BUILD / "vell_tests", "--gtest_brief=1",
+                                     f"--gtest_filter={':'.join(names)}"], check=False).returncode
+    if lab_files:
+        found = True
+        status = run_pytest(lab_files) or status
+    elif not cpp_files and not found:
+        lab_status = run_pytest(["tests/lab", "-k", word])
+        found = lab_status != 5  # pytest's status for "no test ran"
+        status = lab_status or status
+    if not found:
+        raise steps.StepFailed(f"no test is called anything like '{word}'")
+    return status
+
+
+def main():
+    """The command line."""
+    parser = argparse.ArgumentParser(prog="script/test", description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("word", nargs="*", help="part of the name of a test or of its file")
+    args = parser.parse_args()
+    if not args.word:
+        return run_all()
+    return max(run_named(word) for word in args.word)
+
+
+if __name__ == "__main__":
+    steps.finish(main)
