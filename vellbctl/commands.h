@@ -1,0 +1,40 @@
+// Who carries out what. Each prints its result and throws on failure: vellb::refused, vellb::fault,
+// declined or usage_error.
+#pragma once
+
+#include "session.h"
+
+namespace vellbctl
+{
+
+void executor_set(session &s);
+void executor_stop(session &s);
+void cluster_add(session &s);
+void cluster_set(session &s);
+void cluster_rm(session &s);
+void port_add(session &s);
+void port_set(session &s);
+void port_rm(session &s);
+void server_add(session &s);
+void server_set(session &s);
+void server_rm(session &s);
+
+void interface_add(session &s);
+void interface_set(session &s);
+void interface_rm(session &s);
+void interface_sync(session &s);
+void address_add(session &s);
+void address_set(session &s);
+void address_rm(session &s);
+
+void show_all(session &s);
+void show_executor(session &s);
+void show_clusters(session &s);
+void show_ports(session &s);
+void show_servers(session &s);
+void show_interfaces(session &s);
+void show_addresses(session &s);
+void logmask_decode(session &s);
+void logmask_names(session &s);
+
+} // namespace vellbctl

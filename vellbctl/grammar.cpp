@@ -1,0 +1,420 @@
+// The table of commands. A row's functions turn one word into one part of the request; what a word
+// may be is decided in words.cpp. Flags and values that several commands share are named once.
+#include "grammar.h"
+
+#include <fmt/format.h>
+
+#include "commands.h"
+#include "words.h"
+
+namespace vellbctl
+{
+
+namespace
+{
+
+using word_t = const std::string &;
+
+lb_u8_t yes_no(bool yes)
+{
+    return yes ? LBIFIN_YN_YES : LBIFIN_YN_NO;
+}
+
+// --- Positionals ---------------------------------------------------------------------------------
+
+void take_cluster(request &r, word_t word)
+{
+    r.address = take_address(word);
+}
+void take_port(request &r, word_t word)
+{
+    r.address.emplace();
+    take_endpoint(word, *r.address, r.port);
+}
+void take_server(request &r, word_t word)
+{
+    r.server = take_address(word);
+}
+void take_name_of_interface(request &r, word_t word)
+{
+    r.interface = take_interface(word);
+}
+void take_own_address(request &r, word_t word)
+{
+    // The prefix plays no part in finding an address: one that was pasted along is no mistake.
+    const auto with_prefix = vellb::parse_prefix(word);
+    r.address = with_prefix ? take_prefix(word) : take_address(word);
+}
+void take_own_prefix(request &r, word_t word)
+{
+    r.address = take_prefix(word);
+}
+
+constexpr positional CLUSTER{"ADDRESS", "the cluster's address, as in 10.0.0.100", take_cluster};
+constexpr positional SOME_CLUSTER{"ADDRESS", "one cluster only", take_cluster, true};
+constexpr positional PORT{"ADDRESS:PORT", "cluster and port, as in 10.0.0.100:80", take_port};
+constexpr positional SOME_PORT{"ADDRESS:PORT", "one port only", take_port, true};
+constexpr positional SERVER{"SERVER", "the server's address, as in 10.0.0.11", take_server};
+constexpr positional SOME_SERVER{"SERVER", "one server only", take_server, true};
+constexpr positional INTERFACE{"NAME", "the interface, as in eth0", take_name_of_interface};
+constexpr positional SOME_INTERFACE{"NAME", "one interface only", take_name_of_interface, true};
+constexpr positional OWN_PREFIX{"ADDRESS/LENGTH", "an address of it, as in 10.0.0.1/24",
+                                take_own_prefix};
+constexpr positional OWN_ADDRESS{"ADDRESS", "an address of it", take_own_address};
+
+// --- Options -------------------------------------------------------------------------------------
+
+constexpr option RECURSIVE{"--recursive", nullptr, "and everything below it",
+                           [](request &r, word_t) { r.recursive = true; }};
+
+const std::vector<option> &executor_options()
+{
+    static const std::vector<option> options{
+        {"--client-gateway", "ADDRESS|none", "IPv4 router towards the clients; carries resets",
+         [](request &r, word_t word) {
+             const lbip_addr_t addr = take_address_or_none(word);
+             if (addr.version == 6) {
+                 throw usage_error(fmt::format("'{}' is an IPv6 address: that one is set with "
+                                               "--client-gateway-ipv6",
+                                               word),
+                                   word);
+             }
+             r.executor_edits.add([addr](lbexe_setable_t &b) { b.clientgateway = addr; });
+         }},
+        {"--client-gateway-ipv6", "ADDRESS|none", "IPv6 router towards the clients",
+         [](request &r, word_t word) {
+             const lbip_addr_t addr = take_address_or_none(word);
+             if (addr.version == 4) {
+                 throw usage_error(fmt::format("'{}' is an IPv4 address: that one is set with "
+                                               "--client-gateway",
+                                               word),
+                                   word);
+             }
+             r.executor_edits.add([addr](lbexe_setable_t &b) { b.clientgateway_ipv6 = addr; });
+         }},
+        {"--own-address", "ADDRESS|none", "the forwarder's own address",
+         [](request &r, word_t word) {
+             const lbip_addr_t addr = take_address_or_none(word);
+             r.executor_edits.add([addr](lbexe_setable_t &b) { b.nfa = addr; });
+         }},
+        {"--log-mask", "LIST", "what is logged: names and numbers, +NAME adds, -NAME takes away",
+         [](request &r, word_t word) {
+             static_cast<void>(take_mask(word, 0)); // complains now, not after the read
+             r.executor_edits.add(
+                 [word](lbexe_setable_t &b) { b.log_mask = take_mask(word, b.log_mask); });
+         }},
+        {"--ha-role", "ROLE", "solo, primary or backup",
+         [](request &r, word_t word) {
+             const auto role = static_cast<lb_u8_t>(take_name(word, vellb::ha_roles()));
+             r.executor_edits.add([role](lbexe_setable_t &b) { b.ha.role = role; });
+         }},
+        {"--ha-takeover", "STRATEGY", "manual or automatic",
+         [](request &r, word_t word) {
+             const auto strategy = static_cast<lb_u8_t>(take_name(word, vellb::ha_takeovers()));
+             r.executor_edits.add([strategy](lbexe_setable_t &b) { b.ha.tostrategy = strategy; });
+         }},
+        {"--ha-timeout", "TIME", "silence after which the partner is dead, 1s to 30s",
+         [](request &r, word_t word) {
+             const lb_u32_t timeout = take_seconds(word);
+             if (timeout < LBHA_TIMEOUT_MINIMUM || timeout > LBHA_TIMEOUT_MAXIMUM) {
+                 throw usage_error(fmt::format("'{}' is not from 1s to 30s", word), word);
+             }
+             r.executor_edits.add(
+                 [timeout](lbexe_setable_t &b) { b.ha.timeout = static_cast<lb_u8_t>(timeout); });
+         }},
+        {"--ha-replication", "WHAT", "none or connections",
+         [](request &r, word_t word) {
+             const auto what = static_cast<lb_u8_t>(take_name(word, vellb::ha_replications()));
+             r.executor_edits.add([what](lbexe_setable_t &b) { b.ha.repstrategy = what; });
+         }},
+        {"--ha-port", "PORT", "UDP port of the heartbeats",
+         [](request &r, word_t word) {
+             const auto port = static_cast<lb_u16_t>(take_number(word, 1, 65535));
+             r.executor_edits.add([port](lbexe_setable_t &b) { b.ha.port = port; });
+         }},
+    };
+    return options;
+}
+
+constexpr option CLUSTER_ID{"--id", "TEXT", "a name for people", [](request &r, word_t word) {
+                                const std::string id =
+                                    take_text(word, sizeof(lbclu_setable_t::clusterid) - 1);
+                                r.cluster_edits.add([id](lbclu_setable_t &b) {
+                                    memset(b.clusterid, 0, sizeof(b.clusterid));
+                                    id.copy(b.clusterid, sizeof(b.clusterid) - 1);
+                                });
+                            }};
+
+std::vector<option> port_set_options()
+{
+    return {
+        {"--stale-timeout", "TIME", "how long a record may stay idle, from 10s; default 6400s",
+         [](request &r, word_t word) {
+             const lb_u32_t seconds = take_seconds(word);
+             r.port_edits.add([seconds](lbport_setable_t &b) { b.staletimeout = seconds; });
+         }},
+        {"--sticky-time", "TIME", "how long a client keeps its server, from 10s",
+         [](request &r, word_t word) {
+             const lb_u32_t seconds = take_seconds(word);
+             r.port_edits.add([seconds](lbport_setable_t &b) { b.stickytime = seconds; });
+         }},
+        {"--reset", "on|off", "reset connections to servers of weight 0",
+         [](request &r, word_t word) {
+             const lb_u8_t reset = take_switch(word) ? 1 : 0;
+             r.port_edits.add([reset](lbport_setable_t &b) { b.reset = reset; });
+         }},
+        {"--replication", "WHAT", "none, connections, affinity or both",
+         [](request &r, word_t word) {
+             const auto what = static_cast<lb_u8_t>(take_name(word, vellb::ha_replications()));
+             r.port_edits.add([what](lbport_setable_t &b) { b.repstrategy = what; });
+         }},
+    };
+}
+
+std::vector<option> port_add_options()
+{
+    std::vector<option> options{
+        {"--algorithm", "NAME", "hash, connection, affinity, conn-affin or udprr; default hash",
+         [](request &r, word_t word) {
+             const auto name = static_cast<lb_u8_t>(take_name(word, vellb::algorithms()));
+             r.port_fixed.add([name](lbport_addable_t &b) { b.selectalg = name; });
+         }},
+        {"--udp-algorithm", "NAME", "the same for UDP; default udprr",
+         [](request &r, word_t word) {
+             const auto name = static_cast<lb_u8_t>(take_name(word, vellb::algorithms()));
+             r.port_fixed.add([name](lbport_addable_t &b) { b.udpselectalg = name; });
+         }},
+        {"--crossport", "PORT", "share the affinity table of that port",
+         [](request &r, word_t word) {
+             const auto port = static_cast<lb_u16_t>(take_number(word, 1, 65535));
+             r.port_fixed.add([port](lbport_addable_t &b) { b.crossport = port; });
+         }},
+    };
+    const auto more = port_set_options();
+    options.insert(options.end(), more.begin(), more.end());
+    return options;
+}
+
+std::vector<option> server_options()
+{
+    return {
+        {"--weight", "N", "its share of the traffic, 0 to 65535; default 10",
+         [](request &r, word_t word) {
+             const auto weight = static_cast<lb_u16_t>(take_number(word, 0, 65535));
+             r.server_edits.add([weight](lbsrv_setable_t &b) { b.weight = weight; });
+         }},
+        {"--id", "TEXT", "a name for people",
+         [](request &r, word_t word) {
+             const std::string id = take_text(word, sizeof(lbsrv_setable_t::serverid) - 1);
+             r.server_edits.add([id](lbsrv_setable_t &b) {
+                 memset(b.serverid, 0, sizeof(b.serverid));
+                 memcpy(b.serverid, id.data(), id.size());
+             });
+         }},
+        {"--sticky", "on|off", "make affinity records for its clients; default on",
+         [](request &r, word_t word) {
+             const lb_u32_t sticky = take_switch(word) ? 1 : 0;
+             r.server_edits.add([sticky](lbsrv_setable_t &b) { b.stickyflag = sticky; });
+         }},
+        {"--quiesced", "on|off", "at weight 0, keep its connections",
+         [](request &r, word_t word) {
+             const lb_u32_t quiesced = take_switch(word) ? 1 : 0;
+             r.server_edits.add([quiesced](lbsrv_setable_t &b) { b.quiesced = quiesced; });
+         }},
+    };
+}
+
+std::vector<option> interface_options(bool adds)
+{
+    return {
+        {"--mtu", "N", "the host's MTU; the forwarder's too",
+         [](request &r, word_t word) {
+             const lb_u32_t mtu = take_number(word, 68, 65535);
+             r.interface_edits.add([mtu](lbifin_setable_t &b) { b.mtu_sys = b.mtu_lb = mtu; });
+         },
+         adds},
+        {"--mac", "ADDRESS", "its hardware address, as in 02:00:00:00:00:01",
+         [](request &r, word_t word) {
+             const lbeth_addr_align_t mac = take_mac(word);
+             r.interface_edits.add([mac](lbifin_setable_t &b) { b.ethaddr = mac; });
+         },
+         adds},
+        {"--up", "yes|no", "is it up? default yes",
+         [](request &r, word_t word) {
+             const lb_u8_t up = yes_no(take_switch(word));
+             r.interface_edits.add([up](lbifin_setable_t &b) { b.isup_sys = b.isup_lb = up; });
+         }},
+        {"--arp", "yes|no", "does it do ARP? default yes",
+         [](request &r, word_t word) {
+             const lb_u8_t arp = yes_no(take_switch(word));
+             r.interface_edits.add([arp](lbifin_setable_t &b) { b.arp = arp; });
+         }},
+        {"--loopback", "yes|no", "is it a loopback? default no",
+         [](request &r, word_t word) {
+             const lb_u8_t loopback = yes_no(take_switch(word));
+             r.interface_edits.add([loopback](lbifin_setable_t &b) { b.loopback = loopback; });
+         }},
+        {"--point-to-point", "yes|no", "is it point-to-point? default no",
+         [](request &r, word_t word) {
+             const lb_u8_t ptp = yes_no(take_switch(word));
+             r.interface_edits.add([ptp](lbifin_setable_t &b) { b.isPTP = ptp; });
+         }},
+    };
+}
+
+constexpr option PEER{"--peer", "ADDRESS|none", "the far end of a point-to-point link",
+                      [](request &r, word_t word) {
+                          const lbip_addr_t peer = take_address_or_none(word);
+                          r.address_edits.add([peer](lbifaddr_setable_t &b) { b.peer = peer; });
+                      }};
+
+// --- Commands ------------------------------------------------------------------------------------
+
+void add_config_commands(std::vector<command> &table)
+{
+    table.insert(
+        table.end(),
+        {
+            {"show",
+             "",
+             "everything: executor, clusters, ports, servers, interfaces",
+             {},
+             {},
+             show_all},
+            {"executor",
+             "show",
+             "the forwarder's own settings and counters",
+             {},
+             {},
+             show_executor},
+            {"executor",
+             "set",
+             "change some of its settings",
+             {},
+             executor_options(),
+             executor_set,
+             true},
+            {"executor",
+             "stop",
+             "stop the daemon",
+             {},
+             {{"--yes", nullptr, "really", [](request &r, word_t) { r.confirmed = true; }}},
+             executor_stop},
+            {"cluster", "add", "own a cluster address", {CLUSTER}, {CLUSTER_ID}, cluster_add},
+            {"cluster", "set", "change a cluster", {CLUSTER}, {CLUSTER_ID}, cluster_set, true},
+            {"cluster", "rm", "give a cluster address up", {CLUSTER}, {RECURSIVE}, cluster_rm},
+            {"cluster", "show", "clusters and their counters", {SOME_CLUSTER}, {}, show_clusters},
+            {"port", "add", "serve a port of a cluster", {PORT}, port_add_options(), port_add},
+            {"port", "set", "change a port", {PORT}, port_set_options(), port_set, true},
+            {"port", "rm", "stop serving a port", {PORT}, {RECURSIVE}, port_rm},
+            {"port", "show", "ports and their counters", {SOME_PORT}, {}, show_ports},
+            {"server",
+             "add",
+             "add a server to a port",
+             {PORT, SERVER},
+             server_options(),
+             server_add},
+            {"server",
+             "set",
+             "change a server",
+             {PORT, SERVER},
+             server_options(),
+             server_set,
+             true},
+            {"server", "rm", "take a server from a port", {PORT, SERVER}, {RECURSIVE}, server_rm},
+            {"server",
+             "show",
+             "servers, their state and counters",
+             {SOME_PORT, SOME_SERVER},
+             {},
+             show_servers},
+        });
+}
+
+void add_interface_commands(std::vector<command> &table)
+{
+    const std::vector<option> sync_options{
+        {"--dry-run", nullptr, "only say what would be done",
+         [](request &r, word_t) { r.dry_run = true; }},
+        {"--only", "NAME", "leave all other interfaces alone; may be repeated",
+         [](request &r, word_t word) { r.only.push_back(take_interface(word)); }, false, true},
+    };
+    table.insert(
+        table.end(),
+        {
+            {"interface",
+             "sync",
+             "write the host's interfaces and IPv4 addresses (IPv6: not yet; no loopback)",
+             {},
+             sync_options,
+             interface_sync},
+            {"interface",
+             "add",
+             "add an interface by hand",
+             {INTERFACE},
+             interface_options(true),
+             interface_add},
+            {"interface",
+             "set",
+             "change an interface",
+             {INTERFACE},
+             interface_options(false),
+             interface_set,
+             true},
+            {"interface", "rm", "remove an interface", {INTERFACE}, {RECURSIVE}, interface_rm},
+            {"interface",
+             "show",
+             "interfaces and their addresses",
+             {SOME_INTERFACE},
+             {},
+             show_interfaces},
+            {"address",
+             "add",
+             "add an address of an interface",
+             {INTERFACE, OWN_PREFIX},
+             {PEER},
+             address_add},
+            {"address",
+             "set",
+             "change the peer of an address",
+             {INTERFACE, OWN_ADDRESS},
+             {PEER},
+             address_set,
+             true},
+            {"address",
+             "rm",
+             "remove an address of an interface",
+             {INTERFACE, OWN_ADDRESS},
+             {},
+             address_rm},
+            {"address",
+             "show",
+             "addresses of the interfaces",
+             {SOME_INTERFACE},
+             {},
+             show_addresses},
+            {"log-mask",
+             "decode",
+             "say what a log mask means",
+             {{"LIST", "a number, as in 0x40200, or names",
+               [](request &r, word_t word) { r.mask = take_mask(word, 0); }}},
+             {},
+             logmask_decode},
+            {"log-mask", "names", "the names of the log mask's bits", {}, {}, logmask_names},
+        });
+}
+
+} // namespace
+
+std::span<const command> commands()
+{
+    static const std::vector<command> table = [] {
+        std::vector<command> rows;
+        add_config_commands(rows);
+        add_interface_commands(rows);
+        return rows;
+    }();
+    return table;
+}
+
+} // namespace vellbctl

@@ -1,0 +1,38 @@
+// The host's interfaces against the daemon's interface tree: what must be done so that the tree
+// says what the host says.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "vellb/address.h"
+#include "vellb/tree.h"
+
+namespace vellbctl
+{
+
+// What the host says of itself (rtnetlink(7)): every interface but loopbacks, with its IPv4
+// addresses, in the host's order. The forwarder's own MTU and state are as the host's. Throws
+// std::system_error.
+std::vector<vellb::interface> read_host();
+
+struct sync_step {
+    std::string what;   // "add", "set", "rm"
+    std::string object; // "interface eth0", "address 10.0.0.1/24 of interface eth0"
+    std::string detail;
+    vellb::request command;
+};
+
+// Steps in an order that the daemon accepts: whatever is removed goes bottom-up. What is equal is
+// not touched. A forwarder's MTU or state that was set apart from the host's stays apart. With
+// `only`, all other interfaces are left alone.
+std::vector<sync_step> plan_sync(const std::vector<vellb::interface> &host,
+                                 const std::vector<vellb::interface> &tree,
+                                 const std::vector<std::string> &only);
+
+// Is there an interface that is up and has an address?
+bool is_usable(const std::vector<vellb::interface> &host);
+
+std::string interface_detail(const lbifin_setable_t &settings);
+
+} // namespace vellbctl

@@ -1,0 +1,174 @@
+// The host's interfaces and addresses over rtnetlink(7). Reads only. A dump that was interrupted by
+// a change is started again.
+#include <linux/if.h>
+#include <linux/if_addr.h>
+#include <linux/if_arp.h>
+#include <linux/rtnetlink.h>
+#include <system_error>
+
+#include <cerrno>
+#include <cstring>
+#include <libmnl/libmnl.h>
+#include <map>
+#include <memory>
+
+#include "ifsync.h"
+
+namespace vellbctl
+{
+
+namespace
+{
+
+[[noreturn]] void failed(const char *what)
+{
+    throw std::system_error(errno, std::system_category(), what);
+}
+
+struct host_state {
+    std::map<int, vellb::interface> interfaces{}; // by index: the order of creation
+};
+
+lb_u8_t yes_no(bool yes)
+{
+    return yes ? LBIFIN_YN_YES : LBIFIN_YN_NO;
+}
+
+// The bytes of an attribute, if it has at least as many as wanted.
+template <class T> bool copy_attribute(const nlattr *attribute, T &to, size_t size)
+{
+    if (mnl_attr_get_payload_len(attribute) < size) {
+        return false;
+    }
+    memcpy(&to, mnl_attr_get_payload(attribute), size);
+    return true;
+}
+
+// libmnl's own loop over attributes is a macro that only C accepts.
+template <class F> void each_attribute(const nlmsghdr *message, unsigned offset, F take)
+{
+    const auto call = [](const nlattr *attribute, void *data) {
+        (*static_cast<F *>(data))(attribute);
+        return MNL_CB_OK;
+    };
+    mnl_attr_parse(message, offset, call, &take);
+}
+
+int take_link(const nlmsghdr *message, void *data)
+{
+    auto *state = static_cast<host_state *>(data);
+    const auto *link = static_cast<const ifinfomsg *>(mnl_nlmsg_get_payload(message));
+    if ((link->ifi_flags & IFF_LOOPBACK) != 0) {
+        return MNL_CB_OK;
+    }
+    vellb::interface found;
+    lbifin_setable_t &settings = found.settings;
+    each_attribute(message, sizeof(*link), [&](const nlattr *attribute) {
+        const auto type = mnl_attr_get_type(attribute);
+        if (type == IFLA_IFNAME && mnl_attr_validate(attribute, MNL_TYPE_NUL_STRING) == 0) {
+            found.name = mnl_attr_get_str(attribute);
+        } else if (type == IFLA_MTU) {
+            copy_attribute(attribute, settings.mtu_sys, sizeof(settings.mtu_sys));
+        } else if (type == IFLA_ADDRESS && link->ifi_type == ARPHRD_ETHER) {
+            copy_attribute(attribute, settings.ethaddr.b, sizeof(settings.ethaddr.b));
+        }
+    });
+    settings.mtu_lb = settings.mtu_sys;
+    settings.isup_sys = yes_no((link->ifi_flags & IFF_UP) != 0);
+    settings.isup_lb = settings.isup_sys;
+    settings.arp = yes_no(link->ifi_type == ARPHRD_ETHER && (link->ifi_flags & IFF_NOARP) == 0);
+    settings.loopback = yes_no(false);
+    settings.isPTP = yes_no((link->ifi_flags & IFF_POINTOPOINT) != 0);
+    if (!found.name.empty() && found.name.size() < LBIFACE_NAMELEN) {
+        state->interfaces.emplace(link->ifi_index, std::move(found));
+    }
+    return MNL_CB_OK;
+}
+
+int take_address(const nlmsghdr *message, void *data)
+{
+    auto *state = static_cast<host_state *>(data);
+    const auto *header = static_cast<const ifaddrmsg *>(mnl_nlmsg_get_payload(message));
+    const auto owner = state->interfaces.find(static_cast<int>(header->ifa_index));
+    if (header->ifa_family != AF_INET || owner == state->interfaces.end()) {
+        return MNL_CB_OK;
+    }
+    lbip_addr_t local{};
+    lbip_addr_t far_end{};
+    each_attribute(message, sizeof(*header), [&](const nlattr *attribute) {
+        const auto type = mnl_attr_get_type(attribute);
+        if (type == IFA_LOCAL && copy_attribute(attribute, local.nboaddr.v4, 4)) {
+            local.version = 4;
+        } else if (type == IFA_ADDRESS && copy_attribute(attribute, far_end.nboaddr.v4, 4)) {
+            far_end.version = 4;
+        }
+    });
+    // IFA_ADDRESS is the far end of a point-to-point address, else the address itself.
+    local = local.version == 0 ? far_end : local;
+    if (local.version != 0) {
+        const bool peered = far_end.version != 0 && !vellb::same_address(local, far_end);
+        local.prefix = header->ifa_prefixlen;
+        owner->second.addresses.push_back({local, peered ? far_end : lbip_addr_t{}});
+    }
+    return MNL_CB_OK;
+}
+
+struct socket_closer {
+    void operator()(mnl_socket *socket) const { mnl_socket_close(socket); }
+};
+using mnl_socket_ptr_t = std::unique_ptr<mnl_socket, socket_closer>;
+
+// One dump request and its answers; errno EINTR if the host changed meanwhile.
+bool dump(mnl_socket *socket, unsigned sequence, lb_u16_t type, unsigned char family, mnl_cb_t take,
+          host_state &state)
+{
+    // What the kernel sends at most in one piece of a dump.
+    std::vector<char> buffer(32768);
+    nlmsghdr *request = mnl_nlmsg_put_header(buffer.data());
+    request->nlmsg_type = type;
+    request->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    request->nlmsg_seq = sequence;
+    auto *generic = static_cast<rtgenmsg *>(mnl_nlmsg_put_extra_header(request, sizeof(ifinfomsg)));
+    generic->rtgen_family = family;
+    if (mnl_socket_sendto(socket, request, request->nlmsg_len) < 0) {
+        return false;
+    }
+    for (;;) {
+        const ssize_t got = mnl_socket_recvfrom(socket, buffer.data(), buffer.size());
+        if (got < 0) {
+            return false;
+        }
+        const int more = mnl_cb_run(buffer.data(), static_cast<size_t>(got), sequence,
+                                    mnl_socket_get_portid(socket), take, &state);
+        if (more <= MNL_CB_STOP) {
+            return more == MNL_CB_STOP;
+        }
+    }
+}
+
+} // namespace
+
+std::vector<vellb::interface> read_host()
+{
+    constexpr int ATTEMPTS = 5;
+    for (int attempt = 1;; attempt++) {
+        const mnl_socket_ptr_t socket(mnl_socket_open(NETLINK_ROUTE));
+        if (!socket || mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) {
+            failed("rtnetlink socket");
+        }
+        host_state state;
+        if (dump(socket.get(), 1, RTM_GETLINK, AF_PACKET, take_link, state) &&
+            dump(socket.get(), 2, RTM_GETADDR, AF_INET, take_address, state)) {
+            std::vector<vellb::interface> result;
+            for (auto &[index, each] : state.interfaces) {
+                result.push_back(std::move(each));
+            }
+            return result;
+        }
+        if (errno != EINTR || attempt == ATTEMPTS) {
+            failed("reading the host's interfaces");
+        }
+    }
+}
+
+} // namespace vellbctl

@@ -1,0 +1,40 @@
+// One picture of the daemon, for people and for programs.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "vellb/tree.h"
+
+namespace vellbctl
+{
+
+// What of the picture is wanted.
+struct view {
+    bool executor = false;
+    bool clusters = false;
+    bool ports = false;
+    bool servers = false;
+    bool interfaces = false;
+    bool addresses = false;
+    // The document lists ports, servers or addresses by themselves, not within their parents.
+    bool flat = false;
+};
+
+// With an earlier picture: rates since then. `now_s`: wall-clock time, for the age of the daemon.
+std::string render_text(const vellb::picture &now, const vellb::picture *before, const view &what,
+                        long now_s);
+nlohmann::ordered_json render_json(const vellb::picture &now, const vellb::picture *before,
+                                   const view &what, long now_s);
+
+// Packets a second between two readings of a counter; 0 if it went backwards (a new daemon, or a
+// new object under an old key).
+double rate_of(lb_u64_t now, lb_u64_t before, std::chrono::steady_clock::duration between);
+
+// The same object in an earlier picture, or null.
+const vellb::cluster *find(const vellb::picture *in, const lbip_addr_t &cluster);
+const vellb::port *find(const vellb::picture *in, const vellb::port &port);
+const vellb::server *find(const vellb::picture *in, const vellb::port &port,
+                          const lbip_addr_t &server);
+
+} // namespace vellbctl

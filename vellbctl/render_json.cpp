@@ -1,0 +1,249 @@
+// The picture for programs. Numbers are numbers, times end in _s, states come as words. Reads
+// decoded blocks only.
+#include "render.h"
+#include "vellb/address.h"
+#include "vellb/names.h"
+
+namespace vellbctl
+{
+
+namespace
+{
+
+using json_t = nlohmann::ordered_json;
+
+json_t address_json(const lbip_addr_t &addr)
+{
+    return vellb::is_set(addr) ? json_t(vellb::address_text(addr)) : json_t(nullptr);
+}
+
+json_t counters_json(const lb_proto_stats_t &c)
+{
+    return {{"received", c.in}, {"forwarded", c.fwd},       {"generated", c.gen},
+            {"errors", c.err},  {"not_for_us", c.notforus}, {"discarded", c.discard}};
+}
+
+class json_renderer
+{
+  public:
+    json_renderer(const vellb::picture &now, const vellb::picture *before)
+        : now_(now), before_(before)
+    {
+    }
+
+    [[nodiscard]] json_t executor(long now_s) const;
+    [[nodiscard]] json_t cluster(const vellb::cluster &each) const;
+    [[nodiscard]] json_t port(const vellb::port &each) const;
+    [[nodiscard]] json_t server(const vellb::port &port, const vellb::server &each) const;
+    [[nodiscard]] static json_t interface(const vellb::interface &each);
+
+  private:
+    void add_rate(json_t &to, const char *name, lb_u64_t value, const lb_u64_t *earlier) const
+    {
+        if (before_ != nullptr && earlier != nullptr) {
+            to[name] = rate_of(value, *earlier, now_.taken - before_->taken);
+        }
+    }
+
+    const vellb::picture &now_;
+    const vellb::picture *before_;
+};
+
+json_t ha_json(const vellb::executor &executor)
+{
+    const lbha_setables_t &set = executor.settings.ha;
+    const lbha_getables_t &get = executor.readings.ha;
+    return {{"role", vellb::name_of(vellb::ha_roles(), set.role)},
+            {"state", vellb::name_of(vellb::ha_states(), get.state)},
+            {"takeover", vellb::name_of(vellb::ha_takeovers(), set.tostrategy)},
+            {"timeout_s", set.timeout},
+            {"replication", vellb::name_of(vellb::ha_replications(), set.repstrategy)},
+            {"port", set.port},
+            {"heartbeats", executor.heartbeats}};
+}
+
+json_t gateway_json(const lbip_addr_t &gateway, lb_u8_t state)
+{
+    if (!vellb::is_set(gateway)) {
+        return nullptr;
+    }
+    return {{"address", vellb::address_text(gateway)}, {"neighbour", vellb::neighbour_text(state)}};
+}
+
+json_t json_renderer::executor(long now_s) const
+{
+    const lbexe_setable_t &set = now_.executor.settings;
+    const lbexe_getable_t &get = now_.executor.readings;
+    json_t counters{{"ipv4", counters_json(get.ipv4stats)},
+                    {"ipv6", counters_json(get.ipv6stats)},
+                    {"arp", counters_json(get.arpstats)},
+                    {"icmp", counters_json(get.icmpstats)},
+                    {"icmpv6", counters_json(get.icmpv6stats)}};
+    const lbexe_getable_t *old = before_ != nullptr ? &before_->executor.readings : nullptr;
+    add_rate(counters["ipv4"], "received_per_s", get.ipv4stats.in,
+             old != nullptr ? &old->ipv4stats.in : nullptr);
+    add_rate(counters["ipv4"], "forwarded_per_s", get.ipv4stats.fwd,
+             old != nullptr ? &old->ipv4stats.fwd : nullptr);
+    return {
+        {"version", vellb::block_text(get.version, sizeof(get.version))},
+        {"started", get.starttime.secs},
+        {"up_s", now_s - get.starttime.secs},
+        {"client_gateway", gateway_json(set.clientgateway, get.clientgwneighstate)},
+        {"client_gateway_ipv6", gateway_json(set.clientgateway_ipv6, get.clientgwneighstate_ipv6)},
+        {"own_address", address_json(set.nfa)},
+        {"log_mask", set.log_mask},
+        {"log_mask_names", vellb::mask_text(set.log_mask)},
+        {"high_availability", ha_json(now_.executor)},
+        {"counters", counters}};
+}
+
+json_t json_renderer::server(const vellb::port &port, const vellb::server &each) const
+{
+    const lbsrv_setable_t &set = each.settings;
+    const lbsrv_getable_t &get = each.readings;
+    json_t counters = counters_json(get.ipstats);
+    const vellb::server *old = find(before_, port, each.address);
+    add_rate(counters, "forwarded_per_s", get.ipstats.fwd,
+             old != nullptr ? &old->readings.ipstats.fwd : nullptr);
+    const auto encapsulation = static_cast<lb_u8_t>(set.encapflags & LBSRV_ENCAPFLAG_TYPEMASK);
+    return {{"cluster", vellb::address_text(port.cluster)},
+            {"port", port.number},
+            {"server", vellb::address_text(each.address)},
+            {"id", vellb::block_text(set.serverid, sizeof(set.serverid))},
+            {"weight", set.weight},
+            {"neighbour", vellb::neighbour_text(get.neighstate)},
+            {"neighbour_state", get.neighstate},
+            {"up", set.serverup != 0},
+            {"sticky", set.stickyflag != 0},
+            {"quiesced", set.quiesced != 0},
+            {"collocated", set.Collocated != 0},
+            {"nat", each.fixed.nat != 0},
+            {"encapsulation", vellb::name_of(vellb::encapsulations(), encapsulation)},
+            {"encapsulation_mtu", set.encapmtu},
+            {"counters", counters},
+            {"icmp_counters", counters_json(get.icmpstats)},
+            {"connections",
+             {{"establishing", get.selstats.preest},
+              {"active", get.selstats.active},
+              {"finishing", get.selstats.fin}}}};
+}
+
+json_t json_renderer::port(const vellb::port &each) const
+{
+    json_t counters = counters_json(each.readings.ipstats);
+    const vellb::port *old = find(before_, each);
+    add_rate(counters, "forwarded_per_s", each.readings.ipstats.fwd,
+             old != nullptr ? &old->readings.ipstats.fwd : nullptr);
+    json_t servers = json_t::array();
+    for (const vellb::server &one : each.servers) {
+        servers.push_back(server(each, one));
+    }
+    return {{"cluster", vellb::address_text(each.cluster)},
+            {"port", each.number},
+            {"algorithm", vellb::name_of(vellb::algorithms(), each.fixed.selectalg)},
+            {"udp_algorithm", vellb::name_of(vellb::algorithms(), each.fixed.udpselectalg)},
+            {"crossport", each.fixed.crossport},
+            {"stale_timeout_s", each.settings.staletimeout},
+            {"sticky_time_s", each.settings.stickytime},
+            {"reset", each.settings.reset != 0},
+            {"replication", vellb::name_of(vellb::ha_replications(), each.settings.repstrategy)},
+            {"rules", each.rules},
+            {"counters", counters},
+            {"icmp_counters", counters_json(each.readings.icmpstats)},
+            {"choices",
+             {{"table", each.readings.sel_rr_tablecounter},
+              {"icmp", each.readings.sel_rr_icmpcounter},
+              {"udp", each.readings.sel_rr_connlesscounter}}},
+            {"servers", servers}};
+}
+
+json_t json_renderer::cluster(const vellb::cluster &each) const
+{
+    json_t counters = counters_json(each.readings.ipstats);
+    const vellb::cluster *old = find(before_, each.address);
+    add_rate(counters, "forwarded_per_s", each.readings.ipstats.fwd,
+             old != nullptr ? &old->readings.ipstats.fwd : nullptr);
+    json_t ports = json_t::array();
+    for (const vellb::port &one : each.ports) {
+        ports.push_back(port(one));
+    }
+    return {{"cluster", vellb::address_text(each.address)},
+            {"id", vellb::block_text(each.settings.clusterid, sizeof(each.settings.clusterid))},
+            {"counters", counters},
+            {"arp_counters", counters_json(each.readings.arpstats)},
+            {"icmp_counters", counters_json(each.readings.icmpstats)},
+            {"ports", ports}};
+}
+
+json_t json_renderer::interface(const vellb::interface &each)
+{
+    json_t addresses = json_t::array();
+    for (const vellb::interface_address &one : each.addresses) {
+        addresses.push_back({{"interface", each.name},
+                             {"address", vellb::address_text(one.address)},
+                             {"prefix", one.address.prefix},
+                             {"peer", address_json(one.peer)}});
+    }
+    const lbifin_setable_t &set = each.settings;
+    const auto word = [](lb_u8_t value) { return vellb::name_of(vellb::yes_no(), value); };
+    return {{"interface", each.name},
+            {"mac", vellb::mac_text(set.ethaddr)},
+            {"mtu", set.mtu_sys},
+            {"forwarder_mtu", set.mtu_lb},
+            {"up", word(set.isup_sys)},
+            {"forwarder_up", word(set.isup_lb)},
+            {"arp", word(set.arp)},
+            {"loopback", word(set.loopback)},
+            {"point_to_point", word(set.isPTP)},
+            {"addresses", addresses}};
+}
+
+} // namespace
+
+json_t render_json(const vellb::picture &now, const vellb::picture *before, const view &what,
+                   long now_s)
+{
+    const json_renderer renderer(now, before);
+    json_t document = json_t::object();
+    if (what.executor) {
+        document["executor"] = renderer.executor(now_s);
+    }
+    const bool nested = what.clusters && !what.flat;
+    for (const char *name : {nested ? "clusters" : "", what.flat && what.ports ? "ports" : "",
+                             what.flat && what.servers && !what.ports ? "servers" : ""}) {
+        if (*name != '\0') {
+            document[name] = json_t::array();
+        }
+    }
+    for (const vellb::cluster &each : now.clusters) {
+        if (nested) {
+            document["clusters"].push_back(renderer.cluster(each));
+            continue;
+        }
+        for (const vellb::port &port : each.ports) {
+            if (what.flat && what.ports) {
+                document["ports"].push_back(renderer.port(port));
+                continue;
+            }
+            for (const vellb::server &server : port.servers) {
+                document["servers"].push_back(renderer.server(port, server));
+            }
+        }
+    }
+    if (what.interfaces || what.addresses) {
+        const char *name = what.interfaces ? "interfaces" : "addresses";
+        document[name] = json_t::array();
+        for (const vellb::interface &each : now.interfaces) {
+            const json_t one = json_renderer::interface(each);
+            if (what.interfaces) {
+                document[name].push_back(one);
+            } else {
+                document[name].insert(document[name].end(), one["addresses"].begin(),
+                                      one["addresses"].end());
+            }
+        }
+    }
+    return document;
+}
+
+} // namespace vellbctl

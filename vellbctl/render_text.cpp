@@ -1,0 +1,338 @@
+// The picture for people: a few aligned tables that fit a terminal. Reads decoded blocks only.
+#include <algorithm>
+#include <fmt/format.h>
+#include <numeric>
+
+#include "render.h"
+#include "table.h"
+#include "vellb/address.h"
+#include "vellb/names.h"
+#include "words.h"
+
+namespace vellbctl
+{
+
+namespace
+{
+
+using std::to_string;
+
+std::string rate_text(double rate)
+{
+    constexpr double THOUSAND = 1000;
+    return rate >= THOUSAND * THOUSAND ? fmt::format("{:.2f}M", rate / THOUSAND / THOUSAND)
+           : rate >= 10 * THOUSAND     ? fmt::format("{:.1f}k", rate / THOUSAND)
+                                       : fmt::format("{:.0f}", rate);
+}
+
+class text_renderer
+{
+  public:
+    text_renderer(const vellb::picture &now, const vellb::picture *before)
+        : now_(now), before_(before)
+    {
+    }
+
+    [[nodiscard]] std::string executor(long now_s) const;
+    [[nodiscard]] std::string clusters() const;
+    [[nodiscard]] std::string ports() const;
+    [[nodiscard]] std::string servers() const;
+    [[nodiscard]] std::string interfaces() const;
+    [[nodiscard]] std::string addresses() const;
+
+  private:
+    // A last column with the rate of a counter, when there is something to compare with.
+    void with_rate(std::vector<column> &columns) const
+    {
+        if (before_ != nullptr) {
+            columns.insert(columns.end(), {"PKT/S", true});
+        }
+    }
+    void add_rate(std::vector<std::string> &cells, lb_u64_t value, const lb_u64_t *earlier) const
+    {
+        if (before_ != nullptr) {
+            cells.push_back(earlier == nullptr
+                                ? "-"
+                                : rate_text(rate_of(value, *earlier, now_.taken - before_->taken)));
+        }
+    }
+    [[nodiscard]] std::string protocols() const;
+
+    const vellb::picture &now_;
+    const vellb::picture *before_;
+};
+
+std::string gateway_text(const lbip_addr_t &gateway, lb_u8_t state)
+{
+    return vellb::is_set(gateway)
+               ? fmt::format("{} ({})", vellb::address_text(gateway), vellb::neighbour_text(state))
+               : "none";
+}
+
+std::string text_renderer::executor(long now_s) const
+{
+    const lbexe_setable_t &set = now_.executor.settings;
+    const lbexe_getable_t &get = now_.executor.readings;
+    const long age = now_s - get.starttime.secs;
+    std::string text =
+        fmt::format("vellb2 {}, up {}\n", vellb::block_text(get.version, sizeof(get.version)),
+                    age >= 0 ? seconds_text(static_cast<lb_u64_t>(age)) : "since a time to come");
+    const auto line = [&](const char *name, const std::string &value) {
+        text += fmt::format("  {:<20} {}\n", name, value);
+    };
+    line("client gateway", gateway_text(set.clientgateway, get.clientgwneighstate));
+    line("client gateway IPv6", gateway_text(set.clientgateway_ipv6, get.clientgwneighstate_ipv6));
+    line("own address", vellb::address_text(set.nfa));
+    line("log mask", fmt::format("0x{:x} {}", set.log_mask, vellb::mask_text(set.log_mask)));
+    std::string ha = vellb::name_of(vellb::ha_roles(), set.ha.role);
+    if (set.ha.role == LBHA_ROLE_PRIMARY || set.ha.role == LBHA_ROLE_BACKUP) {
+        ha += fmt::format(", {}, takeover {}, timeout {} s",
+                          vellb::name_of(vellb::ha_states(), get.ha.state),
+                          vellb::name_of(vellb::ha_takeovers(), set.ha.tostrategy), set.ha.timeout);
+    }
+    line("high availability", ha);
+    return text + "\n" + protocols();
+}
+
+std::string text_renderer::protocols() const
+{
+    std::vector<column> columns{{"PROTOCOL"},         {"RECEIVED", true},  {"FORWARDED", true},
+                                {"NOT FOR US", true}, {"DISCARDED", true}, {"ERRORS", true},
+                                {"GENERATED", true}};
+    with_rate(columns);
+    table_t table(columns);
+    const lbexe_getable_t &get = now_.executor.readings;
+    const lbexe_getable_t *old = before_ != nullptr ? &before_->executor.readings : nullptr;
+    const auto row = [&](const char *name, const lb_proto_stats_t lbexe_getable_t::*member) {
+        const lb_proto_stats_t &c = get.*member;
+        std::vector<std::string> cells{name,
+                                       to_string(c.in),
+                                       to_string(c.fwd),
+                                       to_string(c.notforus),
+                                       to_string(c.discard),
+                                       to_string(c.err),
+                                       to_string(c.gen)};
+        add_rate(cells, c.in, old != nullptr ? &(old->*member).in : nullptr);
+        table.row(std::move(cells));
+    };
+    row("IPv4", &lbexe_getable_t::ipv4stats);
+    row("IPv6", &lbexe_getable_t::ipv6stats);
+    row("ARP", &lbexe_getable_t::arpstats);
+    row("ICMP", &lbexe_getable_t::icmpstats);
+    row("ICMPv6", &lbexe_getable_t::icmpv6stats);
+    return table.text();
+}
+
+std::string text_renderer::clusters() const
+{
+    std::vector<column> columns{{"CLUSTER"},         {"ID"},
+                                {"PORTS", true},     {"FORWARDED", true},
+                                {"DISCARDED", true}, {"ERRORS", true}};
+    with_rate(columns);
+    table_t table(columns);
+    for (const vellb::cluster &each : now_.clusters) {
+        const lb_proto_stats_t &c = each.readings.ipstats;
+        const vellb::cluster *old = find(before_, each.address);
+        std::vector<std::string> cells{
+            vellb::address_text(each.address),
+            vellb::block_text(each.settings.clusterid, sizeof(each.settings.clusterid)),
+            to_string(each.ports.size()),
+            to_string(c.fwd),
+            to_string(c.discard),
+            to_string(c.err)};
+        add_rate(cells, c.fwd, old != nullptr ? &old->readings.ipstats.fwd : nullptr);
+        table.row(std::move(cells));
+    }
+    return table.empty() ? "no clusters\n" : table.text();
+}
+
+std::string text_renderer::ports() const
+{
+    std::vector<column> columns{{"PORT"},
+                                {"TCP"},
+                                {"UDP"},
+                                {"SERVERS", true},
+                                {"STALE", true},
+                                {"STICKY", true},
+                                {"FORWARDED", true},
+                                {"DISCARDED", true},
+                                {"ERRORS", true}};
+    with_rate(columns);
+    table_t table(columns);
+    for (const vellb::cluster &cluster : now_.clusters) {
+        for (const vellb::port &each : cluster.ports) {
+            const lb_proto_stats_t &c = each.readings.ipstats;
+            const vellb::port *old = find(before_, each);
+            const lb_u32_t sticky = each.settings.stickytime;
+            std::vector<std::string> cells{
+                vellb::endpoint_text(each.cluster, each.number),
+                vellb::name_of(vellb::algorithms(), each.fixed.selectalg),
+                vellb::name_of(vellb::algorithms(), each.fixed.udpselectalg),
+                to_string(each.servers.size()),
+                seconds_text(each.settings.staletimeout),
+                sticky != 0 ? seconds_text(sticky) : "-",
+                to_string(c.fwd),
+                to_string(c.discard),
+                to_string(c.err)};
+            add_rate(cells, c.fwd, old != nullptr ? &old->readings.ipstats.fwd : nullptr);
+            table.row(std::move(cells));
+        }
+    }
+    return table.empty() ? "no ports\n" : table.text();
+}
+
+std::string server_notes(const vellb::server &each)
+{
+    const lbsrv_setable_t &set = each.settings;
+    std::string notes = vellb::block_text(set.serverid, sizeof(set.serverid));
+    const auto add = [&](bool holds, const std::string &note) {
+        if (holds) {
+            notes += (notes.empty() ? "" : ", ") + note;
+        }
+    };
+    const auto encapsulation = static_cast<lb_u8_t>(set.encapflags & LBSRV_ENCAPFLAG_TYPEMASK);
+    add(set.serverup == 0, "down");
+    add(set.quiesced != 0, "quiesced");
+    add(set.stickyflag == 0, "not sticky");
+    add(set.Collocated != 0, "collocated");
+    add(each.fixed.nat != 0, "nat");
+    add(encapsulation != LBSRV_ENCAPTYPE_NONE,
+        vellb::name_of(vellb::encapsulations(), encapsulation));
+    return notes;
+}
+
+std::string text_renderer::servers() const
+{
+    std::vector<column> columns{{"PORT"},        {"SERVER"},    {"WEIGHT", true},
+                                {"SHARE", true}, {"NEIGHBOUR"}, {"FORWARDED", true},
+                                {"ERRORS", true}};
+    with_rate(columns);
+    columns.push_back({"NOTES"});
+    table_t table(columns);
+    const auto plus = [](unsigned sum, const vellb::server &s) { return sum + s.settings.weight; };
+    for (const vellb::cluster &cluster : now_.clusters) {
+        for (const vellb::port &port : cluster.ports) {
+            const unsigned sum =
+                std::accumulate(port.servers.begin(), port.servers.end(), 0U, plus);
+            for (const vellb::server &each : port.servers) {
+                const double share = sum != 0 ? 100.0 * each.settings.weight / sum
+                                              : 100.0 / static_cast<double>(port.servers.size());
+                const lb_proto_stats_t &c = each.readings.ipstats;
+                const vellb::server *old = find(before_, port, each.address);
+                std::vector<std::string> cells{vellb::endpoint_text(port.cluster, port.number),
+                                               vellb::address_text(each.address),
+                                               to_string(each.settings.weight),
+                                               fmt::format("{:.0f}%", share),
+                                               vellb::neighbour_text(each.readings.neighstate),
+                                               to_string(c.fwd),
+                                               to_string(c.err)};
+                add_rate(cells, c.fwd, old != nullptr ? &old->readings.ipstats.fwd : nullptr);
+                cells.push_back(server_notes(each));
+                table.row(std::move(cells));
+            }
+        }
+    }
+    return table.empty() ? "no servers\n" : table.text();
+}
+
+std::string yes_no_text(lb_u8_t value)
+{
+    return vellb::name_of(vellb::yes_no(), value);
+}
+
+std::string text_renderer::interfaces() const
+{
+    table_t table(
+        {{"INTERFACE"}, {"MAC"}, {"MTU", true}, {"UP"}, {"ARP"}, {"KIND"}, {"ADDRESSES"}});
+    for (const vellb::interface &each : now_.interfaces) {
+        const lbifin_setable_t &set = each.settings;
+        std::string addresses;
+        for (const vellb::interface_address &one : each.addresses) {
+            addresses += addresses.empty() ? "" : " ";
+            addresses += vellb::prefix_text(one.address);
+        }
+        const char *kind = set.loopback == LBIFIN_YN_YES ? "loopback"
+                           : set.isPTP == LBIFIN_YN_YES  ? "point-to-point"
+                                                         : "broadcast";
+        const bool apart = set.mtu_lb != set.mtu_sys;
+        table.row({each.name, vellb::mac_text(set.ethaddr),
+                   apart ? fmt::format("{} (forwarder {})", set.mtu_sys, set.mtu_lb)
+                         : to_string(set.mtu_sys),
+                   yes_no_text(set.isup_sys), yes_no_text(set.arp), kind, addresses});
+    }
+    return table.empty() ? "no interfaces: teach the daemon with: vellbctl interface sync\n"
+                         : table.text();
+}
+
+std::string text_renderer::addresses() const
+{
+    table_t table({{"INTERFACE"}, {"ADDRESS"}, {"PEER"}});
+    for (const vellb::interface &each : now_.interfaces) {
+        for (const vellb::interface_address &one : each.addresses) {
+            table.row({each.name, vellb::prefix_text(one.address), vellb::address_text(one.peer)});
+        }
+    }
+    return table.empty() ? "no addresses\n" : table.text();
+}
+
+} // namespace
+
+double rate_of(lb_u64_t now, lb_u64_t before, std::chrono::steady_clock::duration between)
+{
+    const double seconds = std::chrono::duration<double>(between).count();
+    return now < before || seconds <= 0 ? 0 : static_cast<double>(now - before) / seconds;
+}
+
+const vellb::cluster *find(const vellb::picture *in, const lbip_addr_t &cluster)
+{
+    if (in == nullptr) {
+        return nullptr;
+    }
+    const auto found = std::ranges::find_if(in->clusters, [&](const vellb::cluster &each) {
+        return vellb::same_address(each.address, cluster);
+    });
+    return found != in->clusters.end() ? &*found : nullptr;
+}
+
+const vellb::port *find(const vellb::picture *in, const vellb::port &port)
+{
+    const vellb::cluster *cluster = find(in, port.cluster);
+    if (cluster == nullptr) {
+        return nullptr;
+    }
+    const auto found = std::ranges::find(cluster->ports, port.number, &vellb::port::number);
+    return found != cluster->ports.end() ? &*found : nullptr;
+}
+
+const vellb::server *find(const vellb::picture *in, const vellb::port &port,
+                          const lbip_addr_t &server)
+{
+    const vellb::port *old = find(in, port);
+    if (old == nullptr) {
+        return nullptr;
+    }
+    const auto found = std::ranges::find_if(old->servers, [&](const vellb::server &each) {
+        return vellb::same_address(each.address, server);
+    });
+    return found != old->servers.end() ? &*found : nullptr;
+}
+
+std::string render_text(const vellb::picture &now, const vellb::picture *before, const view &what,
+                        long now_s)
+{
+    const text_renderer renderer(now, before);
+    std::string text;
+    const auto section = [&](bool wanted, const std::string &content) {
+        text += wanted && !text.empty() ? "\n" : "";
+        text += wanted ? content : "";
+    };
+    section(what.executor, renderer.executor(now_s));
+    section(what.clusters, renderer.clusters());
+    section(what.ports, renderer.ports());
+    section(what.servers, renderer.servers());
+    section(what.interfaces, renderer.interfaces());
+    section(what.addresses, renderer.addresses());
+    return text;
+}
+
+} // namespace vellbctl

@@ -1,0 +1,129 @@
+// Settings that will surprise. The hash algorithm takes the client's port modulo the sum of
+// weights, and Linux gives connect() even ports only (ip(7), ip_local_port_range; odd ones are kept
+// for bind()): over an even sum, only even remainders occur.
+#include "surprises.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <numeric>
+
+#include "vellb/address.h"
+
+namespace vellbctl
+{
+
+namespace
+{
+
+// Even numbers from `first` to before `last`.
+unsigned evens(unsigned first, unsigned last)
+{
+    return (last + 1) / 2 - (first + 1) / 2;
+}
+
+unsigned weight_of(const vellb::server &server, bool all_zero)
+{
+    return all_zero ? 1 : server.settings.weight;
+}
+
+std::vector<std::string> parity_surprises(const vellb::port &port, unsigned sum, bool all_zero)
+{
+    std::vector<std::string> starving;
+    std::vector<std::string> uneven;
+    unsigned first = 0;
+    for (const vellb::server &server : port.servers) {
+        const unsigned weight = weight_of(server, all_zero);
+        const unsigned got = evens(first, first + weight);
+        first += weight;
+        const std::string name = vellb::address_text(server.address);
+        if (weight != 0 && got == 0) {
+            starving.push_back(name);
+        } else if (2 * got != weight) {
+            uneven.push_back(fmt::format("{} gets {} of {} instead of {} of {}", name, got, sum / 2,
+                                         weight, sum));
+        }
+    }
+    if (starving.empty() && uneven.empty()) {
+        return {};
+    }
+    const std::string effect =
+        starving.empty() ? fmt::format("{}", fmt::join(uneven, ", "))
+                         : fmt::format("{} get{} none of their connections",
+                                       fmt::join(starving, ", "), starving.size() == 1 ? "s" : "");
+    const std::string remedy =
+        all_zero ? "give the servers weights with an odd sum" : "make the sum odd";
+    return {fmt::format("port {}: {} is even, and Linux clients connect from even ports only: {}; "
+                        "{}",
+                        vellb::endpoint_text(port.cluster, port.number),
+                        all_zero ? fmt::format("the number of servers ({})", sum)
+                                 : fmt::format("the sum of weights ({})", sum),
+                        effect, remedy)};
+}
+
+} // namespace
+
+std::vector<std::string> port_surprises(const vellb::port &port)
+{
+    std::vector<std::string> texts;
+    const auto plus = [](unsigned sum, const vellb::server &s) { return sum + s.settings.weight; };
+    const unsigned weights = std::accumulate(port.servers.begin(), port.servers.end(), 0U, plus);
+    const bool all_zero = weights == 0;
+    const auto sum = all_zero ? static_cast<unsigned>(port.servers.size()) : weights;
+    if (all_zero && !port.servers.empty()) {
+        texts.push_back(fmt::format("port {}: all servers have weight 0, so they take turns and "
+                                    "still get traffic; to drain the port, remove the servers",
+                                    vellb::endpoint_text(port.cluster, port.number)));
+    }
+    if (port.fixed.selectalg == LBSEL_ALGORIGHM_HASH && port.servers.size() > 1 && sum % 2 == 0) {
+        const auto more = parity_surprises(port, sum, all_zero);
+        texts.insert(texts.end(), more.begin(), more.end());
+    }
+    return texts;
+}
+
+std::vector<std::string> subnet_surprises(const lbip_addr_t &cluster,
+                                          const std::vector<vellb::interface> &interfaces)
+{
+    if (cluster.version != 4) {
+        return {};
+    }
+    for (const vellb::interface &interface : interfaces) {
+        for (const vellb::interface_address &each : interface.addresses) {
+            if (vellb::on_net(cluster, each.address) || vellb::same_address(cluster, each.peer)) {
+                return {};
+            }
+        }
+    }
+    return {fmt::format("no interface carries the subnet of cluster {}, so ARP requests for it are "
+                        "not answered; teach the daemon its interfaces: vellbctl interface sync",
+                        vellb::address_text(cluster))};
+}
+
+std::vector<std::string> gateway_surprises(const vellb::executor &executor)
+{
+    if (vellb::is_set(executor.settings.clientgateway)) {
+        return {};
+    }
+    return {"no client gateway is set, so resets cannot be sent to clients; set it: "
+            "vellbctl executor set --client-gateway ADDRESS"};
+}
+
+std::vector<std::string> surprises(const vellb::picture &now)
+{
+    std::vector<std::string> texts;
+    const auto take = [&](const std::vector<std::string> &more) {
+        texts.insert(texts.end(), more.begin(), more.end());
+    };
+    if (!now.clusters.empty()) {
+        take(gateway_surprises(now.executor));
+    }
+    for (const vellb::cluster &cluster : now.clusters) {
+        take(subnet_surprises(cluster.address, now.interfaces));
+        for (const vellb::port &port : cluster.ports) {
+            take(port_surprises(port));
+        }
+    }
+    return texts;
+}
+
+} // namespace vellbctl

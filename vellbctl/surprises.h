@@ -1,0 +1,22 @@
+// Settings that do what they say and yet not what people expect. Each function returns what to say
+// about it, nothing if all is well.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "vellb/tree.h"
+
+namespace vellbctl
+{
+
+// How the algorithm spreads over the port's servers.
+std::vector<std::string> port_surprises(const vellb::port &port);
+// Is the cluster's address on any interface's subnet?
+std::vector<std::string> subnet_surprises(const lbip_addr_t &cluster,
+                                          const std::vector<vellb::interface> &interfaces);
+std::vector<std::string> gateway_surprises(const vellb::executor &executor);
+// All of them.
+std::vector<std::string> surprises(const vellb::picture &now);
+
+} // namespace vellbctl
