@@ -23,6 +23,7 @@ namespace
 constexpr lb_u64_t LX_LOG_CLIENT = LB_LOG_HOST | LB_LOG_EVENT;
 constexpr int LX_BACKLOG = 1;
 constexpr int LX_SILENCE_S = 10;
+constexpr lb_s64_t LX_SILENCE_MS = 10000;
 constexpr int LX_ACCEPT_PAUSE_US = 100000;
 
 lb_s64_t lx_now_ms()
@@ -39,7 +40,7 @@ bool lx_may_wait(lb_s64_t moved_ms)
     if (lx_stopping()) {
         return false;
     }
-    if (lx_now_ms() - moved_ms >= LX_SILENCE_S * 1000) {
+    if (lx_now_ms() - moved_ms >= LX_SILENCE_MS) {
         LB_LOG_BARE(LX_LOG_CLIENT,
                     "ERROR: %s:%d client moved no byte for %d seconds, closing its connection\n",
                     __FILE_NAME__, __LINE__, LX_SILENCE_S);
@@ -103,6 +104,20 @@ bool lx_set_timeouts(int fd)
     return true;
 }
 
+// Says why a connection that can't go on ends: the client left (`error` 0) or the read failed.
+void lx_report_read(int error)
+{
+    if (error == 0) {
+        LB_LOG_BARE(LX_LOG_CLIENT, "ERROR: %s:%d read EOF from domain socket\n", __FILE_NAME__,
+                    __LINE__);
+        return;
+    }
+    errno = error;
+    std::perror("read from domain socket");
+    LB_LOG_BARE(LX_LOG_CLIENT, "ERROR: %s:%d read from domain socket %d\n", __FILE_NAME__, __LINE__,
+                error);
+}
+
 // Whether the whole buffer has arrived.
 bool lx_read_command(int fd, lbcmd_buf_t *buffer)
 {
@@ -111,21 +126,17 @@ bool lx_read_command(int fd, lbcmd_buf_t *buffer)
     lb_s64_t moved_ms = lx_now_ms();
     while (have < sizeof(*buffer)) {
         const ssize_t rc = read(fd, bytes + have, sizeof(*buffer) - have);
-        const int error = errno;
+        const int error = rc == 0 ? 0 : errno;
         if (rc > 0) {
             have += static_cast<std::size_t>(rc);
             moved_ms = lx_now_ms();
-        } else if (rc == 0) {
-            LB_LOG_BARE(LX_LOG_CLIENT, "ERROR: %s:%d read EOF from domain socket\n", __FILE_NAME__,
-                        __LINE__);
+            continue;
+        }
+        if (!lx_transient(error)) {
+            lx_report_read(error);
             return false;
-        } else if (!lx_transient(error)) {
-            errno = error;
-            std::perror("read from domain socket");
-            LB_LOG_BARE(LX_LOG_CLIENT, "ERROR: %s:%d read from domain socket %d\n", __FILE_NAME__,
-                        __LINE__, error);
-            return false;
-        } else if (!lx_may_wait(moved_ms)) {
+        }
+        if (!lx_may_wait(moved_ms)) {
             return false;
         }
     }

@@ -104,7 +104,7 @@ int lx_take_guard()
         std::fprintf(stderr, "vellb2 process is already running!!!!\n");
         std::exit(LX_EXIT_RUNNING); // NOLINT(concurrency-mt-unsafe): no thread has been started yet
     }
-    if (shmat(id, nullptr, 0) == reinterpret_cast<void *>(-1)) {
+    if (reinterpret_cast<std::intptr_t>(shmat(id, nullptr, 0)) == -1) {
         std::perror("shmat");
     }
     return id;

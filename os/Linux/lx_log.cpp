@@ -90,8 +90,8 @@ void lx_sitename(const char *line, char *name)
         len = std::strcspn(word, " \n");
     }
     len = len < LX_SITENAME - 1 ? len : LX_SITENAME - 1;
+    std::memset(name, 0, LX_SITENAME);
     std::memcpy(name, word, len);
-    name[len] = '\0';
 }
 
 unsigned lx_sitehash(const char *name)
@@ -120,7 +120,7 @@ lx_site_t *lx_findsite(const char *name, lb_s64_t second) LB_NEEDS(lx_sitelock)
     }
     if (spare != nullptr) {
         *spare = {};
-        std::strcpy(spare->name, name);
+        std::memcpy(spare->name, name, LX_SITENAME);
         spare->second = second;
     }
     return spare;
@@ -211,7 +211,7 @@ void lx_log_flush()
         int left_out = 0;
         lx_sitelock.lock();
         if (lx_sites[i].left_out > 0 && lx_sites[i].second != second) {
-            std::strcpy(name, lx_sites[i].name);
+            std::memcpy(name, lx_sites[i].name, LX_SITENAME);
             left_out = lx_sites[i].left_out;
             lx_sites[i].left_out = 0;
         }
