@@ -7,19 +7,21 @@
 // unlinked first; then lb_grace_now() takes the epoch and moves it on by one. lb_grace_passed()
 // wants every slot to hold 0 or a newer epoch than that.
 //
-// Why such a thread can't reach the object (the slots, and the epoch, are sequentially consistent,
-// so there is one order S of all their accesses; now() stands before passed() in it):
-// - The slot holds a newer epoch. The thread read it from the increment in now() or a later one,
-// and
-//   so sees what came before: the unlinking. Whatever it did in an earlier stay came before this
-//   write to its slot, which passed() has read: the free comes after it.
-// - The slot holds 0, and the thread had been inside: leave() wrote that 0 after its last use, and
-//   passed() has read it: the free comes after.
-// - The slot holds 0, and the thread enters afterwards: its write of the slot stands behind
-// passed()
-//   in S, and the second reading of the epoch behind that, so it reads what now() wrote or
-//   something newer, and the thread sees the unlinking before it touches anything. This is what the
-//   second reading is for: its value is not used.
+// Why such a thread can't reach the object: the slots and the epoch are sequentially consistent, so
+// there is one order of all their accesses, in which now() stands before passed(). Three cases.
+//
+// The slot holds a newer epoch: the thread read it from the increment in now() or a later one, and
+// so sees what came before, the unlinking. Whatever it did in an earlier stay came before this
+// write to its slot, which passed() has read: the free comes after it.
+//
+// The slot holds 0, and the thread had been inside: leave() wrote that 0 after its last use, and
+// passed() has read it: the free comes after.
+//
+// The slot holds 0, and the thread enters afterwards: its write of the slot stands behind passed(),
+// and the second reading of the epoch behind that, so it reads what now() wrote or something newer,
+// and the thread sees the unlinking before it touches anything. This is what the second reading is
+// for: its value is not used.
+//
 // A thread that reads an old epoch and is delayed before it writes its slot shows an old epoch
 // while it is inside: that makes others wait longer, no more.
 #include "lb_grace.h"

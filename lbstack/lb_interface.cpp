@@ -463,6 +463,11 @@ bool lbifin_doesarp(const lbifin_obj_t *ifin)
     return lb_peek(ifin->setable.arp) == LBIFIN_YN_YES;
 }
 
+bool lbifin_haslinkheader(const lbifin_obj_t *ifin)
+{
+    return !lbifin_isptp(ifin) && lb_peek(ifin->setable.arp) != LBIFIN_YN_NO;
+}
+
 int lbifin_ll_select(void *key, void *obj)
 {
     return _lbiface_ll_select(key, obj);

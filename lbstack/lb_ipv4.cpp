@@ -300,7 +300,7 @@ int _lbipv4_pbuf_sendreset(lbpbuf_obj_t *pkt)
     os_memcpy(reset.eth.dst.b, dst.b, LBETH_ADDRLEN);
     os_memcpy(reset.eth.src.b, src.b, LBETH_ADDRLEN);
     lb_put16(reset.eth.type, LBETH_TYPE_IPV4);
-    void *eth = lbifin_isptp(route->ifin) ? nullptr : &reset.eth;
+    void *eth = lbifin_haslinkheader(route->ifin) ? &reset.eth : nullptr;
     LB_LOG(LB_LOG_TCPUDP | LB_LOG_FAILURE, "Calling os_packetxmit\n");
     os_packetxmit(eth, &reset.ip, sizeof(reset.ip) + sizeof(reset.tcp), &route->xmithndl, nullptr);
     return 0;

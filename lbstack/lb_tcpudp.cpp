@@ -89,10 +89,10 @@ int lbtcpudp_pbuf_entry(lbpbuf_obj_t *pkt)
             return LB_PACKETRC_CONSUMED;
         }
         pkt->pseudotcpflags = pkt->ulp.tcp->flags & LBTCP_FLAGMASK;
-        return _lbtcpudp_select(pkt, selectfunc[pkt->port->addable.selectalg].choose);
+        return _lbtcpudp_select(pkt, selectfunc[lb_peek(pkt->port->addable.selectalg)].choose);
     case LBIP_PROTO_UDP:
         pkt->pseudotcpflags = UDP_PSEUDOFLAGS;
-        return _lbtcpudp_select(pkt, selectfunc[pkt->port->addable.udpselectalg].choose);
+        return _lbtcpudp_select(pkt, selectfunc[lb_peek(pkt->port->addable.udpselectalg)].choose);
     default:
         LB_LOG(LB_LOG_TCPUDP | LB_LOG_FAILURE, "Error: unknown protocol: %d\n",
                pkt->ipfuncs->getproto(pkt));

@@ -63,9 +63,13 @@ int lbifcol_exit();
 // The address of `ifin` whose far end is `addr`, or null.
 [[nodiscard]] lbip_addr_t *lbifin_getsrcp2pip(lbifin_obj_t *ifin, lbip_addr_t *addr);
 
-// Whether frames on this interface carry no Ethernet header or need no ARP.
+// Whether it is a point-to-point link, which carries bare IP.
 [[nodiscard]] bool lbifin_isptp(const lbifin_obj_t *ifin);
-[[nodiscard]] bool lbifin_doesarp(const lbifin_obj_t *ifin); // arp is YES
+// Whether neighbours on it are found by ARP.
+[[nodiscard]] bool lbifin_doesarp(const lbifin_obj_t *ifin);
+// Whether packets that the stack builds get an Ethernet header on it: neither a point-to-point link
+// nor one with ARP switched off.
+[[nodiscard]] bool lbifin_haslinkheader(const lbifin_obj_t *ifin);
 
 int lbifin_ll_select(void *key, void *obj);    // key: lbiface_key_t
 int lbifin_ll_selectall(void *key, void *obj); // every instance
