@@ -223,6 +223,7 @@ TEST_F(GraceTest, AMutexThatFailsLosesNothing)
         lb_grace_timer_entry();
         EXPECT_EQ(fake::live_allocations(), 0);
     }
+    EXPECT_FALSE(fake::log_contains("is lost"));
 }
 
 TEST_F(GraceTest, InitialisationFails)
