@@ -368,7 +368,7 @@ class StackTest : public FakeHostTest
              keys = children_of(keytype, key)) {
             for (const lbcmd_key_t &child : keys) {
                 remove_below(keytype, child);
-                EXPECT_EQ(rm(keytype, child), LBCMD_RC_SUCCESS);
+                ASSERT_EQ(rm(keytype, child), LBCMD_RC_SUCCESS) << "an object can't be removed";
             }
         }
     }
