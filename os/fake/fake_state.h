@@ -9,7 +9,7 @@ namespace fake::detail
 {
 
 // Counts the call; true if it is the one that was asked to fail.
-bool must_fail(int op);
+bool must_fail(int which);
 
 extern std::atomic<std::int64_t> held_frames;
 extern std::atomic<std::uint64_t> unheld_frees;
