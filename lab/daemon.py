@@ -150,6 +150,23 @@ class Daemon:
             words = shlex.split(words[0])
         return json.loads(self.ctl("--json", *words).stdout)
 
+    def counters(self, protocol="ipv4"):
+        """The executor's counters of a protocol."""
+        return self.ctl_json("executor show")["executor"]["counters"][protocol]
+
+    def servers(self):
+        """Every server of every port, as vellbctl's JSON shows them."""
+        return self.ctl_json("server show")["servers"]
+
+    def wait_neighbour(self, address, state="reachable", timeout=5):
+        """Waits until every server entry of an address shows a state of its neighbour."""
+
+        def there():
+            states = {s["neighbour"] for s in self.servers() if s["server"] == address}
+            return states == {state}
+
+        wait_until(there, timeout, f"{address} to be {state}", interval=0.05)
+
     def command(self, *args, **kwargs):
         """One command by hand, see lab.command.request; the parsed answer."""
         return command.call(self.socket, *args, **kwargs)

@@ -13,8 +13,9 @@ import pathlib
 import signal
 import socket
 import subprocess
+import sys
 
-from lab.core import LabError, build_dir, run, wait_until
+from lab.core import REPO, LabError, build_dir, run, wait_until
 from lab.frames import Capture, Injector
 
 CLONE_NEWNET = 0x40000000
@@ -139,6 +140,20 @@ class Node:
         kwargs.setdefault("stdin", subprocess.DEVNULL)
         process = subprocess.Popen(self.argv(argv), env=self.environment(env),
                                    start_new_session=True, **kwargs)
+        self.lab.adopt(process)
+        return process
+
+    def sender(self, frames, per_second, ifname="eth0"):
+        """Starts a process that sends frames (bytes) at a steady rate and ends; see lab.sender."""
+        path = self.lab.dir / f"{self.name}-{len(self.lab.nodes)}-{id(frames)}.frames"
+        with open(path, "wb") as out:
+            for frame in frames:
+                out.write(len(frame).to_bytes(2, "big") + frame)
+        process = subprocess.Popen(
+            ["ip", "netns", "exec", self.namespace, "setpriv", "--pdeathsig", "KILL", "--",
+             sys.executable, "-B", "-m", "lab.sender", ifname, str(per_second), str(path)],
+            cwd=REPO, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            text=True, start_new_session=True)
         self.lab.adopt(process)
         return process
 

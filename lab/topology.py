@@ -57,13 +57,15 @@ class Basic:
         return self.daemon
 
     def configure(self, port=80, algorithm="hash", weights=None, cluster=None):
-        """A cluster with one port and every server behind it."""
+        """A cluster with one port and every server behind it, once each server's MAC is known."""
         cluster = cluster or self.CLUSTER
         self.daemon.ctl("cluster", "add", cluster)
         self.daemon.ctl("port", "add", f"{cluster}:{port}", "--algorithm", algorithm)
         for number, _ in enumerate(self.servers, start=1):
             weight = ["--weight", weights[number - 1]] if weights else []
             self.daemon.ctl("server", "add", f"{cluster}:{port}", self.server_address(number), *weight)
+        for number, _ in enumerate(self.servers, start=1):
+            self.daemon.wait_neighbour(self.server_address(number))
 
 
 class Routed(Basic):
