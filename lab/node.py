@@ -50,6 +50,8 @@ def _make_namespace(name, ipv6=False):
     with _inside(name):
         for scope in ("all", "default"):
             _write_sysctl(f"net.ipv6.conf.{scope}.disable_ipv6", 0 if ipv6 else 1)
+        # A bridge is a wire here: the kernel's firewall must not drop malformed packets on it.
+        _write_sysctl("net.bridge.bridge-nf-call-iptables", 0)
     run(["ip", "-n", name, "link", "set", "lo", "up"])
 
 

@@ -21,9 +21,9 @@ def pytest_configure():
 
 @pytest.fixture(name="net", scope="module")
 def _net(request):
-    """The topology Basic; a module's NET names another one."""
+    """The topology Basic; a module's make_net(lab) makes another one."""
     with Lab() as lab:
-        yield getattr(request.module, "NET", Basic)(lab)
+        yield getattr(request.module, "make_net", Basic)(lab)
 
 
 @pytest.fixture(name="daemon", scope="module")

@@ -11,7 +11,7 @@ import pytest
 
 from lab import Routed
 
-NET = Routed  # the client sits behind a router, which is the client gateway
+make_net = Routed  # the client sits behind a router, which is the client gateway
 REQUESTS = 10_000
 WEIGHTS = (1, 3, 1)
 UPLOAD = 7000
