@@ -1,9 +1,10 @@
 """Frames through the forwarders: measures each way of bench.bed in turn, round after round.
 
-Two questions a way and round. Flat out: the generator offers far more than any forwarder takes;
+Three questions a way and round. Flat out: the generator offers far more than any forwarder takes;
 how many frames a second arrive at the sink, and what does each cost? At a moderate rate: how many
-of those that were sent are missing at the sink, and what does each cost? Rounds are interleaved, so
-that what disturbs the machine for a while disturbs all ways alike; figures are medians of them.
+of those that were sent are missing at the sink, and what does each cost? And up to which rate does
+(almost) nothing get lost, as RFC 2544, 26.1, asks? Rounds are interleaved, so that what disturbs the
+machine for a while disturbs all ways alike; figures are medians of them.
 """
 
 import json
@@ -15,15 +16,19 @@ from bench.bed import Bed
 from lab import Lab, LabError, wait_until
 
 MODERATE_RATE = 100_000
+LOWEST_RATE, HIGHEST_RATE = 50_000, 1_000_000  # of the search for the highest rate without loss
+LOSS_ALLOWED = 0.001
 
 
 class Times:
     """How long things take: warming up, the window that is measured, how many rounds."""
 
     def __init__(self, quick):
-        self.rounds = 3 if quick else 7
+        self.rounds = 3 if quick else 5
         self.warm = 0.2 if quick else 0.3
         self.window = 0.4 if quick else 1.0
+        self.trials = 4 if quick else 6
+        self.trial = 0.3 if quick else 0.4
 
 
 class Snapshot:
@@ -75,6 +80,31 @@ def measure(bed, way, rate, times):
             "core_busy": (napi_us + process_us) * received / seconds / 1e6}
 
 
+def _trial(bed, way, rate, seconds):
+    """Sends at a rate: what part was lost, and the rate that the generator reached."""
+    before = _settled(bed, way)
+    pump = bed.pump(way, int(rate), seconds, stdout=subprocess.PIPE, text=True)
+    said = json.loads(pump.communicate(timeout=20)[0])
+    lost = said["sent"] - (_settled(bed, way) - before)
+    return max(lost, 0) / said["sent"], said["sent"] / said["seconds"]
+
+
+def search(bed, way, times):
+    """The highest rate at which no more than LOSS_ALLOWED is lost, by halving the interval (on a
+    logarithmic scale); `bound` says that the generator, not the forwarder, was the limit."""
+    low, high, bound = LOWEST_RATE, HIGHEST_RATE, False
+    for _ in range(times.trials):
+        rate = (low * high) ** 0.5
+        loss, reached = _trial(bed, way, rate, times.trial)
+        if loss > LOSS_ALLOWED:
+            high, bound = rate, False
+        elif reached < 0.97 * rate:
+            low, high, bound = max(low, reached), rate, True
+        else:
+            low = rate
+    return {"no_loss_per_s": low, "bound": bound}
+
+
 def _summary(rounds):
     """Medians of every figure, and the spread of the one that matters."""
     figures = {key: statistics.median(r[key] for r in rounds)
@@ -100,7 +130,11 @@ def run(quick=False, progress=lambda text: None):
                 progress(f"round {number} of {times.rounds}: {way.title}")
                 for kind, rate in (("flat_out", 0), ("moderate", MODERATE_RATE)):
                     taken.setdefault((way.title, kind), []).append(measure(bed, way, rate, times))
+                taken.setdefault((way.title, "search"), []).append(search(bed, way, times))
         titles = [way.title for way in bed.ways]
     return {"rounds": times.rounds, "window_s": times.window, "moderate_rate": MODERATE_RATE,
             "ways": [{"title": title, "flat_out": _summary(taken[title, "flat_out"]),
-                      "moderate": _summary(taken[title, "moderate"])} for title in titles]}
+                      "moderate": _summary(taken[title, "moderate"]),
+                      "no_loss_per_s": statistics.median(t["no_loss_per_s"] for t in taken[title, "search"]),
+                      "no_loss_bound": any(t["bound"] for t in taken[title, "search"])}
+                     for title in titles]}

@@ -1,6 +1,6 @@
 """Measures vellb2: what one packet costs in the stack, and what frames cost in a forwarder.
 
-  script/bench              both, in about three minutes
+  script/bench              both, in about five minutes
   script/bench micro        nanoseconds and allocations a packet, on the host in memory
   script/bench lab          frames a second and CPU time a frame, in namespaces, beside the kernel's
                             routing and an nftables balancer (needs root)
@@ -130,7 +130,12 @@ def show_lab(lab):
             *(f"{w['moderate'][f]:.2f}" for f in ("us_per_frame", "us_per_frame_min", "us_per_frame_max")),
             ratio(w, "moderate", "us_per_frame"), f"{w['moderate']['us_napi']:.2f}",
             f"{w['moderate']['us_process']:.2f}"] for w in lab["ways"]])
+    table("Highest rate at which no more than 0.1% is lost",
+          ["", "frames/s", "x routing"],
+          [[w["title"], f"{'over ' if w['no_loss_bound'] else ''}{w['no_loss_per_s']:,.0f}",
+            f"{w['no_loss_per_s'] / routing['no_loss_per_s']:.2f}"] for w in lab["ways"]])
     print("""
+  over      the generator reached no higher rate
   frames/s  frames that reached the sink; CPU us/frame: run time of the forwarder's threads, divided
             by those frames. NAPI: the kernel's receiving thread. process: vellb2, system calls included""")
     late = max(w["moderate"]["late"] for w in lab["ways"])
