@@ -410,7 +410,7 @@ TEST_F(ForwardTest, WorkersTimerAndCommandsTogether)
             tick_once();
         }
     });
-    for (int round = 0; round < 100; round++) {
+    for (int round = 0; round < 100 || received < 2000; round++) {
         EXPECT_EQ(add_ifaddr("eth1", "10.9.0.1/24"), LBCMD_RC_SUCCESS);
         EXPECT_EQ(add_server(CLUSTER, 443, "10.9.0.11"), LBCMD_RC_SUCCESS);
         EXPECT_EQ(rm_ifaddr("eth1", "10.9.0.1/24"), LBCMD_RC_SUCCESS);
