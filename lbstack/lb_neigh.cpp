@@ -247,7 +247,10 @@ void _lbneigh_send(lbneigh_obj_t *entry, int type)
         return;
     }
     if (route == nullptr) {
-        LB_LOG(LB_LOG_NEIGH | LB_LOG_EVENT, "no interface or non-arp interface, no query sent\n");
+        if ((lb_peek(entry->state) & LBNEIGH_STATEMOD_NOIFACE) != 0) {
+            LB_LOG(LB_LOG_NEIGH | LB_LOG_EVENT,
+                   "no interface or non-arp interface, no query sent\n");
+        }
         return;
     }
     if (lbifin_isptp(route->ifin) || !lbifin_doesarp(route->ifin)) {
