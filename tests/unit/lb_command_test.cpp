@@ -369,23 +369,55 @@ TEST_F(CommandTest, NothingIsFreedWhileAReaderIsInside)
     ASSERT_ADDED(add_cluster(C));
     ASSERT_ADDED(add_port(C, 80));
     ASSERT_ADDED(add_server(C, 80, S));
-    tick_once();
-    lbpbuf_drain();
-    const auto full = fake::live_allocations();
-    {
-        Reader reader;
-        EXPECT_EQ(rm_server(C, 80, S), LBCMD_RC_SUCCESS);
-        EXPECT_EQ(rm_port(C, 80), LBCMD_RC_SUCCESS);
-        EXPECT_EQ(rm_cluster(C), LBCMD_RC_SUCCESS);
-        EXPECT_EQ(rm_ifaddr("eth0", "10.0.0.1/24"), LBCMD_RC_SUCCESS);
-        EXPECT_EQ(rm_interface("eth0"), LBCMD_RC_SUCCESS);
-        tick(10);
+    const struct {
+        const char *name;
+        lbcmd_keytype_e keytype;
+        lbcmd_key_t key;
+    } rows[] = {
+        {"server", LBCMD_KEYTYPE_CONFIG, cfgkey(C, 80, S)},
+        {"port", LBCMD_KEYTYPE_CONFIG, cfgkey(C, 80)},
+        {"cluster", LBCMD_KEYTYPE_CONFIG, cfgkey(C)},
+        {"address", LBCMD_KEYTYPE_IFACE, ifacekey("eth0", "10.0.0.1/24")},
+        {"interface", LBCMD_KEYTYPE_IFACE, ifacekey("eth0")},
+    };
+    for (const auto &row : rows) {
+        tick_once();
         lbpbuf_drain();
-        EXPECT_EQ(fake::live_allocations(), full);
+        const auto full = fake::live_allocations();
+        {
+            Reader reader;
+            EXPECT_EQ(rm(row.keytype, row.key), LBCMD_RC_SUCCESS) << row.name;
+            tick(10);
+            lbpbuf_drain();
+            EXPECT_EQ(fake::live_allocations(), full) << row.name;
+        }
+        tick(1);
+        lbpbuf_drain();
+        EXPECT_LT(fake::live_allocations(), full) << row.name;
     }
-    tick(4);
-    lbpbuf_drain();
     EXPECT_EQ(fake::live_allocations(), 0);
+}
+
+// The one at the head declines until it is ripe, and those behind it are not asked.
+TEST_F(CommandTest, ReapingKeepsTheOrderOfRemoval)
+{
+    ASSERT_ADDED(add_cluster(C));
+    ASSERT_ADDED(add_port(C, 80));
+    ASSERT_ADDED(add_server(C, 80, S));
+    set_executor_log_mask(LB_LOG_REAP);
+    EXPECT_EQ(rm_server(C, 80, S), LBCMD_RC_SUCCESS);
+    EXPECT_EQ(rm_port(C, 80), LBCMD_RC_SUCCESS);
+    EXPECT_EQ(rm_cluster(C), LBCMD_RC_SUCCESS);
+    tick(2);
+    tick_once();
+    EXPECT_EQ(fake::log_count("server reap"), 5);
+    EXPECT_EQ(fake::log_count("port reap"), 0);
+    EXPECT_EQ(fake::log_count("cluster reap"), 0);
+    EXPECT_EQ(fake::log_count(" not reaped"), 5);
+    tick_once();
+    EXPECT_EQ(fake::log_count("port reap"), 1);
+    EXPECT_EQ(fake::log_count("reaping cluster"), 1);
+    EXPECT_EQ(fake::log_count(" not reaped"), 5);
 }
 
 TEST_F(CommandTest, ReapingSurvivesAClockThatIsSetBack)

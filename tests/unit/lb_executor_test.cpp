@@ -65,6 +65,7 @@ TEST_F(ExecutorTest, GatewayFollowsTheSetting)
     const lbneigh_obj_t *&gateway = const_cast<const lbneigh_obj_t *&>(lbexecutor->clientgw_neigh);
     lbip_addr_t first = ip("10.0.0.1");
     lbip_addr_t second = ip("10.0.0.2");
+    set_executor_log_mask(LB_LOG_EXECUTOR);
     EXPECT_EQ(set_client_gateway("10.0.0.1"), LBCMD_RC_SUCCESS);
     const lbneigh_obj_t *neigh = gateway;
     ASSERT_NE(neigh, nullptr);
@@ -75,6 +76,7 @@ TEST_F(ExecutorTest, GatewayFollowsTheSetting)
     EXPECT_EQ(set_client_gateway("10.0.0.1"), LBCMD_RC_SUCCESS);
     EXPECT_EQ(gateway, neigh);
     EXPECT_EQ(neigh->usecount, 1U) << "the same address takes no second use";
+    EXPECT_FALSE(fake::log_contains("removing"));
 
     EXPECT_EQ(set_client_gateway("10.0.0.2"), LBCMD_RC_SUCCESS);
     EXPECT_EQ(lbneigh_lookup(&first), nullptr);
