@@ -149,7 +149,7 @@ TEST(vellb_names, neighbours_in_words)
     const std::pair<int, const char *> rows[] = {
         {0, "none"},
         {1, "reachable"},
-        {3, "asking (1 of 3)"},
+        {3, "asking 1 of 3"},
         {6 | 64, "dead, servers down"},
         {2 | 16, "verifying, no interface"},
         {0x20, "cannot transmit"},

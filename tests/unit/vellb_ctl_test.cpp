@@ -549,4 +549,17 @@ TEST_F(vellbctl_show, watching_shows_rates)
     EXPECT_EQ(split(got.out).at(6), "ERRORS");
 }
 
+TEST_F(vellbctl_show, watching_as_json_is_a_document_a_line)
+{
+    std::istringstream lines(run("show -w 0.1 --count 2 --json").out);
+    std::vector<nlohmann::json> documents;
+    for (std::string line; std::getline(lines, line);) {
+        documents.push_back(nlohmann::json::parse(line));
+    }
+    ASSERT_EQ(documents.size(), 2U);
+    const auto counters = [&](size_t i) { return documents[i]["executor"]["counters"]["ipv4"]; };
+    EXPECT_FALSE(counters(0).contains("received_per_s"));
+    EXPECT_EQ(counters(1).at("received_per_s"), 0);
+}
+
 } // namespace
