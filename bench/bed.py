@@ -1,27 +1,28 @@
-"""The benchmark's network: a generator, the forwarders side by side, a sink.
+"""The benchmark's network: a generator, the forwarders side by side, the servers' host.
 
-     +-----+ g1        c1 +------------+ s1        t1 +------+
-     | gen |--------------| -n 1 ...   |--------------| sink |
-     |     | 10.1.0.1  .2 +------------+ 10.1.1.2     |      | 10.1.1.11 .12 .13
-     |     | g2        c2 +------------+ s2        t2 |      |
-     |     |--------------| routing    |--------------|      |     every forwarder has a pair of
-     +-----+ 10.2.0.1  .2 +------------+ 10.2.1.2     +------+     cables of its own; only one is
-                                ...                                loaded at a time
+     +-----+ g1        c1 +------------+ s1        t1 +---------+
+     | gen |--------------| -n 1     (sink)-----------| servers |
+     |     | 10.1.0.1  .2 +------------+ 10.1.1.2     |         | 10.1.1.11 .12 .13
+     |     | g2        c2 +------------+ s2        t2 |         |
+     |     |--------------| routing  (sink)-----------|         |    every forwarder has a pair of
+     +-----+ 10.2.0.1  .2 +------------+ 10.2.1.2     +---------+    cables of its own; only one is
+                                ...                                  loaded at a time
 
 The same frames go to 10.N.0.100:80 of every forwarder N. What a frame costs the forwarder must be
 the run time of threads that do nothing else:
 
-- The ends that receive are on threaded NAPI. On a veth NAPI exists only with GRO (or an XDP
-  program), so GRO is on; it merges none of these frames.
-- The sink drops in XDP, on a NAPI thread of its own, of real-time priority, so that no frame is
-  lost because that thread was not given a turn.
-- The forwarder's threads have the last core to themselves, generator and sink the others. That is
-  not only for quiet: where a thread wakes a more urgent one on its own core, the scheduler leaves
-  out a clock update, and what the first did until it was replaced is booked on the second.
+- The end that receives is on threaded NAPI. On a veth NAPI exists only with GRO (or an XDP program),
+  so GRO is on; it merges none of these frames.
+- The sink takes IPv4 frames where the forwarder's cable begins, in the egress hook of traffic
+  control, counts and frees them. A receiving end would have to be woken, and waking a thread on
+  another core of a virtual machine costs more than forwarding does. ARP passes, so that the servers'
+  hardware addresses are learnt as ever.
+- The forwarder's threads have the last core to themselves; generator and all else have the others.
 """
 
 import os
 import pathlib
+import subprocess
 import time
 
 from lab import Daemon, LabError, Node, mac_of
@@ -42,15 +43,17 @@ class Way:
         self.node.sysctl(net__ipv4__ip_forward=0, net__ipv4__conf__all__rp_filter=0,
                          net__ipv4__conf__default__rp_filter=0)
         self.client_if, self.server_if = f"c{number}", f"s{number}"
-        self.sink_if, self.pump_if = f"t{number}", f"g{number}"
+        self.pump_if, self.far_if = f"g{number}", f"t{number}"
         self.cluster = self.address(0, 100)
         _cable(bed.gen, self.pump_if, self.address(0, 1), self.node, self.client_if, self.address(0, 2))
-        _cable(self.node, self.server_if, self.address(1, 2), bed.sink, self.sink_if, self.address(1, 11))
+        _cable(self.node, self.server_if, self.address(1, 2), bed.servers, self.far_if, self.address(1, 11))
         for host in SERVERS[1:]:
-            bed.sink.ip("address", "add", f"{self.address(1, host)}/24", "dev", self.sink_if)
-        bed.sink.run(["/build/vell_pump", "sink", "--dev", self.sink_if])
-        self.napi = [*_threaded(self.node, self.client_if), *_threaded(self.node, self.server_if)]
-        self.sink_napi = _threaded(bed.sink, self.sink_if)
+            bed.servers.ip("address", "add", f"{self.address(1, host)}/24", "dev", self.far_if)
+        self.napi = _threaded(self.node, self.client_if)
+        self._sink = self.node.popen(["/build/vell_pump", "sink", "--dev", self.server_if],
+                                     stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        if self._sink.stdout.readline() != "0\n":
+            raise LabError(f"no sink on {self.server_if}")
         self.start()
         self._place()
 
@@ -68,19 +71,21 @@ class Way:
 
     def _place(self):
         cores = sorted(os.sched_getaffinity(0))
-        ours, theirs = cores[-1:], cores[:-1] or cores
         for pid in self.napi + self.processes():
             for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
-                os.sched_setaffinity(int(task.name), ours)
-        for pid in self.sink_napi:
-            os.sched_setaffinity(pid, theirs)
-            os.sched_setscheduler(pid, os.SCHED_FIFO, os.sched_param(10))
+                os.sched_setaffinity(int(task.name), cores[-1:])
 
     def _know_servers(self):
         """Permanent neighbour entries, so that the kernel asks nobody during a measurement."""
         for host in SERVERS:
             self.node.ip("neigh", "replace", self.address(1, host), "lladdr", mac_of(self.address(1, 11)),
                          "dev", self.server_if, "nud", "permanent")
+
+    def received(self):
+        """Frames that the sink has taken."""
+        self._sink.stdin.write("\n")
+        self._sink.stdin.flush()
+        return int(self._sink.stdout.readline())
 
     def napi_ns(self):
         """Run time of the threads that receive for this way."""
@@ -144,11 +149,11 @@ class Nftables(Way):
 
 
 class Bed:
-    """Generator and sink, and the ways between them. Lives as long as the lab."""
+    """The generator, the servers' host, and the ways between them. Lives as long as the lab."""
 
     def __init__(self, lab, quick=False):
         self.lab = lab
-        self.gen, self.sink = Node(lab, "gen"), Node(lab, "sink")
+        self.gen, self.servers = Node(lab, "gen"), Node(lab, "servers")
         cores = sorted(os.sched_getaffinity(0))
         self.ways = [Vellb2(lab, self, i, n) for i, n in enumerate((4,) if quick else (1, 2, 4), start=1)]
         self.ways.append(Routing(lab, self, len(self.ways) + 1))
@@ -165,10 +170,6 @@ class Bed:
              "--dst-mac", mac_of(way.address(0, 2)), "--src-ip", way.address(0, 1),
              "--dst-ip", way.cluster, "--dport", "80", "--rate", rate, "--seconds", seconds], **kwargs)
 
-    def received(self, way):
-        """Frames that the sink got from a way."""
-        return _counters(self.sink, way.sink_if)[1]
-
     def offered(self, way):
         """Frames that reached a way's receiving end, those included that found its ring full."""
         counters = _counters(way.node, way.client_if)
@@ -178,12 +179,12 @@ class Bed:
         """The servers' hardware addresses have to be learnt first."""
         begin = time.monotonic()
         while True:
-            before = self.received(way)
-            self.pump(way, 10000, 0.1, stdout=-3).wait(10)
-            if self.received(way) - before >= 900:
+            before = way.received()
+            self.pump(way, 10000, 0.1, stdout=subprocess.DEVNULL).wait(10)
+            if way.received() - before >= 900:
                 return
             if time.monotonic() - begin > timeout:
-                raise LabError(f"{way.title}: of 1000 frames only {self.received(way) - before} "
+                raise LabError(f"{way.title}: of 1000 frames only {way.received() - before} "
                                "reached the sink")
 
 

@@ -36,17 +36,17 @@ class Snapshot:
 
     def __init__(self, bed, way):
         self.when = time.monotonic()
-        self.received, self.offered = bed.received(way), bed.offered(way)
+        self.received, self.offered = way.received(), bed.offered(way)
         self.napi_ns, self.process_ns = way.napi_ns(), way.process_ns()
 
 
-def _settled(bed, way):
+def _settled(way):
     """Waits until nothing arrives any more; the sink's count then."""
-    last = [bed.received(way)]
+    last = [way.received()]
 
     def still():
         time.sleep(0.02)
-        last.append(bed.received(way))
+        last.append(way.received())
         return last[-1] == last[-2]
 
     wait_until(still, 5, f"{way.title} to forward what it still holds")
@@ -55,9 +55,9 @@ def _settled(bed, way):
 
 def measure(bed, way, rate, times):
     """One measurement: the figures of the window, and what the whole run lost."""
-    before = _settled(bed, way)
+    before = _settled(way)
     pump = bed.pump(way, rate, times.warm + times.window + 0.2, stdout=subprocess.PIPE, text=True)
-    wait_until(lambda: bed.received(way) > before, 5, "the first frame at the sink", interval=0.002)
+    wait_until(lambda: way.received() > before, 5, "the first frame at the sink", interval=0.002)
     time.sleep(times.warm)
     begin = Snapshot(bed, way)
     time.sleep(times.window)
@@ -70,7 +70,7 @@ def measure(bed, way, rate, times):
     if received == 0:
         raise LabError(f"{way.title}: no frame reached the sink during the measurement")
     seconds = end.when - begin.when
-    missing = said["sent"] - (_settled(bed, way) - before)
+    missing = said["sent"] - (_settled(way) - before)
     napi_us = (end.napi_ns - begin.napi_ns) / received / 1000
     process_us = (end.process_ns - begin.process_ns) / received / 1000
     return {"engine": said["engine"], "late": said["late"], "received_per_s": received / seconds,
@@ -82,10 +82,10 @@ def measure(bed, way, rate, times):
 
 def _trial(bed, way, rate, seconds):
     """Sends at a rate: what part was lost, and the rate that the generator reached."""
-    before = _settled(bed, way)
+    before = _settled(way)
     pump = bed.pump(way, int(rate), seconds, stdout=subprocess.PIPE, text=True)
     said = json.loads(pump.communicate(timeout=20)[0])
-    lost = said["sent"] - (_settled(bed, way) - before)
+    lost = said["sent"] - (_settled(way) - before)
     return max(lost, 0) / said["sent"], said["sent"] / said["seconds"]
 
 
