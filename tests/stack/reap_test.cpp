@@ -72,4 +72,22 @@ TEST_F(ReapTest, InterfaceOutlivesALateRouteThatWasTakenAndDropped)
     EXPECT_EQ(fake::live_allocations(), 0);
 }
 
+// Every object's age starts again at a step back, not one object's after the other.
+TEST_F(ReapTest, ClockStepBackDelaysAllRemovedObjectsOnce)
+{
+    ASSERT_ADDED(add_cluster("10.0.0.100"));
+    const auto before = fake::live_allocations();
+    for (lb_u16_t port = 1; port <= 20; port++) {
+        ASSERT_ADDED(add_port("10.0.0.100", port));
+    }
+    for (lb_u16_t port = 1; port <= 20; port++) {
+        ASSERT_EQ(rm_port("10.0.0.100", port), LBCMD_RC_SUCCESS);
+    }
+    fake::advance_s(-3600);
+    tick(2);
+    EXPECT_GT(fake::live_allocations(), before);
+    tick(2);
+    EXPECT_EQ(fake::live_allocations(), before);
+}
+
 } // namespace
