@@ -18,6 +18,8 @@ the run time of threads that do nothing else:
   another core of a virtual machine costs more than forwarding does. ARP passes, so that the servers'
   hardware addresses are learnt as ever.
 - The forwarder's threads have the last core to themselves; generator and all else have the others.
+  Only their sum is exact: where a thread wakes another on its own core, the scheduler skips a clock
+  update, and the rest of the first one's turn is booked on the second.
 """
 
 import os

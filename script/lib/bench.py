@@ -125,19 +125,18 @@ def show_lab(lab):
             ratio(w, "flat_out", "received_per_s"), f"{w['flat_out']['us_per_frame']:.2f}",
             ratio(w, "flat_out", "us_per_frame")] for w in lab["ways"]])
     table(f"At {lab['moderate_rate']:,} frames a second",
-          ["", "lost", "most", "CPU us/frame", "lowest", "highest", "x routing", "NAPI", "process"],
+          ["", "lost", "most", "CPU us/frame", "lowest", "highest", "x routing"],
           [[w["title"], f"{100 * w['moderate']['loss']:.3f}%", f"{100 * w['moderate']['loss_max']:.3f}%",
             *(f"{w['moderate'][f]:.2f}" for f in ("us_per_frame", "us_per_frame_min", "us_per_frame_max")),
-            ratio(w, "moderate", "us_per_frame"), f"{w['moderate']['us_napi']:.2f}",
-            f"{w['moderate']['us_process']:.2f}"] for w in lab["ways"]])
+            ratio(w, "moderate", "us_per_frame")] for w in lab["ways"]])
     table("Highest rate at which no more than 0.1% is lost",
           ["", "frames/s", "x routing"],
           [[w["title"], f"{'over ' if w['no_loss_bound'] else ''}{w['no_loss_per_s']:,.0f}",
             f"{w['no_loss_per_s'] / routing['no_loss_per_s']:.2f}"] for w in lab["ways"]])
     print("""
-  over      the generator reached no higher rate
-  frames/s  frames that reached the sink; CPU us/frame: run time of the forwarder's threads, divided
-            by those frames. NAPI: the kernel's receiving thread. process: vellb2, system calls included""")
+  frames/s      frames that reached the sink; over: the generator reached no higher rate
+  CPU us/frame  run time of the forwarder's threads (the kernel's receiving one, and vellb2), divided
+                by those frames""")
     late = max(w["moderate"]["late"] for w in lab["ways"])
     if late:
         print(f"\n  The generator fell behind up to {late:.0f} times in a round: the machine was busy "
@@ -149,10 +148,10 @@ def show_share(result):
     forward = next(r for r in result["micro"] if r["name"].startswith("forward/udp/hash"))
     host = next(r for r in result["micro"] if r["name"] == "host/receive")
     way = result["lab"]["ways"][0]
-    own, whole = (forward["ns"] - host["ns"]) / 1000, way["moderate"]["us_process"]
-    print(f"\n  Of {whole:.2f} us that {way['title']} spends on a frame at the moderate rate, the stack's "
-          f"own code is\n  {own:.2f} us ({100 * own / whole:.0f}%); the rest is receiving, sending and "
-          "waking up.")
+    own, whole = (forward["ns"] - host["ns"]) / 1000, way["moderate"]["us_per_frame"]
+    print(f"\n  Of {whole:.2f} us that a frame costs {way['title']} at the moderate rate, the stack's own "
+          f"code is {own:.2f} us\n  ({100 * own / whole:.0f}%); the rest is the kernel: receiving, "
+          "sending, waking up.")
     result["own_share"] = own / whole
 
 
