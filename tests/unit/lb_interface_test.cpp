@@ -189,6 +189,8 @@ TEST_F(InterfaceTest, IsNotFreedWhileANeighbourRefersToIt)
     EXPECT_EQ(rm_interface("eth0"), LBCMD_RC_SUCCESS);
     auto *route = lb_newzero<lbneigh_route_t>();
     route->ifin = ifin;
+    lb_stat_inc(ifin->routes);
+    lb_stat_inc(ifin->routes);
     lb_pokeptr(neigh->route, route);
     const auto mutexes = fake::live_mutexes();
     tick_once();
