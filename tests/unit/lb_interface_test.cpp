@@ -190,7 +190,6 @@ TEST_F(InterfaceTest, IsNotFreedWhileANeighbourRefersToIt)
     auto *route = lb_newzero<lbneigh_route_t>();
     route->ifin = ifin;
     lb_stat_inc(ifin->routes);
-    lb_stat_inc(ifin->routes);
     lb_pokeptr(neigh->route, route);
     const auto mutexes = fake::live_mutexes();
     tick_once();
