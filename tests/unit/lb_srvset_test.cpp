@@ -10,7 +10,7 @@
 namespace
 {
 
-class SrvsetTest : public FakeHostTest
+class ServerSetTest : public FakeHostTest
 {
   protected:
     void SetUp() override
@@ -39,7 +39,7 @@ class SrvsetTest : public FakeHostTest
     std::vector<std::unique_ptr<lbsrv_obj_t>> servers_;
 };
 
-TEST_F(SrvsetTest, SumsWeightsOfAllUpTo128)
+TEST_F(ServerSetTest, SumsWeightsOfAllUpTo128)
 {
     lbsrvset_weightsum(&set_);
     EXPECT_EQ(set_.weightsum, 0U);
@@ -54,7 +54,7 @@ TEST_F(SrvsetTest, SumsWeightsOfAllUpTo128)
     EXPECT_EQ(set_.weightsum, 128U * 129U / 2U) << "the 129th and 130th count";
 }
 
-TEST_F(SrvsetTest, LargestWeightsDoNotOverflow)
+TEST_F(ServerSetTest, LargestWeightsDoNotOverflow)
 {
     for (int i = 0; i < 128; i++) {
         join(65535);
@@ -63,7 +63,7 @@ TEST_F(SrvsetTest, LargestWeightsDoNotOverflow)
     EXPECT_EQ(set_.weightsum, 128U * 65535U);
 }
 
-TEST_F(SrvsetTest, CountsHalfOpenAndActiveRecordsOnly)
+TEST_F(ServerSetTest, CountsHalfOpenAndActiveRecordsOnly)
 {
     lbsrv_obj_t &a = join(1);
     lbsrv_obj_t &b = join(1);
@@ -76,7 +76,7 @@ TEST_F(SrvsetTest, CountsHalfOpenAndActiveRecordsOnly)
     EXPECT_EQ(set_.numactive, 12U);
 }
 
-TEST_F(SrvsetTest, CleanupDetachesMembers)
+TEST_F(ServerSetTest, CleanupDetachesMembers)
 {
     lbsrv_obj_t &srv = join(1);
     ASSERT_EQ(lbsrvset_cleanup(&set_), 0);
