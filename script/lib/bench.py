@@ -1,17 +1,20 @@
 """Measures vellb2: what one packet costs in the stack, and what frames cost in a forwarder.
 
-  script/bench              both, in about five minutes
+  script/bench              both, in about four minutes
   script/bench micro        nanoseconds and allocations a packet, on the host in memory
   script/bench lab          frames a second and CPU time a frame, in namespaces, beside the kernel's
                             routing and an nftables balancer (needs root)
   script/bench --quick      fewer rounds and shorter ones: a look, not a figure to quote
   script/bench --json PATH  all figures into a file, too
+  script/bench --update-doc write the tables into docs/performance.md, if the machine was quiet
 
 Fails when a packet allocates memory on its way. docs/performance.md explains the figures. Measure on
 a machine that does nothing else.
 """
 
 import argparse
+import contextlib
+import io
 import json
 import os
 import pathlib
@@ -28,6 +31,9 @@ from bench import frames  # noqa: E402
 from lab import LabError  # noqa: E402
 
 BUILD = steps.REPO / "build/release"
+DOC = steps.REPO / "docs/performance.md"
+DOC_MARKS = ("<!-- figures: script/bench --update-doc -->\n", "<!-- end of figures -->\n")
+QUIET = 0.1  # cores' worth of other work that is still called quiet
 TARGETS = {"micro": ["vell_bench"], "lab": ["vellb2", "vellbctl", "vell_pump"]}
 TARGETS["all"] = TARGETS["micro"] + TARGETS["lab"]
 
@@ -181,6 +187,19 @@ def show(result):
         show_share(result)
 
 
+def update_doc(result):
+    """Puts the tables between the marks in the document."""
+    text = io.StringIO()
+    with contextlib.redirect_stdout(text):
+        show(result)
+    plain = re.sub(r"\033\[\d+m", "", text.getvalue()).strip("\n")
+    head, begin, rest = DOC.read_text(encoding="utf-8").partition(DOC_MARKS[0])
+    _, end, tail = rest.partition(DOC_MARKS[1])
+    if not begin or not end:
+        raise steps.StepFailed(f"{DOC} has lost the marks that the figures stand between")
+    DOC.write_text(f"{head}{begin}```\n{plain}\n```\n{end}{tail}", encoding="utf-8")
+
+
 def main():
     """The command line."""
     parser = argparse.ArgumentParser(prog="script/bench", description=__doc__,
@@ -188,7 +207,11 @@ def main():
     parser.add_argument("what", nargs="?", choices=["micro", "lab", "all"], default="all")
     parser.add_argument("--quick", action="store_true", help="less of everything, within a minute")
     parser.add_argument("--json", metavar="PATH", help="write all figures into this file")
+    parser.add_argument("--update-doc", action="store_true",
+                        help="write the tables into docs/performance.md")
     args = parser.parse_args()
+    if args.update_doc and (args.quick or args.what != "all"):
+        parser.error("--update-doc wants the whole measurement")
     if args.what != "micro" and os.geteuid() != 0:
         raise steps.StepFailed("the lab makes network namespaces: run this as root, or script/bench micro")
     result = {"machine": machine(), "quick": args.quick}
@@ -196,11 +219,15 @@ def main():
     with steps.Step("build release") as step:
         steps.build("release", TARGETS[args.what], step)
     busy = result["machine"]["cores_busy_before"] = cores_busy()
-    if busy > 0.1:
+    if busy > QUIET:
         print(f"The machine is busy with something else ({busy:.1f} cores): take these figures for "
               "noise.", flush=True)
+        if args.update_doc:
+            raise steps.StepFailed("the document wants figures from a quiet machine")
     measure(args, result)
     show(result)
+    if args.update_doc:
+        update_doc(result)
     if args.json:
         pathlib.Path(args.json).write_text(json.dumps(result, indent=2) + "\n", encoding="utf-8")
     return 0
