@@ -26,8 +26,9 @@ LogLine = collections.namedtuple("LogLine", "when text")
 class Daemon:
     """vellb2 in the foreground in a node. Not started yet; start() does that."""
 
-    def __init__(self, node, workers=4, mask=0x200, args=(), log=None):
+    def __init__(self, node, workers=4, mask=0x200, args=(), log=None, env=None):
         self.node = node
+        self.env = env
         self.argv = [DAEMON, "-f", "-r", "-n", workers, "-m", f"{mask:x}", *args]
         self.log_path = log or node.lab.dir / f"{node.name}-daemon.log"
         self.socket = node.root / "vellb2"
@@ -46,7 +47,7 @@ class Daemon:
         if not (build_dir() / "vellb2").exists():
             raise LabError(f"no daemon in {build_dir()}: build it (cmake --preset release && "
                            "cmake --build --preset release) or set VELL_BUILD")
-        self.process = self.node.popen(self.argv, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.process = self.node.popen(self.argv, env=self.env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         self._reader = threading.Thread(target=self._read, args=(self.process.stdout,), daemon=True)
         self._reader.start()
 

@@ -1,6 +1,4 @@
 """What the lab's tests share: one lab and one running daemon per module, and its log on a failure.
-
-A module that needs a daemon of its own making (other workers, other mask) overrides `daemon`.
 """
 
 import os
@@ -28,8 +26,13 @@ def _net(request):
 
 @pytest.fixture(name="daemon", scope="module")
 def _daemon(net, request):
-    """A running daemon that knows its interfaces; it must stop well, with nothing said."""
-    running = net.start_daemon(workers=getattr(request.module, "WORKERS", 4))
+    """A running daemon that knows its interfaces; it must stop well, without a sanitizer's word.
+
+    A module may say how many WORKERS it wants, which log MASK, and what ENVIRONMENT.
+    """
+    running = net.start_daemon(workers=getattr(request.module, "WORKERS", 4),
+                               mask=getattr(request.module, "MASK", 0x200),
+                               env=getattr(request.module, "ENVIRONMENT", None))
     yield running
     assert running.stop() == 0
 
