@@ -23,6 +23,9 @@ import steps  # noqa: E402
 # VELL_BUILD=build/asan runs a named test on what that preset builds.
 PRESET = pathlib.Path(os.environ.get("VELL_BUILD", "build/release")).name
 BUILD = steps.REPO / "build" / PRESET
+# Where the tests of each program are.
+PROGRAMS = {"vell_tests": ("unit", "stack"), "vell_fuzz": ("fuzz",), "vell_threads": ("threads",)}
+NO_TEST_RAN = 5  # pytest's exit status
 PYTEST = [sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider"]
 
 
@@ -80,32 +83,35 @@ def matching_files(word, *directories):
             if path.suffix in (".py", ".cpp") and word.lower() in path.stem.lower()]
 
 
+def run_gtests(programs, word):
+    """The matching tests of some programs: (whether there was one, exit status)."""
+    found, status = False, 0
+    env = {"VELL_STRESS_SECONDS": "5", **os.environ}
+    for program in programs:
+        names = gtest_filter(BUILD / program, word)
+        if names:
+            found = True
+            status = subprocess.run([BUILD / program, "--gtest_brief=1", f"--gtest_filter={':'.join(names)}"],
+                                    env=env, check=False).returncode or status
+    return found, status
+
+
 def run_named(word):
     """What a word names; builds only what that needs."""
     lab_files = matching_files(word, "lab")
-    cpp_files = matching_files(word, "unit", "stack")
+    programs = [p for p, directories in PROGRAMS.items() if matching_files(word, *directories)]
+    by_name = not lab_files and not programs  # no file is called so: perhaps a test is
+    if by_name:
+        programs = ["vell_tests", "vell_fuzz"]
     with steps.Step(f"build {PRESET}") as step:
-        if not cpp_files and lab_files:
-            steps.build(PRESET, ["vellb2", "vellbctl"], step)
-        elif cpp_files and not lab_files:
-            steps.build(PRESET, ["vell_tests"], step)
-        else:
-            steps.build(PRESET, ["vellb2", "vellbctl", "vell_tests"], step)
-    status = 0
-    found = False
-    if cpp_files or not lab_files:
-        names = gtest_filter(BUILD / "vell_tests", word)
-        if names:
-            found = True
-            status = subprocess.run([BUILD / "vell_tests", "--gtest_brief=1",
-                                     f"--gtest_filter={':'.join(names)}"], check=False).returncode
+        steps.build(PRESET, programs + (["vellb2", "vellbctl"] if lab_files or by_name else []), step)
+    found, status = run_gtests(programs, word)
     if lab_files:
-        found = True
-        status = run_pytest(lab_files) or status
-    elif not cpp_files and not found:
+        found, status = True, run_pytest(lab_files) or status
+    elif by_name:
         lab_status = run_pytest(["tests/lab", "-k", word])
-        found = lab_status != 5  # pytest's status for "no test ran"
-        status = lab_status or status
+        if lab_status != NO_TEST_RAN:
+            found, status = True, lab_status or status
     if not found:
         raise steps.StepFailed(f"no test is called anything like '{word}'")
     return status
