@@ -165,9 +165,8 @@ void frame_feeder::count(int rc, fake::link link)
     fake::log_clear();
 }
 
-void run_frames(const std::uint8_t *data, std::size_t size)
+void run_frames(world &stack, const std::uint8_t *data, std::size_t size)
 {
-    world stack;
     frame_feeder feeder(false);
     std::size_t at = 0;
     while (size - at >= 3) {
@@ -190,7 +189,6 @@ void run_frames(const std::uint8_t *data, std::size_t size)
         feeder.feed(frame, link);
     }
     stack.require_forwarding();
-    stack.finish();
 }
 
 bytes frame_record(const bytes &frame, fake::link link)

@@ -39,7 +39,7 @@ fuzz::rng seeded()
 }
 
 // Runs every file of a corpus; how many there were.
-int replay(const char *target, void (*run)(const std::uint8_t *data, std::size_t size))
+template <class Run> int replay(const char *target, Run run)
 {
     int count = 0;
     for (const auto &entry :
@@ -78,7 +78,12 @@ void let_time_pass(std::uint64_t input)
 
 TEST(FuzzFrames, Corpus)
 {
-    EXPECT_GT(replay("frames", fuzz::run_frames), 20);
+    fuzz::world stack;
+    const auto run = [&stack](const std::uint8_t *data, std::size_t size) {
+        fuzz::run_frames(stack, data, size);
+    };
+    EXPECT_GT(replay("frames", run), 20);
+    EXPECT_NO_THROW(stack.finish());
 }
 
 TEST(FuzzCommands, Corpus)
