@@ -6,10 +6,12 @@
   format   clang-format, sh -n, Python's own compiler over every tracked file
   tidy     clang-tidy, warnings as errors
   clang    everything built by clang; -Wthread-safety is an error
-  asan     unit, stack and thread tests, and removal under load in the lab,
+  asan     unit, stack, fuzz and thread tests, and removal under load in the lab,
            under AddressSanitizer and UndefinedBehaviorSanitizer
-  tsan     unit, stack and thread tests under ThreadSanitizer
-  fuzz     the fuzz targets replay their corpora
+  tsan     unit, stack, fuzz and thread tests under ThreadSanitizer
+  fuzz     each fuzz target for a minute, from its corpus
+
+The thread tests run for VELL_STRESS_SECONDS, 60 unless set.
 
 Each stage has its log in build/check/ and its own build directory.
 """
@@ -26,6 +28,7 @@ sys.dont_write_bytecode = True
 import steps  # noqa: E402
 
 LOGS = steps.REPO / "build/check"
+PROGRAMS = ["vell_tests", "vell_fuzz", "vell_threads"]  # under the sanitizers
 LINTED = ("lbstack", "os", "libvellb", "vellbctl", "bench", "tests")
 
 
@@ -104,7 +107,7 @@ def run_programs(preset, step, env, programs):
                 counts.append(f"{program}: {line[12:].strip()}")
 
         steps.logged([steps.REPO / "build" / preset / program], LOGS / f"{preset}-{program}.log",
-                     on_line, env=dict(os.environ, **env))
+                     on_line, env={"VELL_STRESS_SECONDS": "60", **os.environ, **env})
     step.note = ", ".join(counts)
 
 
@@ -112,7 +115,7 @@ def check_asan(step):
     """Memory errors and undefined behaviour, also of the real daemon under load."""
     env = {"ASAN_OPTIONS": "detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1",
            "UBSAN_OPTIONS": "print_stacktrace=1"}
-    run_programs("asan", step, env, ["vell_tests", "vell_threads"])
+    run_programs("asan", step, env, PROGRAMS)
     removal = steps.REPO / "tests/lab/test_removal.py"
     if removal.exists() and os.geteuid() == 0 and {"vellb2", "vellbctl"} <= steps.targets_of("asan"):
         steps.build("asan", ["vellb2", "vellbctl"], step)
@@ -125,12 +128,11 @@ def check_asan(step):
 
 def check_tsan(step):
     """Data races."""
-    run_programs("tsan", step, {"TSAN_OPTIONS": "halt_on_error=0:second_deadlock_stack=1"},
-                 ["vell_tests", "vell_threads"])
+    run_programs("tsan", step, {"TSAN_OPTIONS": "halt_on_error=0:second_deadlock_stack=1"}, PROGRAMS)
 
 
 def check_fuzz(step):
-    """Each fuzz target over its corpus, then a short run from there."""
+    """Each fuzz target over its corpus, then for a minute from there."""
     steps.configure("fuzz", step)
     targets = sorted(t for t in steps.targets_of("fuzz") if re.fullmatch(r"fuzz_\w+", t))
     if not targets:
@@ -139,13 +141,12 @@ def check_fuzz(step):
     steps.build("fuzz", targets, step)
     for target in targets:
         name = target.removeprefix("fuzz_")
-        step.progress(name)
-        corpora = [str(p) for p in (steps.REPO / "tests/fuzz").glob("corp*")]
-        corpus = next((str(p) for c in corpora for p in pathlib.Path(c).glob(f"*{name}*")), None)
+        step.progress(f"{name}, a minute")
         grown = LOGS / f"corpus-{name}"
         grown.mkdir(parents=True, exist_ok=True)
-        steps.logged([steps.REPO / "build/fuzz" / target, "-max_total_time=20", "-timeout=10",
-                      "-print_final_stats=1", grown, *([corpus] if corpus else [])],
+        steps.logged([steps.REPO / "build/fuzz" / target, "-max_total_time=60", "-timeout=10",
+                      "-max_len=8192", f"-artifact_prefix={LOGS}/", "-print_final_stats=1", grown,
+                      steps.REPO / "tests/fuzz/corpus" / name],
                      LOGS / f"fuzz-{name}.log")
     step.note = ", ".join(targets)
 
