@@ -406,6 +406,21 @@ void add_interface_commands(std::vector<command> &table)
 
 } // namespace
 
+std::span<const option> global_options()
+{
+    static constexpr option OPTIONS[] = {
+        {"--socket", "PATH", "the daemon's command socket (default /vellb2)",
+         [](request &r, word_t word) { r.socket = take_socket(word); }},
+        {"--json", nullptr, "print one JSON document; errors and warnings as well",
+         [](request &r, word_t) { r.json = true; }},
+        {"-w,--watch", "[SECONDS]", "with show: again and again, with rates",
+         [](request &r, word_t word) { r.watch_s = take_interval(word); }},
+        {"--count", "N", "with --watch: stop after N pictures",
+         [](request &r, word_t word) { r.count = take_number(word, 1, 1000000); }},
+    };
+    return OPTIONS;
+}
+
 std::span<const command> commands()
 {
     static const std::vector<command> table = [] {

@@ -20,7 +20,7 @@ struct positional {
 };
 
 struct option {
-    const char *name;  // with its dashes
+    const char *name;  // with its dashes; "-w,--watch"
     const char *value; // its placeholder, null for a flag
     const char *meaning;
     void (*take)(request &, const std::string &word); // throws usage_error
@@ -38,6 +38,7 @@ struct command {
     bool needs_option = false; // a set that sets nothing is a mistake
 };
 
+std::span<const option> global_options();
 std::span<const command> commands();
 
 } // namespace vellbctl

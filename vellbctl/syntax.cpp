@@ -1,13 +1,10 @@
-// Command lines against the table of commands. Options may stand anywhere, as --name value or
-// --name=value; the first words without dashes are the object and what to do with it. The parser
-// knows no command: all of that is in the table.
+// Command lines against the table of commands: a tree of CLI11 parsers is made of it, and what they
+// throw is turned into words for people. No command is known here. The only file that includes
+// CLI11, which takes long to compile.
 #include "syntax.h"
 
-#include <algorithm>
-#include <charconv>
+#include <CLI/CLI.hpp>
 #include <fmt/format.h>
-#include <optional>
-#include <set>
 
 #include "words.h"
 
@@ -17,413 +14,297 @@ namespace vellbctl
 namespace
 {
 
-const std::vector<option> &global_options()
+using words_t = std::vector<std::string>;
+
+// "cluster add"
+std::string name_of(const CLI::App &app)
 {
-    static const std::vector<option> options{
-        {"--socket", "PATH", "the daemon's command socket (default /vellb2)",
-         [](request &r, const std::string &word) {
-             constexpr size_t SUN_PATH_MOST = 107; // unix(7)
-             if (word.empty() || word.size() > SUN_PATH_MOST) {
-                 throw usage_error(
-                     fmt::format("'{}' is not a socket path of 1 to {} bytes", word, SUN_PATH_MOST),
-                     word);
-             }
-             r.socket = word;
-         }},
-        {"--json", nullptr, "print one JSON document; errors and warnings as well",
-         [](request &r, const std::string &) { r.json = true; }},
-        {"--count", "N", "with --watch: stop after N pictures",
-         [](request &r, const std::string &word) { r.count = take_number(word, 1, 1000000); }},
-    };
-    return options;
+    const CLI::App *parent = app.get_parent();
+    const std::string above = parent != nullptr ? name_of(*parent) : "";
+    return above.empty() ? app.get_name() : above + " " + app.get_name();
 }
 
-std::vector<std::string> objects()
+words_t names_below(const CLI::App &app)
 {
-    std::vector<std::string> names;
-    for (const command &each : commands()) {
-        if (std::ranges::find(names, each.object) == names.end()) {
-            names.emplace_back(each.object);
-        }
+    words_t names;
+    for (const CLI::App *each : app.get_subcommands({})) {
+        names.push_back(each->get_name());
     }
     return names;
 }
 
-std::vector<std::string> verbs(const std::string &object)
+void add_options(words_t &names, const CLI::App &app)
 {
-    std::vector<std::string> names;
-    for (const command &each : commands()) {
-        if (object == each.object && *each.verb != '\0') {
-            names.emplace_back(each.verb);
-        }
+    for (const CLI::Option *each : app.get_options(&CLI::Option::nonpositional)) {
+        names.push_back(each->get_name());
     }
-    return names;
 }
 
-const command *find_command(const std::string &object, const std::string &verb)
+std::string option_text(const CLI::Option &o)
 {
-    for (const command &each : commands()) {
-        if (object == each.object && verb == each.verb) {
-            return &each;
-        }
-    }
-    return nullptr;
+    const std::string type = o.get_type_name();
+    const bool repeats = o.get_multi_option_policy() == CLI::MultiOptionPolicy::TakeAll;
+    return o.get_name() + (type.empty() ? "" : " " + type) + (repeats ? " ..." : "");
 }
 
-const option *find_option(const std::vector<option> &options, const std::string &name)
+// A line for each command below.
+std::string usage(const CLI::App &app)
 {
-    const auto found =
-        std::ranges::find_if(options, [&](const option &o) { return name == o.name; });
-    return found != options.end() ? &*found : nullptr;
-}
-
-std::string joined(const std::vector<std::string> &names, const char *separator)
-{
-    return fmt::format("{}", fmt::join(names, separator));
-}
-
-std::string command_name(const command &what)
-{
-    return fmt::format("{}{}{}", what.object, *what.verb != '\0' ? " " : "", what.verb);
-}
-
-std::string option_text(const option &o)
-{
-    return o.value != nullptr ? fmt::format("{} {}", o.name, o.value) : o.name;
-}
-
-std::string overview()
-{
-    std::string text = "usage: vellbctl [--socket PATH] [--json] [-w|--watch [SECONDS]] COMMAND\n\n"
-                       "commands:\n";
-    for (const command &each : commands()) {
-        text += fmt::format("  {:<18} {}\n", command_name(each), each.summary);
-    }
-    text += "\nOptions may stand anywhere. 'vellbctl COMMAND --help' tells more.\n"
-            "exit status: 0 done, 1 refused, 2 usage, 3 daemon not reachable\n";
-    return text;
-}
-
-std::string object_usage(const std::string &object)
-{
+    constexpr size_t WIDTH = 98;
+    const bool root = app.get_parent() == nullptr;
     std::string text;
-    for (const command &each : commands()) {
-        if (object == each.object) {
-            text += text.empty() ? "" : "\n";
-            text += usage_line(each);
+    for (const CLI::App *each : app.get_subcommands([root](const CLI::App *) { return !root; })) {
+        text += (text.empty() ? "" : "\n") + usage(*each);
+    }
+    if (!text.empty()) {
+        return text;
+    }
+    text = root ? "usage: vellbctl" : "usage: vellbctl " + name_of(app);
+    size_t line_start = 0;
+    for (const CLI::Option *each : app.get_options()) {
+        std::string word = option_text(*each);
+        word = each->get_required() ? " " + word : " [" + word + "]";
+        if (text.size() - line_start + word.size() > WIDTH) {
+            line_start = text.size() + 1;
+            text += "\n           ";
         }
+        text += each != app.get_help_ptr() ? word : "";
     }
-    return text;
+    return root ? text + " COMMAND\n'vellbctl --help' lists the commands" : text;
 }
 
-std::string command_help(const command &what)
-{
-    std::string text = fmt::format("{}\n\n{}\n", usage_line(what), what.summary);
-    const auto row = [&](const std::string &name, const char *meaning) {
-        text += fmt::format("  {:<26} {}\n", name, meaning);
-    };
-    text += what.positionals.empty() ? "" : "\n";
-    for (const positional &each : what.positionals) {
-        row(each.name, each.meaning);
-    }
-    text += "\noptions:\n";
-    for (const option &each : what.options) {
-        row(option_text(each), each.meaning);
-    }
-    for (const option &each : global_options()) {
-        row(option_text(each), each.meaning);
-    }
-    row("-w, --watch [SECONDS]", "with show: again and again, with rates");
-    return text;
-}
-
-class parser
+class formatter : public CLI::Formatter
 {
   public:
-    explicit parser(const std::vector<std::string> &words) : words_(words) {}
+    std::string make_usage(const CLI::App *app, std::string) const override
+    {
+        return usage(*app) + "\n";
+    }
+    // The overview lists commands, not objects.
+    std::string make_subcommand(const CLI::App *sub) const override
+    {
+        std::string text;
+        for (const CLI::App *each : sub->get_subcommands({})) {
+            text += make_subcommand(each);
+        }
+        return text.empty() ? fmt::format("  {:<28}{}\n", name_of(*sub), sub->get_description())
+                            : text;
+    }
+};
 
-    request parse()
+// In the order that CLI11 wants, last word first. It would take any word for the number that
+// --watch may have, and the next one for the value of "--id=".
+words_t prepared(const words_t &words)
+{
+    words_t result;
+    const std::string *next = nullptr;
+    for (auto word = words.rbegin(); word != words.rend(); next = &*word++) {
+        if ((*word == "--watch" || *word == "-w") && (next == nullptr || !parse_decimal(*next))) {
+            result.emplace_back("--watch=1");
+        } else if (word->starts_with("--") && word->find('=') == word->size() - 1) {
+            result.insert(result.end(), {"", word->substr(0, word->size() - 1)});
+        } else {
+            result.push_back(*word);
+        }
+    }
+    return result;
+}
+
+class tree
+{
+  public:
+    tree()
+    {
+        root_.formatter(std::make_shared<formatter>());
+        root_.footer("--socket, --json and --watch may stand anywhere. 'vellbctl COMMAND --help' "
+                     "tells more.\n"
+                     "exit status: 0 done, 1 refused, 2 usage, 3 daemon not reachable");
+        root_.set_help_flag("-h,--help", "say how it is used");
+        root_.fallthrough();
+        // At most one: then a word behind a command is never taken for another command.
+        root_.require_subcommand(1);
+        for (const option &each : global_options()) {
+            add(root_, each);
+        }
+        root_.set_version_flag("--version", "vellbctl " VELL_VERSION "\n", "say which one this is");
+        root_.get_option("--count")->needs("--watch");
+        for (const command &each : commands()) {
+            add(each);
+        }
+        root_.add_subcommand("help", "the same as --help")
+            ->silent()
+            ->preparse_callback([this](size_t) { root_.get_help_ptr()->add_result("true"); });
+    }
+    tree(const tree &) = delete; // its callbacks point to it
+    tree &operator=(const tree &) = delete;
+
+    request parse(const words_t &words)
     {
         try {
-            while (at_ < words_.size()) {
-                take(words_[at_++]);
+            root_.parse(prepared(words));
+            if (request_.what->needs_option &&
+                reached().parse_order().size() == request_.what->positionals.size()) {
+                throw usage_error("nothing to set: give at least one option");
             }
-            finish();
-        } catch (usage_error &error) {
-            error.usage = usage();
-            throw;
+        } catch (const CLI::CallForHelp &) {
+            throw information{root_.help()};
+        } catch (const CLI::CallForVersion &version) {
+            throw information{version.what()};
+        } catch (const CLI::ParseError &error) {
+            fail(explained(error));
+        } catch (const usage_error &error) {
+            fail(error);
         }
         return std::move(request_);
     }
 
-  private:
-    void take(const std::string &word)
+    [[nodiscard]] words_t completions(const words_t &words) const
     {
-        if (!plain_ && word == "--") {
-            plain_ = true;
-        } else if (!plain_ && word.size() > 1 && word[0] == '-') {
-            take_option(word);
-        } else if (request_.what == nullptr) {
-            take_name(word);
-        } else {
-            take_positional(word);
+        const CLI::App *at = &root_;
+        for (const std::string &word : words) {
+            const words_t below = names_below(*at);
+            at = std::ranges::find(below, word) != below.end() ? at->get_subcommand(word) : at;
         }
+        words_t result = names_below(*at);
+        add_options(result, *at);
+        add_options(result, root_);
+        return result;
     }
 
-    void take_name(const std::string &word)
+  private:
+    void add(CLI::App &app, const option &spec)
     {
-        if (word == "help" && object_.empty()) {
-            help_ = true;
-            return;
+        const bool flag = spec.value == nullptr;
+        CLI::Option *opt = flag ? app.add_flag(spec.name) : app.add_option(spec.name);
+        opt->description(spec.meaning)->required(spec.required)->type_name(flag ? "" : spec.value);
+        if (spec.repeats) {
+            opt->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
         }
-        if (object_.empty()) {
-            const auto known = objects();
-            if (std::ranges::find(known, word) == known.end()) {
-                throw usage_error(fmt::format("unknown command '{}'{}; there are: {}", word,
-                                              did_you_mean(word, known), joined(known, ", ")),
+        opt->each([this, opt, flag, take = spec.take](const std::string &word) {
+            // What begins with dashes is the next option.
+            if (flag ? word != "true" : word.starts_with("--")) {
+                throw usage_error(fmt::format("{} {}", opt->get_name(),
+                                              flag ? "takes no value" : "needs a value"),
                                   word);
             }
-            object_ = word;
-            request_.what = find_command(object_, "");
-            return;
-        }
-        const auto known = verbs(object_);
-        request_.what = find_command(object_, word);
-        if (request_.what == nullptr) {
-            throw usage_error(fmt::format("'{}' is nothing that can be done with {} {}{}; "
-                                          "there are: {}",
-                                          word, article(object_), object_,
-                                          did_you_mean(word, known), joined(known, ", ")),
-                              word);
-        }
-    }
-
-    static const char *article(const std::string &noun)
-    {
-        return std::string_view("aeiou").find(noun[0]) != std::string_view::npos ? "an" : "a";
-    }
-
-    void take_positional(const std::string &word)
-    {
-        const auto &expected = request_.what->positionals;
-        if (positionals_ >= expected.size()) {
-            throw usage_error(fmt::format("unexpected word '{}'", word), word);
-        }
-        const positional &spec = expected[positionals_++];
-        guarded(spec.name, [&] { spec.take(request_, word); });
-    }
-
-    void take_option(const std::string &word)
-    {
-        const auto equals = word.find('=');
-        const bool inlined = word.starts_with("--") && equals != std::string::npos;
-        const std::string name = inlined ? word.substr(0, equals) : word;
-        if (name == "--help" || name == "-h") {
-            help_ = true;
-            return;
-        }
-        if (name == "--version") {
-            throw information{"vellbctl " VELL_VERSION "\n"};
-        }
-        if (name == "--watch" || name == "-w") {
-            take_watch(inlined ? std::optional(word.substr(equals + 1)) : std::nullopt);
-            return;
-        }
-        const option &spec = look_up(name);
-        if (!spec.repeats && !seen_.insert(name).second) {
-            throw usage_error(fmt::format("{} is given twice", name), name);
-        }
-        own_options_ += find_option(global_options(), name) == nullptr ? 1 : 0;
-        if (spec.value == nullptr && inlined) {
-            throw usage_error(fmt::format("{} takes no value", name), word);
-        }
-        std::string value;
-        if (inlined) {
-            value = word.substr(equals + 1);
-        } else if (spec.value != nullptr) {
-            if (at_ >= words_.size() || words_[at_].starts_with("--")) {
-                throw usage_error(fmt::format("{} needs a value: {}", name, option_text(spec)),
-                                  name);
+            try {
+                take(request_, word);
+            } catch (const usage_error &error) {
+                throw usage_error(fmt::format("{}: {}", opt->get_name(), error.what()), error.word);
             }
-            value = words_[at_++];
-        }
-        guarded(spec.name, [&] { spec.take(request_, value); });
+        });
     }
 
-    const option &look_up(const std::string &name) const
+    void add(const command &what)
     {
-        if (const option *found = find_option(global_options(), name)) {
-            return *found;
+        const auto same = root_.get_subcommands(
+            [&](const CLI::App *each) { return each->get_name() == what.object; });
+        CLI::App *app = same.empty() ? root_.add_subcommand(what.object) : same.front();
+        if (*what.verb != '\0') {
+            app->require_subcommand(1);
+            app = app->add_subcommand(what.verb);
         }
-        if (request_.what == nullptr) {
-            throw usage_error(
-                fmt::format("option {} stands before its command, or is unknown", name), name);
-        }
-        if (const option *found = find_option(request_.what->options, name)) {
-            return *found;
-        }
-        // What another command of the object takes was probably meant for that one.
-        for (const command &each : commands()) {
-            if (object_ == each.object && find_option(each.options, name) != nullptr) {
-                throw usage_error(fmt::format("{} goes with '{}', not with '{}'", name,
-                                              command_name(each), command_name(*request_.what)),
-                                  name);
-            }
-        }
-        std::vector<std::string> known{"--help", "--watch"};
-        for (const auto *table : {&global_options(), &request_.what->options}) {
-            for (const option &each : *table) {
-                known.emplace_back(each.name);
-            }
-        }
-        throw usage_error(fmt::format("unknown option {}{}", name, did_you_mean(name, known)),
-                          name);
-    }
-
-    // The number of seconds may be missing: the next word is taken only if it is one.
-    void take_watch(const std::optional<std::string> &inlined)
-    {
-        constexpr double LEAST_S = 0.1;
-        constexpr double MOST_S = 3600;
-        request_.watch_s = 1;
-        const std::string word = inlined.value_or(at_ < words_.size() ? words_[at_] : "");
-        double seconds = 0;
-        const char *last = word.data() + word.size();
-        const auto [end, error] = std::from_chars(word.data(), last, seconds);
-        const bool number = error == std::errc{} && end == last;
-        if (!number && !inlined) {
-            return;
-        }
-        if (!number || !(seconds >= LEAST_S && seconds <= MOST_S)) {
-            throw usage_error(fmt::format("--watch: '{}' is not a number of seconds from {} to {}",
-                                          word, LEAST_S, MOST_S),
-                              word);
-        }
-        request_.watch_s = seconds;
-        at_ += inlined ? 0 : 1;
-    }
-
-    // A value's complaint begins with the name of what it was meant for.
-    template <class F> static void guarded(const char *name, F take_value)
-    {
-        try {
-            take_value();
-        } catch (const usage_error &error) {
-            throw usage_error(fmt::format("{}: {}", name, error.what()), error.word);
-        }
-    }
-
-    void finish() const
-    {
-        if (help_) {
-            throw information{request_.what != nullptr ? command_help(*request_.what)
-                              : object_.empty()        ? overview()
-                                                       : object_usage(object_) + "\n"};
-        }
-        if (request_.what == nullptr) {
-            throw usage_error(object_.empty() ? "no command given"
-                                              : fmt::format("what is to be done with the {}? {}",
-                                                            object_, joined(verbs(object_), ", ")));
-        }
-        const command &what = *request_.what;
-        if (positionals_ < what.positionals.size() && !what.positionals[positionals_].optional) {
-            const positional &missing = what.positionals[positionals_];
-            throw usage_error(fmt::format("{} is missing: {}", missing.name, missing.meaning));
+        app->description(what.summary);
+        app->preparse_callback([this, &what](size_t) { request_.what = &what; });
+        for (const positional &each : what.positionals) {
+            add(*app, {each.name, "", each.meaning, each.take, !each.optional});
         }
         for (const option &each : what.options) {
-            if (each.required && !seen_.contains(each.name)) {
-                throw usage_error(fmt::format("{} is missing: {}", each.name, each.meaning));
+            add(*app, each);
+        }
+        if (app->get_name() != "show") {
+            app->excludes(root_.get_option("--watch"));
+        }
+    }
+
+    // The command, or as much of it as was given.
+    [[nodiscard]] const CLI::App &reached() const
+    {
+        const CLI::App *at = &root_;
+        while (!at->get_subcommands().empty()) {
+            at = at->get_subcommands().front();
+        }
+        return *at;
+    }
+
+    // A word that nothing took comes first: it may well be the cause of the other error.
+    [[noreturn]] void fail(const usage_error &error) const
+    {
+        words_t extras = root_.remaining();
+        std::erase(extras, "--");
+        usage_error told = extras.empty() ? error : stray(extras.front());
+        told.usage = usage(reached());
+        throw told;
+    }
+
+    [[nodiscard]] usage_error stray(const std::string &word) const
+    {
+        if (word.starts_with("-")) {
+            const std::string name = word.substr(0, word.find('='));
+            return usage_error(name + stray_option(name), name);
+        }
+        return usage_error(names_below(reached()).empty()
+                               ? fmt::format("unexpected word '{}'", word)
+                               : no_command(fmt::format("unknown command '{}'", word), word),
+                           word);
+    }
+
+    [[nodiscard]] std::string stray_option(const std::string &name) const
+    {
+        const CLI::App &at = reached();
+        // What another command of the object takes was probably meant for that one.
+        const CLI::App &object = at.get_parent() != nullptr ? *at.get_parent() : at;
+        for (const CLI::App *each : object.get_subcommands({})) {
+            if (each->get_option_no_throw(name) != nullptr) {
+                return fmt::format(" goes only after a command that takes it, like '{}'",
+                                   name_of(*each));
             }
         }
-        if (what.needs_option && own_options_ == 0) {
-            throw usage_error("nothing to set: give at least one option");
-        }
-        const bool shows =
-            std::string_view(what.object) == "show" || std::string_view(what.verb) == "show";
-        if (!shows && (request_.watch_s || request_.count)) {
-            throw usage_error("--watch and --count go with show only", "--watch");
-        }
-        if (request_.count && !request_.watch_s) {
-            throw usage_error("--count needs --watch", "--count");
-        }
+        words_t known;
+        add_options(known, at);
+        add_options(known, root_);
+        return " is unknown here" + did_you_mean(name, known);
     }
 
-    [[nodiscard]] std::string usage() const
+    [[nodiscard]] std::string no_command(const std::string &what, const std::string &word) const
     {
-        if (request_.what != nullptr) {
-            return usage_line(*request_.what);
-        }
-        return object_.empty() ? "usage: vellbctl [--socket PATH] [--json] COMMAND; "
-                                 "'vellbctl --help' lists the commands"
-                               : object_usage(object_);
+        const std::string above = name_of(reached());
+        const words_t known = names_below(reached());
+        return fmt::format("{}{}{}; there are: {}", what,
+                           above.empty() ? "" : fmt::format(" after '{}'", above),
+                           did_you_mean(word, known), fmt::join(known, ", "));
     }
 
-    const std::vector<std::string> &words_;
-    size_t at_ = 0;
-    bool plain_ = false;
-    bool help_ = false;
-    std::string object_{};
-    size_t positionals_ = 0;
-    size_t own_options_ = 0;
-    std::set<std::string> seen_{};
+    [[nodiscard]] usage_error explained(const CLI::ParseError &error) const
+    {
+        const std::string text = error.what();
+        if (error.get_name() == "RequiredError" && !names_below(reached()).empty()) {
+            return usage_error(no_command("no command given", ""));
+        }
+        if (error.get_name() == "ExcludesError") {
+            return usage_error("--watch goes with show only", "--watch");
+        }
+        if (error.get_name() == "ArgumentMismatch") { // "--weight: At Most 1 required but ..."
+            const std::string name = text.substr(0, text.find(':'));
+            return usage_error(name + " needs a value, and only one", name);
+        }
+        return usage_error(text);
+    }
+
     request request_{};
+    CLI::App root_{};
 };
 
 } // namespace
 
-request parse(const std::vector<std::string> &words)
+request parse(const words_t &words)
 {
-    return parser(words).parse();
+    return tree().parse(words);
 }
 
-std::string usage_line(const command &what)
+words_t completions(const words_t &words)
 {
-    constexpr size_t WIDTH = 98;
-    constexpr const char *INDENT = "\n           ";
-    std::string text = "usage: vellbctl " + command_name(what);
-    size_t line_start = 0;
-    const auto add = [&](const std::string &word) {
-        if (text.size() - line_start + 1 + word.size() > WIDTH) {
-            line_start = text.size() + 1;
-            text += INDENT;
-        }
-        text += ' ' + word;
-    };
-    for (const positional &each : what.positionals) {
-        add(each.optional ? fmt::format("[{}]", each.name) : std::string(each.name));
-    }
-    for (const option &each : what.options) {
-        const std::string option = option_text(each) + (each.repeats ? " ..." : "");
-        add(each.required ? option : "[" + option + "]");
-    }
-    return text;
-}
-
-std::vector<std::string> completions(const std::vector<std::string> &words)
-{
-    std::vector<std::string> plain;
-    for (const std::string &word : words) {
-        if (!word.starts_with("-")) {
-            plain.push_back(word);
-        }
-    }
-    std::vector<std::string> result;
-    const command *what = nullptr;
-    if (plain.empty()) {
-        result = objects();
-    } else {
-        what = find_command(plain[0], plain.size() > 1 ? plain[1] : "");
-        what = what != nullptr ? what : find_command(plain[0], "");
-        result = what == nullptr ? verbs(plain[0]) : result;
-    }
-    const std::vector<option> none;
-    for (const auto *table : {what != nullptr ? &what->options : &none, &global_options()}) {
-        for (const option &each : *table) {
-            result.emplace_back(each.name);
-        }
-    }
-    result.insert(result.end(), {"--watch", "--help"});
-    return result;
+    return tree().completions(words);
 }
 
 } // namespace vellbctl

@@ -17,9 +17,6 @@ struct information {
 // Throws usage_error, its usage filled in, or information.
 request parse(const std::vector<std::string> &words);
 
-// "usage: vellbctl cluster add ADDRESS [--id TEXT]"
-std::string usage_line(const command &what);
-
 // Words that may follow `words`, for completion in a shell.
 std::vector<std::string> completions(const std::vector<std::string> &words);
 

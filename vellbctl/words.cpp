@@ -2,6 +2,7 @@
 #include "words.h"
 
 #include <algorithm>
+#include <charconv>
 #include <fmt/format.h>
 #include <numeric>
 
@@ -58,6 +59,14 @@ std::string did_you_mean(std::string_view word, const std::vector<std::string> &
 {
     const auto meant = nearest(word, candidates);
     return meant ? fmt::format(" (did you mean '{}'?)", *meant) : "";
+}
+
+std::optional<double> parse_decimal(std::string_view word)
+{
+    double number = 0;
+    const char *last = word.data() + word.size();
+    const auto [end, error] = std::from_chars(word.data(), last, number);
+    return error == std::errc{} && end == last ? std::optional(number) : std::nullopt;
 }
 
 lbip_addr_t take_address(const std::string &word)
@@ -153,6 +162,17 @@ lb_u32_t take_seconds(const std::string &word)
     return static_cast<lb_u32_t>(*number * unit);
 }
 
+double take_interval(const std::string &word)
+{
+    constexpr double LEAST_S = 0.1;
+    constexpr double MOST_S = 3600;
+    const double seconds = parse_decimal(word).value_or(0);
+    if (!(seconds >= LEAST_S && seconds <= MOST_S)) {
+        wrong(word, fmt::format("is not a number of seconds from {} to {}", LEAST_S, MOST_S));
+    }
+    return seconds;
+}
+
 bool take_switch(const std::string &word)
 {
     if (word == "on" || word == "yes") {
@@ -162,6 +182,15 @@ bool take_switch(const std::string &word)
         wrong(word, "is neither on nor off");
     }
     return false;
+}
+
+std::string take_socket(const std::string &word)
+{
+    constexpr size_t SUN_PATH_MOST = 107; // unix(7)
+    if (word.empty() || word.size() > SUN_PATH_MOST) {
+        wrong(word, fmt::format("is not a socket path of 1 to {} bytes", SUN_PATH_MOST));
+    }
+    return word;
 }
 
 std::string take_text(const std::string &word, size_t most)

@@ -34,6 +34,9 @@ std::optional<std::string> nearest(std::string_view word,
 // " (did you mean 'cluster'?)", or nothing.
 std::string did_you_mean(std::string_view word, const std::vector<std::string> &candidates);
 
+// "2", "0.5"; nothing if any of the word is something else.
+std::optional<double> parse_decimal(std::string_view word);
+
 // Each throws usage_error.
 lbip_addr_t take_address(const std::string &word);         // no prefix, not 0.0.0.0 or ::
 lbip_addr_t take_address_or_none(const std::string &word); // "none": unset
@@ -42,7 +45,9 @@ void take_endpoint(const std::string &word, lbip_addr_t &addr, lb_u16_t &port);
 lbeth_addr_align_t take_mac(const std::string &word);
 lb_u32_t take_number(const std::string &word, lb_u32_t least, lb_u32_t most);
 lb_u32_t take_seconds(const std::string &word); // "90", "90s", "30m", "2h", "1d"
+double take_interval(const std::string &word);  // seconds, 0.1 to 3600
 bool take_switch(const std::string &word);      // on, off, yes, no
+std::string take_socket(const std::string &word);
 std::string take_text(const std::string &word, size_t most);
 std::string take_interface(const std::string &word);
 lb_u64_t take_name(const std::string &word, std::span<const vellb::named_value> table);
