@@ -61,6 +61,7 @@ class Daemon:
             return False
 
         wait_until(answers, timeout, f"the daemon in {self.node.name} to answer a command")
+        self.wait_log(r" init$", timeout)  # Whatever it had to say of its options stands before.
         return self
 
     def stop(self, signum=signal.SIGTERM, timeout=10):
