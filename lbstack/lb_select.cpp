@@ -10,6 +10,7 @@
 #include "lb_log.h"
 #include "lb_pbuf.h"
 #include "lb_port.h"
+#include "lb_rule.h"
 #include "lb_server.h"
 #include "lb_words.h"
 
@@ -79,6 +80,9 @@ void lbsel_cleanup() {}
 
 lbsrv_obj_t *lbsel_chooseserver(lbpbuf_obj_t *pkt, lb_u32_t *seedptr)
 {
+    if (lbrul_pbuf_entry(pkt) != 0) {
+        return pkt->server; // also when the rule has none: it drops the packet
+    }
     return lbsel_srvset_chooseserver(&pkt->port->serverset, seedptr);
 }
 
