@@ -3,8 +3,7 @@
 // algorithm's own.
 //
 // Init, get and remove run on the command thread, reap and the periodic work on the timer thread;
-// workers read linked ports without a lock. Only lists are locked, one at a time. Algorithms that
-// choose no server yet are refused.
+// workers read linked ports without a lock. Only lists are locked, one at a time.
 
 #include "lb_port.h"
 
@@ -12,6 +11,7 @@
 #include "lb_ip.h"
 #include "lb_log.h"
 #include "lb_rule.h"
+#include "lb_sel_affinity.h"
 #include "lb_select.h"
 #include "lb_server.h"
 #include "lb_utils.h"
@@ -96,11 +96,6 @@ int checkalgorithm(const lbport_obj_t *port)
     if (!hasaffinity && addable->crossport != lbport_number(port)) {
         LB_LOG(LB_LOG_PORT | LB_LOG_FAILURE,
                "crossport %d not valid with this selection algorithm\n", addable->crossport);
-        return 1;
-    }
-    if (algorithmof(port)->choose == nullptr) {
-        LB_LOG(LB_LOG_PORT | LB_LOG_EVENT, "selection algorithm %d is not available\n",
-               addable->selectalg);
         return 1;
     }
     return 0;
@@ -199,6 +194,7 @@ int _lbport_cmd_rm(lbcmd_objhdr_t *obj)
         LB_LOG(LB_LOG_PORT | LB_LOG_FAILURE, "removal of port from list failed\n");
         return LBCMD_RC_FAILURE;
     }
+    lbsel_at_detachport(port);
     return LBCMD_RC_SUCCESS;
 }
 
@@ -224,6 +220,7 @@ int _lbport_cmd_reap(lbcmd_objhdr_t *obj, int age)
         if (lbll_rmnode(&port->parent->portlist, port) != 0) {
             LB_LOG(LB_LOG_PORT | LB_LOG_FAILURE, "removal of port from list failed\n");
         }
+        lbsel_at_detachport(port);
         obj->grace = lb_grace_now();
         return 0;
     }
