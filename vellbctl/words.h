@@ -43,6 +43,8 @@ lbeth_addr_align_t take_mac(const std::string &word);
 lb_u32_t take_number(const std::string &word, lb_u32_t least, lb_u32_t most);
 lb_u32_t take_seconds(const std::string &word); // "90", "90s", "30m", "2h", "1d"
 bool take_switch(const std::string &word);      // on, off, yes, no
+// "10-20", or "10-" without an upper bound.
+void take_range(const std::string &word, lb_u32_t &first, lb_u32_t &last);
 std::string take_text(const std::string &word, size_t most);
 std::string take_interface(const std::string &word);
 lb_u64_t take_name(const std::string &word, std::span<const vellb::named_value> table);
