@@ -26,8 +26,9 @@ LogLine = collections.namedtuple("LogLine", "when text")
 class Daemon:
     """vellb2 in the foreground in a node. Not started yet; start() does that."""
 
-    def __init__(self, node, workers=4, mask=0x200, args=(), log=None):
+    def __init__(self, node, workers=4, mask=0x200, args=(), log=None, env=None):
         self.node = node
+        self.env = env
         self.argv = [DAEMON, "-f", "-r", "-n", workers, "-m", f"{mask:x}", *args]
         self.log_path = log or node.lab.dir / f"{node.name}-daemon.log"
         self.socket = node.root / "vellb2"
@@ -46,7 +47,7 @@ class Daemon:
         if not (build_dir() / "vellb2").exists():
             raise LabError(f"no daemon in {build_dir()}: build it (cmake --preset release && "
                            "cmake --build --preset release) or set VELL_BUILD")
-        self.process = self.node.popen(self.argv, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.process = self.node.popen(self.argv, env=self.env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         self._reader = threading.Thread(target=self._read, args=(self.process.stdout,), daemon=True)
         self._reader.start()
 
@@ -149,6 +150,23 @@ class Daemon:
         if len(words) == 1:
             words = shlex.split(words[0])
         return json.loads(self.ctl("--json", *words).stdout)
+
+    def counters(self, protocol="ipv4"):
+        """The executor's counters of a protocol."""
+        return self.ctl_json("executor show")["executor"]["counters"][protocol]
+
+    def servers(self):
+        """Every server of every port, as vellbctl's JSON shows them."""
+        return self.ctl_json("server show")["servers"]
+
+    def wait_neighbour(self, address, state="reachable", timeout=5):
+        """Waits until every server entry of an address shows a state of its neighbour."""
+
+        def there():
+            states = {s["neighbour"] for s in self.servers() if s["server"] == address}
+            return states == {state}
+
+        wait_until(there, timeout, f"{address} to be {state}", interval=0.05)
 
     def command(self, *args, **kwargs):
         """One command by hand, see lab.command.request; the parsed answer."""

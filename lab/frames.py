@@ -110,15 +110,3 @@ class Injector:
         """Sends each frame (bytes, or anything that bytes() turns into a frame)."""
         for frame in frames:
             self.socket.send(bytes(frame))
-
-    def send_paced(self, frames, per_second):
-        """Sends the frames at a steady rate and returns how many seconds it took."""
-        begin = time.monotonic()
-        step = max(1, per_second // 500)
-        for start in range(0, len(frames), step):
-            ahead = begin + start / per_second - time.monotonic()
-            if ahead > 0:
-                time.sleep(ahead)
-            for frame in frames[start:start + step]:
-                self.socket.send(frame)
-        return time.monotonic() - begin

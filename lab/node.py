@@ -13,8 +13,9 @@ import pathlib
 import signal
 import socket
 import subprocess
+import sys
 
-from lab.core import LabError, build_dir, run, wait_until
+from lab.core import REPO, LabError, build_dir, run, wait_until
 from lab.frames import Capture, Injector
 
 CLONE_NEWNET = 0x40000000
@@ -49,6 +50,8 @@ def _make_namespace(name, ipv6=False):
     with _inside(name):
         for scope in ("all", "default"):
             _write_sysctl(f"net.ipv6.conf.{scope}.disable_ipv6", 0 if ipv6 else 1)
+        # A bridge is a wire here: the kernel's firewall must not drop malformed packets on it.
+        _write_sysctl("net.bridge.bridge-nf-call-iptables", 0)
     run(["ip", "-n", name, "link", "set", "lo", "up"])
 
 
@@ -139,6 +142,20 @@ class Node:
         kwargs.setdefault("stdin", subprocess.DEVNULL)
         process = subprocess.Popen(self.argv(argv), env=self.environment(env),
                                    start_new_session=True, **kwargs)
+        self.lab.adopt(process)
+        return process
+
+    def sender(self, frames, per_second, ifname="eth0"):
+        """Starts a process that sends frames (bytes) at a steady rate and ends; see lab.sender."""
+        path = self.lab.dir / f"{self.name}-{len(self.lab.nodes)}-{id(frames)}.frames"
+        with open(path, "wb") as out:
+            for frame in frames:
+                out.write(len(frame).to_bytes(2, "big") + frame)
+        process = subprocess.Popen(
+            ["ip", "netns", "exec", self.namespace, "setpriv", "--pdeathsig", "KILL", "--",
+             sys.executable, "-B", "-m", "lab.sender", ifname, str(per_second), str(path)],
+            cwd=REPO, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            text=True, start_new_session=True)
         self.lab.adopt(process)
         return process
 

@@ -56,14 +56,17 @@ class Basic:
             self.daemon.ctl("executor", "set", "--client-gateway", self.GATEWAY)
         return self.daemon
 
-    def configure(self, port=80, algorithm="hash", weights=None, cluster=None):
-        """A cluster with one port and every server behind it."""
-        cluster = cluster or self.CLUSTER
+    def configure(self, port=80, algorithm="hash", weights=None, servers=None):
+        """A cluster with one port and servers (1, 2, ...; default all) behind it, all reachable."""
+        cluster = self.CLUSTER
+        servers = servers or range(1, len(self.servers) + 1)
         self.daemon.ctl("cluster", "add", cluster)
         self.daemon.ctl("port", "add", f"{cluster}:{port}", "--algorithm", algorithm)
-        for number, _ in enumerate(self.servers, start=1):
-            weight = ["--weight", weights[number - 1]] if weights else []
+        for place, number in enumerate(servers):
+            weight = ["--weight", weights[place]] if weights else []
             self.daemon.ctl("server", "add", f"{cluster}:{port}", self.server_address(number), *weight)
+        for number in servers:
+            self.daemon.wait_neighbour(self.server_address(number))
 
 
 class Routed(Basic):

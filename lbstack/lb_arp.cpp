@@ -130,7 +130,7 @@ void lbarp_send(int type, const unsigned char *eth_dhost, const unsigned char *e
     lb_u16_t op = LBARP_OP_REQUEST;
     const unsigned char *dhost = BROADCAST.b;
     switch (type) {
-    case LBNEIGH_TYPE_REQUEST: break;
+    case LBNEIGH_TYPE_REQUEST:
     case LBNEIGH_TYPE_GRAT: break;
     case LBNEIGH_TYPE_VERIFY: dhost = eth_dhost; break;
     case LBNEIGH_TYPE_REPLY:

@@ -336,16 +336,22 @@ void tracebuf(lbcmd_buf_t *buffer, const char *arrow)
     }
 }
 
-// The object's age since its removal. Where the clock was set back the age starts again, so that
-// the object does not wait until the clock has caught up.
-int ageof(lbcmd_objhdr_t *obj, lb_timeval_t now)
+// The object's age since its removal.
+int ageof(const lbcmd_objhdr_t *obj, lb_timeval_t now)
 {
-    const lb_s32_t age = lb_timediff_s(now, obj->rmtimestamp);
-    if (age < 0) {
-        obj->rmtimestamp = now;
-        return 0;
+    return lb_timediff_s(now, obj->rmtimestamp);
+}
+
+// Where the clock was set back ages start again, so that no object waits until the clock has caught
+// up. All of them at once: one after the other, each would wait for its predecessors, too.
+void restartages(void **objs, int count, lb_timeval_t now)
+{
+    for (int i = 0; i < count; i++) {
+        auto *obj = static_cast<lbcmd_objhdr_t *>(objs[i]);
+        if (ageof(obj, now) < 0) {
+            obj->rmtimestamp = now;
+        }
     }
-    return age;
 }
 
 void reapobjects()
@@ -357,6 +363,7 @@ void reapobjects()
     void *objs[LB_SNAPSHOT_MAX];
     const int count = lbll_selectn_nl(reaplist, objs, LB_SNAPSHOT_MAX, lbll_filter_true, nullptr);
     LB_LOG(LB_LOG_COMMAND | LB_LOG_REAP, "reaping %d nodes\n", count);
+    restartages(objs, count, now);
     for (int i = 0; i < count; i++) {
         auto *obj = static_cast<lbcmd_objhdr_t *>(objs[i]);
         const int age = ageof(obj, now);

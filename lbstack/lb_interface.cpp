@@ -227,11 +227,14 @@ lbip_addr_t *firstaddress(lbifin_obj_t *ifin, lbip_addr_t *addr, lbll_select_fn 
 
 // --- Interfaces ----------------------------------------------------------------------------------
 
-// Neighbours may have taken the interface up again between its removal and its unlinking.
+// The timer may have published a route over the interface while that was being removed. Such a
+// route is swept away here; but whoever took it earlier reaches the interface through it until the
+// route's own grace has passed, even where nothing was left to sweep. So the last route goes first.
 bool freeifin(lb_grace_node_t *node)
 {
     lbifin_obj_t *ifin = ifinof(node);
-    if (lbneigh_clear_iface(ifin) != 0) {
+    (void)lbneigh_clear_iface(ifin); // what it finds is still among the routes
+    if (lb_peek(ifin->routes) != 0) {
         return false;
     }
     if (lbll_rmlist(&ifin->ifaddrlist) != 0) {

@@ -116,10 +116,17 @@ int _lbneigh_ht_filteriface(void *key, void *obj)
 
 // --- Routes --------------------------------------------------------------------------------------
 
+void _lbneigh_freeroute(lbneigh_route_t *route)
+{
+    lb_stat_inc(route->ifin->routes, static_cast<lb_u32_t>(-1));
+    os_memfree(route);
+}
+
 bool _lbneigh_reaproute(lb_grace_node_t *node)
 {
     char *bytes = reinterpret_cast<char *>(node);
-    os_memfree(bytes - offsetof(lbneigh_route_t, grace));
+    _lbneigh_freeroute(
+        reinterpret_cast<lbneigh_route_t *>(bytes - offsetof(lbneigh_route_t, grace)));
     return true;
 }
 
@@ -130,7 +137,7 @@ bool _lbneigh_reapentry(lb_grace_node_t *node)
         reinterpret_cast<lbneigh_obj_t *>(bytes - offsetof(lbneigh_obj_t, grace));
     lbneigh_route_t *route = lb_peekptr(entry->route);
     if (route != nullptr) {
-        os_memfree(route);
+        _lbneigh_freeroute(route);
     }
     os_memfree(entry);
     return true;
@@ -175,6 +182,7 @@ bool _lbneigh_setroute(lbneigh_obj_t *entry, const lbneigh_route_t *wanted)
         return false;
     }
     *route = *wanted;
+    lb_stat_inc(route->ifin->routes);
     return _lbneigh_publish(entry, route, nullptr);
 }
 
@@ -247,7 +255,10 @@ void _lbneigh_send(lbneigh_obj_t *entry, int type)
         return;
     }
     if (route == nullptr) {
-        LB_LOG(LB_LOG_NEIGH | LB_LOG_EVENT, "no interface or non-arp interface, no query sent\n");
+        if ((lb_peek(entry->state) & LBNEIGH_STATEMOD_NOIFACE) != 0) {
+            LB_LOG(LB_LOG_NEIGH | LB_LOG_EVENT,
+                   "no interface or non-arp interface, no query sent\n");
+        }
         return;
     }
     if (lbifin_isptp(route->ifin) || !lbifin_doesarp(route->ifin)) {

@@ -110,8 +110,9 @@ int lbpbuf_ulplen(lbpbuf_obj_t *pkt)
 void _lbpbuf_print(lb_u64_t mask, lbpbuf_obj_t *pkt, const char *label)
 {
     const lb_timeval_t elapsed = lb_log_elapsed();
-    os_print("%d.%06d pkt %lld %x ", elapsed.secs, elapsed.usecs,
-             static_cast<long long>(lb_take_next(packetcount) + 1), pkt->frag_id);
+    const lb_u64_t number = lb_take_next(packetcount) + 1;
+    os_print("%d.%06d pkt %lld %x ", elapsed.secs, elapsed.usecs, static_cast<long long>(number),
+             pkt->frag_id);
     if (pkt->ip.srcip.version != 0) {
         lbip_printaddr("", &pkt->ip.srcip, " -> ");
     } else {

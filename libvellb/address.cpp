@@ -30,6 +30,9 @@ std::optional<lbip_addr_t> parse_address(std::string_view text)
     const bool bracketed = text.size() > 2 && text.front() == '[' && text.back() == ']';
     const std::string word(bracketed ? text.substr(1, text.size() - 2) : text);
     lbip_addr_t addr{};
+    if (word.find('\0') != std::string::npos) {
+        return std::nullopt;
+    }
     if (!bracketed && inet_pton(AF_INET, word.c_str(), addr.nboaddr.v4) == 1) {
         addr.version = 4;
         return addr;

@@ -189,7 +189,7 @@ std::string object_text(object_e object)
 std::string key_text(lbcmd_keytype_e keytype, const lbcmd_key_t &key)
 {
     const object_e object = object_of(keytype, key);
-    const std::string name = object_text(object);
+    std::string name = object_text(object);
     const auto endpoint = [&] { return endpoint_text(key.cfg.cluster, key.cfg.port); };
     switch (object) {
     case object_e::EXECUTOR: return "the executor";

@@ -133,9 +133,9 @@ std::string_view state_words(unsigned state)
     case LBNEIGH_STATE_UNDEF: return "none";
     case LBNEIGH_STATE_RXOK: return "reachable";
     case LBNEIGH_STATE_TXU0: return "verifying";
-    case LBNEIGH_STATE_TXB1: return "asking (1 of 3)";
-    case LBNEIGH_STATE_TXB2: return "asking (2 of 3)";
-    case LBNEIGH_STATE_TXB3: return "asking (3 of 3)";
+    case LBNEIGH_STATE_TXB1: return "asking 1 of 3";
+    case LBNEIGH_STATE_TXB2: return "asking 2 of 3";
+    case LBNEIGH_STATE_TXB3: return "asking 3 of 3";
     case LBNEIGH_STATE_DEAD: return "dead";
     default: return "unknown";
     }

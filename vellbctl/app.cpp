@@ -20,7 +20,7 @@ class teller
 
     // `intro` stands before the message for people: "refused: PARENTDNE (5)".
     void failure(const std::string &intro, const complaint &told,
-                 nlohmann::ordered_json more = nlohmann::ordered_json::object()) const
+                 const nlohmann::ordered_json &more = nlohmann::ordered_json::object()) const
     {
         if (!json_) {
             to_.err << fmt::format("{}: {}{}\n", intro, told.message,

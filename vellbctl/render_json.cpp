@@ -43,6 +43,8 @@ class json_renderer
     [[nodiscard]] json_t cluster(const vellb::cluster &each) const;
     [[nodiscard]] json_t port(const vellb::port &each) const;
     [[nodiscard]] json_t server(const vellb::port &port, const vellb::server &each) const;
+    // Clusters with all below them; or, flat, all ports or all servers.
+    [[nodiscard]] json_t listed(const view &what) const;
     // Appends the rules, or what they use.
     void add_rules(json_t &list, const vellb::cluster &each, const view &what) const;
     [[nodiscard]] json_t rule(const vellb::port &port, const vellb::rule &each) const;
@@ -237,6 +239,27 @@ json_t json_renderer::cluster(const vellb::cluster &each) const
             {"ports", ports}};
 }
 
+json_t json_renderer::listed(const view &what) const
+{
+    json_t list = json_t::array();
+    for (const vellb::cluster &each : now_.clusters) {
+        if (!what.flat) {
+            list.push_back(cluster(each));
+            continue;
+        }
+        for (const vellb::port &one : each.ports) {
+            if (what.ports) {
+                list.push_back(port(one));
+                continue;
+            }
+            for (const vellb::server &behind : one.servers) {
+                list.push_back(server(one, behind));
+            }
+        }
+    }
+    return list;
+}
+
 json_t json_renderer::interface(const vellb::interface &each)
 {
     json_t addresses = json_t::array();
@@ -270,27 +293,12 @@ json_t render_json(const vellb::picture &now, const vellb::picture *before, cons
     if (what.executor) {
         document["executor"] = renderer.executor(now_s);
     }
-    const bool nested = what.clusters && !what.flat;
-    for (const char *name : {nested ? "clusters" : "", what.flat && what.ports ? "ports" : "",
-                             what.flat && what.servers && !what.ports ? "servers" : ""}) {
-        if (*name != '\0') {
-            document[name] = json_t::array();
-        }
-    }
-    for (const vellb::cluster &each : now.clusters) {
-        if (nested) {
-            document["clusters"].push_back(renderer.cluster(each));
-            continue;
-        }
-        for (const vellb::port &port : each.ports) {
-            if (what.flat && what.ports) {
-                document["ports"].push_back(renderer.port(port));
-                continue;
-            }
-            for (const vellb::server &server : port.servers) {
-                document["servers"].push_back(renderer.server(port, server));
-            }
-        }
+    const char *list = !what.flat     ? (what.clusters ? "clusters" : "")
+                       : what.ports   ? "ports"
+                       : what.servers ? "servers"
+                                      : "";
+    if (*list != '\0') {
+        document[list] = renderer.listed(what);
     }
     if (what.interfaces || what.addresses) {
         const char *name = what.interfaces ? "interfaces" : "addresses";

@@ -96,7 +96,8 @@ void session::answer(const std::string &text, nlohmann::ordered_json document)
         document["warnings"] = warnings_;
         warnings_.clear();
     }
-    out << dumped(document) << '\n' << std::flush;
+    // A stream of pictures is one document a line.
+    out << dumped(document, req.watch_s.has_value()) << '\n' << std::flush;
 }
 
 void session::warn(const std::vector<std::string> &texts)
@@ -230,9 +231,10 @@ complaint explain(const vellb::fault &error)
     return {0, name(), error.what(), error.hint()};
 }
 
-std::string dumped(const nlohmann::ordered_json &document)
+std::string dumped(const nlohmann::ordered_json &document, bool one_line)
 {
-    return document.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    return document.dump(one_line ? -1 : 2, ' ', false,
+                         nlohmann::ordered_json::error_handler_t::replace);
 }
 
 } // namespace vellbctl

@@ -82,7 +82,7 @@ struct complaint {
 complaint explain(const vellb::refused &error);
 complaint explain(const vellb::fault &error);
 
-// The document as text; bytes that are no UTF-8 are replaced.
-std::string dumped(const nlohmann::ordered_json &document);
+// The document as text, on one line or many; bytes that are no UTF-8 are replaced.
+std::string dumped(const nlohmann::ordered_json &document, bool one_line = false);
 
 } // namespace vellbctl

@@ -378,15 +378,25 @@ request parse(const std::vector<std::string> &words)
 
 std::string usage_line(const command &what)
 {
-    std::string line = "usage: vellbctl " + command_name(what);
+    constexpr size_t WIDTH = 98;
+    constexpr const char *INDENT = "\n           ";
+    std::string text = "usage: vellbctl " + command_name(what);
+    size_t line_start = 0;
+    const auto add = [&](const std::string &word) {
+        if (text.size() - line_start + 1 + word.size() > WIDTH) {
+            line_start = text.size() + 1;
+            text += INDENT;
+        }
+        text += ' ' + word;
+    };
     for (const positional &each : what.positionals) {
-        line += each.optional ? fmt::format(" [{}]", each.name) : fmt::format(" {}", each.name);
+        add(each.optional ? fmt::format("[{}]", each.name) : std::string(each.name));
     }
     for (const option &each : what.options) {
-        const std::string text = option_text(each) + (each.repeats ? " ..." : "");
-        line += each.required ? " " + text : " [" + text + "]";
+        const std::string option = option_text(each) + (each.repeats ? " ..." : "");
+        add(each.required ? option : "[" + option + "]");
     }
-    return line;
+    return text;
 }
 
 std::vector<std::string> completions(const std::vector<std::string> &words)

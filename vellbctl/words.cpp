@@ -97,7 +97,7 @@ lbip_addr_t take_prefix(const std::string &word)
 
 void take_endpoint(const std::string &word, lbip_addr_t &addr, lb_u16_t &port)
 {
-    constexpr const char *FORM = "is not ADDRESS:PORT, as in 10.0.0.100:80 or [2001:db8::1]:80";
+    constexpr const char *FORM = "does not look like 10.0.0.100:80 or [2001:db8::1]:80";
     const auto colon = word.rfind(':');
     if (colon == std::string::npos) {
         wrong(word, FORM);

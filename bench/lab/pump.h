@@ -47,8 +47,14 @@ std::unique_ptr<engine_t> make_xdp_engine(const stream_t &stream);
 // A packet socket: about half a million a second, on any interface.
 std::unique_ptr<engine_t> make_packet_engine(const stream_t &stream);
 
-// Makes an interface count and drop IPv4 and pass the rest on to its host. It stays until the
-// interface goes.
-void attach_sink(const std::string &dev);
+// Takes every IPv4 frame that an interface is about to send, and counts it; other frames go their
+// way. It costs the sender less than any receiving end would. It stays until the interface goes.
+class sink_t
+{
+  public:
+    virtual ~sink_t() = default;
+    virtual std::uint64_t taken() const = 0;
+};
+std::unique_ptr<sink_t> attach_sink(const std::string &dev);
 
 } // namespace pump

@@ -1,6 +1,7 @@
-// vell_pump: offers frames at a steady rate to an interface, or turns an interface into a sink that
-// counts and drops. The lab benchmark runs both ends with it; it says what it sent as one line of
-// JSON. One thread; what it did not send in time it does not try to catch up.
+// vell_pump: offers frames at a steady rate to an interface, or counts and takes away what an
+// interface sends. The lab benchmark runs both ends with it. The sender says what it sent as one
+// line of JSON; what it did not send in time it does not try to catch up. The sink answers every
+// line of its input with its count. One thread.
 #include <linux/if_ether.h>
 #include <sys/time.h>
 #include <system_error>
@@ -194,8 +195,8 @@ result_t run_paced(engine_t &engine, const pace_t &pace)
 
 int main(int argc, char **argv)
 try {
-    CLI::App app{
-        "Offers UDP frames to an interface at a steady rate, or makes an interface a sink."};
+    CLI::App app{"Offers UDP frames to an interface at a steady rate, or counts and takes away "
+                 "what an interface sends."};
     app.require_subcommand(1);
     pump::stream_t stream;
     pace_t pace;
@@ -219,12 +220,20 @@ try {
         ->check(CLI::Range(0.01, 60.0));
     send->add_option("--engine", engine, "auto, xdp or packet")
         ->check(CLI::IsMember({"auto", "xdp", "packet"}));
-    auto *sink = app.add_subcommand("sink", "have an interface count and drop IPv4 frames");
+    auto *sink = app.add_subcommand("sink", "count and drop IPv4 frames");
     sink->add_option("--dev", sink_dev, "interface")->required();
     CLI11_PARSE(app, argc, argv);
 
     if (sink->parsed()) {
-        pump::attach_sink(sink_dev);
+        const auto end = pump::attach_sink(sink_dev);
+        std::puts("0");
+        std::fflush(stdout);
+        for (int c = std::getchar(); c != EOF; c = std::getchar()) {
+            if (c == '\n') {
+                std::printf("%llu\n", static_cast<unsigned long long>(end->taken()));
+                std::fflush(stdout);
+            }
+        }
         return 0;
     }
     if (stream.flows == 0 || (stream.flows & (stream.flows - 1)) != 0 ||

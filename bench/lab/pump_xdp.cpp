@@ -1,5 +1,5 @@
-// Frames by way of XDP. Both programs are a few dozen instructions, so they are assembled here and
-// need no compiler for BPF at build or run time.
+// Frames made by way of XDP, and the sink in traffic control. Both programs are a few dozen
+// instructions, so they are assembled here and need no compiler for BPF at build or run time.
 //
 // The sending program writes every header byte anew for each frame: the kernel recycles a page as
 // soon as the frame that was in it is gone, and what a forwarder has rewritten comes back with it.
@@ -7,7 +7,7 @@
 // Starting a test run costs some 20 ms, most of it waiting. So one run must last for a whole
 // measurement; a signal ends it early, and a counter in a map says how far it came.
 #include <linux/bpf.h>
-#include <linux/if_link.h>
+#include <linux/pkt_cls.h>
 #include <net/if.h>
 #include <system_error>
 #include <unistd.h>
@@ -63,11 +63,12 @@ bpf_insn leave()
     return insn(BPF_JMP | BPF_EXIT, 0, 0, 0, 0);
 }
 
-// r7 = start of the packet; leaves with `verdict` when it is shorter than `need` bytes.
-void open_packet(code_t &code, int need, int verdict)
+// r7 = start of the packet; leaves with `verdict` when it is shorter than `need` bytes. `begin` and
+// `end` are where the program's context has the packet's bounds.
+void open_packet(code_t &code, int begin, int end, int need, int verdict)
 {
-    code.push_back(load(BPF_W, 7, 1, offsetof(xdp_md, data)));
-    code.push_back(load(BPF_W, 3, 1, offsetof(xdp_md, data_end)));
+    code.push_back(load(BPF_W, 7, 1, begin));
+    code.push_back(load(BPF_W, 3, 1, end));
     code.push_back(mov(4, 7));
     code.push_back(alui(BPF_ADD, 4, need));
     code.push_back(insn(BPF_JMP | BPF_JLE | BPF_X, 4, 3, 2, 0));
@@ -80,16 +81,15 @@ void count_up(code_t &code, int map)
 {
     code.push_back(insn(BPF_LD | BPF_IMM | BPF_DW, 8, BPF_PSEUDO_MAP_VALUE, 0, map));
     code.push_back(insn(0, 0, 0, 0, 0)); // second half of the wide instruction: offset 0
-    code.push_back(load(BPF_DW, 2, 8, 0));
-    code.push_back(alui(BPF_ADD, 2, 1));
-    code.push_back(insn(BPF_STX | BPF_MEM | BPF_DW, 8, 2, 0, 0));
+    code.push_back(movi(2, 1));
+    code.push_back(insn(BPF_STX | BPF_ATOMIC | BPF_DW, 8, 2, 0, BPF_ADD));
 }
 
 code_t sender_code(const stream_t &stream, unsigned ifindex, int map)
 {
     const std::vector<std::uint8_t> frame = build_frame(stream);
     code_t code;
-    open_packet(code, HEADERS, XDP_ABORTED);
+    open_packet(code, offsetof(xdp_md, data), offsetof(xdp_md, data_end), HEADERS, XDP_ABORTED);
     for (std::size_t at = 0; at < HEADERS; at += at + 4 <= HEADERS ? 4 : 2) {
         std::int32_t word = 0;
         const unsigned size = at + 4 <= HEADERS ? BPF_W : BPF_H;
@@ -109,24 +109,27 @@ code_t sender_code(const stream_t &stream, unsigned ifindex, int map)
     return code;
 }
 
-code_t sink_code()
+// For the egress hook of traffic control: IPv4 is counted and taken away, the rest goes its way.
+code_t sink_code(int map)
 {
     constexpr int ethertype_at = 12;
     constexpr int ipv4_as_loaded = 0x0008; // little-endian load of 08 00
     code_t code;
-    open_packet(code, 14, XDP_PASS);
+    open_packet(code, offsetof(__sk_buff, data), offsetof(__sk_buff, data_end), 14, TC_ACT_OK);
     code.push_back(load(BPF_H, 5, 7, ethertype_at));
-    code.push_back(movi(0, XDP_DROP));
-    code.push_back(insn(BPF_JMP | BPF_JEQ | BPF_K, 5, 0, 1, ipv4_as_loaded));
-    code.push_back(movi(0, XDP_PASS));
+    code.push_back(insn(BPF_JMP | BPF_JEQ | BPF_K, 5, 0, 2, ipv4_as_loaded));
+    code.push_back(movi(0, TC_ACT_OK));
+    code.push_back(leave());
+    count_up(code, map);
+    code.push_back(movi(0, TC_ACT_STOLEN));
     code.push_back(leave());
     return code;
 }
 
 // The descriptor, or a negative error.
-int load_program(const char *name, const code_t &code)
+int load_program(bpf_prog_type type, const char *name, const code_t &code)
 {
-    return bpf_prog_load(BPF_PROG_TYPE_XDP, name, "GPL", code.data(), code.size(), nullptr);
+    return bpf_prog_load(type, name, "GPL", code.data(), code.size(), nullptr);
 }
 
 unsigned index_of(const std::string &dev)
@@ -157,37 +160,18 @@ class bpf_fd_t
     int fd_;
 };
 
-class xdp_engine_t final : public engine_t
+// A number that a program counts up.
+class counter_t
 {
   public:
-    explicit xdp_engine_t(const stream_t &stream)
-        : frame_(build_frame(stream)),
-          map_(bpf_map_create(BPF_MAP_TYPE_ARRAY, "vell_sent", sizeof(__u32), sizeof(__u64), 1,
+    counter_t()
+        : map_(bpf_map_create(BPF_MAP_TYPE_ARRAY, "vell_count", sizeof(__u32), sizeof(__u64), 1,
                               nullptr),
-               "a BPF map"),
-          program_(load_program("vell_pump", sender_code(stream, index_of(stream.dev), map_.get())),
-                   "an XDP program")
+               "a BPF map")
     {
     }
-
-    const char *name() const override { return "xdp"; }
-
-    std::uint64_t send(std::uint32_t count) override
-    {
-        const std::uint64_t before = counted();
-        LIBBPF_OPTS(bpf_test_run_opts, opts, .data_in = frame_.data(),
-                    .data_size_in = static_cast<__u32>(frame_.size()),
-                    .repeat = static_cast<int>(count), .flags = BPF_F_TEST_XDP_LIVE_FRAMES,
-                    .batch_size = 64);
-        const int rc = bpf_prog_test_run_opts(program_.get(), &opts);
-        if (rc != 0 && rc != -EINTR) {
-            throw std::system_error(-rc, std::generic_category(), "a test run with live frames");
-        }
-        return counted() - before;
-    }
-
-  private:
-    std::uint64_t counted() const
+    int fd() const { return map_.get(); }
+    std::uint64_t value() const
     {
         const __u32 key = 0;
         __u64 value = 0;
@@ -198,8 +182,66 @@ class xdp_engine_t final : public engine_t
         return value;
     }
 
-    std::vector<std::uint8_t> frame_;
+  private:
     bpf_fd_t map_;
+};
+
+class xdp_engine_t final : public engine_t
+{
+  public:
+    explicit xdp_engine_t(const stream_t &stream)
+        : frame_(build_frame(stream)),
+          program_(load_program(BPF_PROG_TYPE_XDP, "vell_pump",
+                                sender_code(stream, index_of(stream.dev), sent_.fd())),
+                   "an XDP program")
+    {
+    }
+
+    const char *name() const override { return "xdp"; }
+
+    std::uint64_t send(std::uint32_t count) override
+    {
+        const std::uint64_t before = sent_.value();
+        LIBBPF_OPTS(bpf_test_run_opts, opts, .data_in = frame_.data(),
+                    .data_size_in = static_cast<__u32>(frame_.size()),
+                    .repeat = static_cast<int>(count), .flags = BPF_F_TEST_XDP_LIVE_FRAMES,
+                    .batch_size = 64);
+        const int rc = bpf_prog_test_run_opts(program_.get(), &opts);
+        if (rc != 0 && rc != -EINTR) {
+            throw std::system_error(-rc, std::generic_category(), "a test run with live frames");
+        }
+        return sent_.value() - before;
+    }
+
+  private:
+    std::vector<std::uint8_t> frame_;
+    counter_t sent_;
+    bpf_fd_t program_;
+};
+
+class egress_sink_t final : public sink_t
+{
+  public:
+    explicit egress_sink_t(const std::string &dev)
+        : program_(load_program(BPF_PROG_TYPE_SCHED_CLS, "vell_sink", sink_code(taken_.fd())),
+                   "a traffic control program")
+    {
+        LIBBPF_OPTS(bpf_tc_hook, hook, .ifindex = static_cast<int>(index_of(dev)),
+                    .attach_point = BPF_TC_EGRESS);
+        LIBBPF_OPTS(bpf_tc_opts, opts, .prog_fd = program_.get());
+        int rc = bpf_tc_hook_create(&hook);
+        if (rc == 0 || rc == -EEXIST) {
+            rc = bpf_tc_attach(&hook, &opts);
+        }
+        if (rc != 0) {
+            throw std::system_error(-rc, std::generic_category(), "attaching the sink to " + dev);
+        }
+    }
+
+    std::uint64_t taken() const override { return taken_.value(); }
+
+  private:
+    counter_t taken_;
     bpf_fd_t program_;
 };
 
@@ -210,14 +252,9 @@ std::unique_ptr<engine_t> make_xdp_engine(const stream_t &stream)
     return std::make_unique<xdp_engine_t>(stream);
 }
 
-void attach_sink(const std::string &dev)
+std::unique_ptr<sink_t> attach_sink(const std::string &dev)
 {
-    const bpf_fd_t program(load_program("vell_sink", sink_code()), "an XDP program");
-    const int rc =
-        bpf_xdp_attach(static_cast<int>(index_of(dev)), program.get(), XDP_FLAGS_DRV_MODE, nullptr);
-    if (rc != 0) {
-        throw std::system_error(-rc, std::generic_category(), "attaching the sink to " + dev);
-    }
+    return std::make_unique<egress_sink_t>(dev);
 }
 
 } // namespace pump

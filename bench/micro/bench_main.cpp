@@ -44,7 +44,7 @@ void feed(benchmark::State &state, const Frames &frames, int want, int sends)
     std::uint64_t allocations = 0;
     std::uint64_t sent = 0;
     std::size_t n = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         if (n == 0) { // only here has every thread warmed up
             allocations = fake::total_allocations();
             sent = fake::sent_count();
@@ -98,7 +98,7 @@ void host_frame(benchmark::State &state)
     const world here({});
     const auto frames = here.client_frames(LBIP_PROTO_UDP);
     fake::frame buffer;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         benchmark::DoNotOptimize(
             fake::receive_into(buffer, frames[0].data(), frames[0].size(), fake::link::loopback));
     }
@@ -109,7 +109,7 @@ void host_mutex(benchmark::State &state)
     fake::reset();
     lblock lock;
     (void)os_mutex_init(&lock);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         (void)os_mutex_lock(&lock);
         (void)os_mutex_unlock(&lock);
     }
@@ -156,7 +156,7 @@ void list_add_remove(benchmark::State &state)
     lbll_list_t list{};
     item_t item{};
     int rc = lbll_initlist(&list, offsetof(item_t, node), item_select, item_print);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         rc |= lbll_addnode_rhs(&list, &item);
         rc |= lbll_rmnode(&list, &item);
     }
@@ -175,7 +175,7 @@ void list_select(benchmark::State &state)
         rc |= lbll_addnode_rhs(&list, &item);
     }
     lb_u32_t key = items.back().key;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         benchmark::DoNotOptimize(lbll_select1(&list, &key));
     }
     failed |= rc != 0 || lbll_select1(&list, &key) != &items.back();
@@ -195,7 +195,7 @@ void hash_select(benchmark::State &state)
         rc |= lbht_addnode(&table, &item);
     }
     lb_u32_t key = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         key = key + 1 < items.size() ? key + 1 : 0;
         benchmark::DoNotOptimize(lbht_select1(&table, &key));
     }

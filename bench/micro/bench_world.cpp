@@ -37,7 +37,7 @@ constexpr std::size_t FRAME_LEN = 60;
     for (const std::string &line : fake::log_lines()) {
         std::fputs(line.c_str(), stderr);
     }
-    std::exit(1);
+    std::abort();
 }
 
 ipv4_t cluster_ip(int index)

@@ -40,6 +40,9 @@ struct lbifin_obj_s {
     alignas(8) lbifin_getable_t getable;
     void *osiface;
     lbll_list_t ifaddrlist; // of lbifaddr_obj_t
+    // Routes in memory that lead over it, also those that nothing leads to any more; they belong to
+    // lb_neigh. lb_stat_inc, lb_peek.
+    lb_u32_t routes;
     lb_grace_node_t grace;
 };
 

@@ -41,7 +41,7 @@ bool lx_may_wait(lb_s64_t moved_ms)
         return false;
     }
     if (lx_now_ms() - moved_ms >= LX_SILENCE_MS) {
-        LB_LOG_BARE(LX_LOG_CLIENT,
+        LB_LOG_BARE(LX_LOG_CLIENT | LB_LOG_FAILURE,
                     "ERROR: %s:%d client moved no byte for %d seconds, closing its connection\n",
                     __FILE_NAME__, __LINE__, LX_SILENCE_S);
         return false;

@@ -52,6 +52,7 @@ struct kept_state {
     std::vector<iface_event> iface_events;
     std::vector<tun_request> tun_requests;
     std::vector<std::uint8_t> last_raw4 = {0, 0, 0, 0};
+    std::function<void()> during_getxmithandle;
 };
 
 std::mutex kept_lock;
@@ -433,6 +434,25 @@ bool fail_pending(op which)
     return countdowns[static_cast<std::size_t>(which)].load(RELAXED) > 0;
 }
 
+void during_getxmithandle(std::function<void()> what)
+{
+    const std::lock_guard<std::mutex> guard(kept_lock);
+    kept().during_getxmithandle = std::move(what);
+}
+
+// Takes what was planned for the moment, and does it without the lock.
+static void interrupt_getxmithandle()
+{
+    std::function<void()> what;
+    {
+        const std::lock_guard<std::mutex> guard(kept_lock);
+        what = std::exchange(kept().during_getxmithandle, nullptr);
+    }
+    if (what) {
+        what();
+    }
+}
+
 void set_interface_unknown(const std::string &name, bool unknown)
 {
     const std::lock_guard<std::mutex> guard(kept_lock);
@@ -754,6 +774,7 @@ int os_getxmithandle(const char *name, int, const unsigned char *, int ipver, co
                      const unsigned char *, void *xmithandle)
 {
     const std::string ifname(name, strnlen(name, 16));
+    interrupt_getxmithandle();
     const bool failing = detail::must_fail(static_cast<int>(op::getxmithandle));
     const std::lock_guard<std::mutex> guard(kept_lock);
     if (failing || ifname.empty() || kept().unknown_interfaces.count(ifname) != 0) {

@@ -12,6 +12,7 @@
 #include "lb_types.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -117,6 +118,10 @@ constexpr int INJECTED_RC = 77;
 void fail(op which, int n);
 // Whether the failure is still ahead: false once it has struck.
 [[nodiscard]] bool fail_pending(op which);
+
+// Runs once, inside the next os_getxmithandle(): what other threads may do while the stack is busy
+// there.
+void during_getxmithandle(std::function<void()> what);
 
 // --- Interfaces
 // --------------------------------------------------------------------------------------

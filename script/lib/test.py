@@ -20,7 +20,9 @@ import tempfile
 sys.dont_write_bytecode = True
 import steps  # noqa: E402
 
-BUILD = steps.REPO / "build/release"
+# VELL_BUILD=build/asan runs a named test on what that preset builds.
+PRESET = pathlib.Path(os.environ.get("VELL_BUILD", "build/release")).name
+BUILD = steps.REPO / "build" / PRESET
 PYTEST = [sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider"]
 
 
@@ -44,8 +46,8 @@ def run_pytest(arguments):
 def run_all():
     """Everything; the exit status of the whole."""
     steps.bootstrap()
-    with steps.Step("build release") as step:
-        steps.build("release", step=step)
+    with steps.Step(f"build {PRESET}") as step:
+        steps.build(PRESET, step=step)
     failed = False
     try:
         run_ctest()
@@ -82,13 +84,13 @@ def run_named(word):
     """What a word names; builds only what that needs."""
     lab_files = matching_files(word, "lab")
     cpp_files = matching_files(word, "unit", "stack")
-    with steps.Step("build") as step:
+    with steps.Step(f"build {PRESET}") as step:
         if not cpp_files and lab_files:
-            steps.build("release", ["vellb2", "vellbctl"], step)
+            steps.build(PRESET, ["vellb2", "vellbctl"], step)
         elif cpp_files and not lab_files:
-            steps.build("release", ["vell_tests"], step)
+            steps.build(PRESET, ["vell_tests"], step)
         else:
-            steps.build("release", ["vellb2", "vellbctl", "vell_tests"], step)
+            steps.build(PRESET, ["vellb2", "vellbctl", "vell_tests"], step)
     status = 0
     found = False
     if cpp_files or not lab_files:

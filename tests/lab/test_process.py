@@ -13,16 +13,13 @@ import re
 import signal
 import socket
 import subprocess
-import sys
 import threading
 import time
 
 import pytest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
-
-from lab import Daemon, Lab, Node, Segment, command, wait_until  # noqa: E402
-from lab.node import DAEMON  # noqa: E402
+from lab import Daemon, Lab, Node, Segment, command, wait_until
+from lab.node import DAEMON
 
 HOST = 0x4000000  # log mask: the host runtime
 RUNNING = "vellb2 process is already running!!!!\n"
@@ -194,6 +191,15 @@ def test_socket_path_in_the_way_ends_with_1(quiet):
     assert done.returncode == 1
     assert "Error, couldn't bind to domain socket: Address already in use" in done.stderr
     assert "ERROR: could not bind to domain socket" in done.stdout
+
+
+def test_thread_that_cannot_be_started_stops_the_others(quiet):
+    # Room for a few threads' stacks of 8 MB, not for fifteen.
+    done = quiet.run(["prlimit", f"--as={100 << 20}", "--", DAEMON, "-f", "-r", "-n", "15"], check=False,
+                     timeout=10)
+    assert done.returncode == 1
+    assert re.search(r"ERROR: could not start thread vellb2-recv, error 11, stopping$", done.stdout, re.M)
+    assert not (quiet.root / "vellb2").exists() and segments(quiet) == []
 
 
 # --- One instance ---------------------------------------------------------------------------------
@@ -516,8 +522,9 @@ def test_lines_of_many_threads_never_mix(wire):
     frames = 3000
     with running(fwd, workers=15) as daemon, peer.injector() as wire_end:
         mark = daemon.mark()
-        wire_end.send_paced([unknown_frame(fwd, peer)] * frames, 5000)
-        wait_until(lambda: daemon.mark() - mark >= 2 * frames, 10, "two lines for each frame")
+        for sent in range(200, frames + 1, 200):
+            wire_end.send(*[unknown_frame(fwd, peer)] * 200)
+            wait_until(lambda: daemon.mark() - mark >= 2 * sent, 10, "two lines for each frame")
         assert daemon.stop() == 0
     texts = [line.text for line in daemon.lines[mark:]]
     odd = [text for text in texts if not LINE.fullmatch(text)]

@@ -1,0 +1,28 @@
+// Command buffers into the stack, one at a time, each checked: a legal answer, sizes that fit the
+// buffer, and no object changed by what was refused.
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "world.h"
+
+namespace fuzz
+{
+
+using answers = std::map<std::string, std::uint64_t>;
+
+// The answers that a run of mutated commands must get: "ADD FAILURE", "GET SUCCESS" and so on.
+extern const std::vector<std::string> COMMAND_ANSWERS;
+
+// Carries out the command in the world's buffer and checks the answer.
+void run_command(world &stack, answers *counts);
+
+// One input of the fuzz target: records of a control byte, a length of two bytes (high first) and
+// as many bytes of the buffer's beginning; the rest of it is left over from the record before. The
+// control byte: bit 0 has the version set right, bit 1 has half a second pass behind the command,
+// bit 2 five seconds, bit 3 sends a frame.
+void run_commands(const std::uint8_t *data, std::size_t size);
+bytes command_record(const bytes &command);
+
+} // namespace fuzz

@@ -1,0 +1,226 @@
+// See frames.h. One thread.
+#include "frames.h"
+
+#include "lb_entry.h"
+#include "lb_executor.h"
+#include "lb_log.h"
+
+#include <algorithm>
+
+#include "fake_host.h"
+#include "packets.h"
+
+namespace fuzz
+{
+
+namespace
+{
+
+constexpr std::size_t ETH = packets::ETH;
+constexpr int ETH_IPV4 = 0x0800;
+constexpr int ETH_ARP = 0x0806;
+constexpr std::size_t ARP_FRAME = 42;
+constexpr std::size_t ICMP_HEADER = 8;
+
+// What a line of the log says about the way of a frame.
+struct label {
+    const char *text;
+    const char *place;
+};
+constexpr label LABELS[] = {
+    {"arp_entry packet too small", "ARP: too short"},
+    {"arp_entry not ether", "ARP: other hardware or protocol"},
+    {"arp_entry hwlen", "ARP: other hardware length"},
+    {"arp_entry OP", "ARP: other operation"},
+    {"neigh update on reply", "ARP: reply of a neighbour"},
+    {"request is for a *target*", "ARP: request of a neighbour"},
+    {"not in neigh table", "ARP: reply of a stranger"},
+    {"request for a *cluster*", "ARP: request for the cluster"},
+    {"request not for cluster", "ARP: request for others"},
+    {"no station's", "ARP: group address not learnt"},
+    {"badinput", "IPv4: bad header"},
+    {"badip4chksum", "IPv4: bad checksum"},
+    {"frag-discard-norecord", "IP: fragment for the cluster"},
+    {"DISCARD proto", "IP: other protocol for the cluster"},
+    {"pullup failed", "TCP/UDP: header incomplete"},
+    {"not a lb port", "TCP/UDP: unknown port"},
+    {"tcpudp error", "TCP/UDP: no chooser"},
+    {"hash-no-servers", "choose: no server"},
+    {"hash-fwd", "choose: a server"},
+    {"send-failure", "send: total length or route"},
+    {"forwarded packet success", "send: forwarded"},
+    {"time exceeded packet sent", "send: time exceeded"},
+    {"Destination unreachable packet", "send: too long for the link"},
+};
+
+constexpr lb_u64_t COUNTING_MASK = LB_LOG_PKTERROR | LB_LOG_DISCARDED | LB_LOG_INTACT |
+                                   LB_LOG_FORWARDED | LB_LOG_TCPUDP | LB_LOG_ARP | LB_LOG_NEIGH |
+                                   LB_LOG_ICMP | LB_LOG_SELECT;
+
+bool is_prefix(const bytes &part, std::size_t from, const bytes &whole)
+{
+    return part.size() - from <= whole.size() &&
+           std::equal(part.begin() + static_cast<long>(from), part.end(), whole.begin());
+}
+
+// Whether what left is the beginning of what came, but for one hop and the header checksum, which
+// is as good as it was.
+bool is_hop_of(const bytes &out, const bytes &ip)
+{
+    const std::size_t hdrlen = static_cast<std::size_t>(ip.at(0) & 15) * 4;
+    bytes expected = ip;
+    expected.at(8)--;
+    std::copy(out.begin() + 10, out.begin() + 12, expected.begin() + 10);
+    const bool wasgood = packets::checksum(ip, 0, hdrlen) == 0;
+    const bool isgood = packets::checksum(out, 0, hdrlen) == 0;
+    return ip[8] > 1 && is_prefix(out, 0, expected) && (isgood || !wasgood);
+}
+
+} // namespace
+
+const std::vector<std::string> FRAME_PLACES = [] {
+    std::vector<std::string> places = {"link: no entry", "link: IPv6", "link: SLIP", "IP: others'",
+                                       "IP: others' ICMP"};
+    for (const label &l : LABELS) {
+        places.emplace_back(l.place);
+    }
+    return places;
+}();
+
+frame_feeder::frame_feeder(bool count) : counting_(count)
+{
+    if (count) {
+        fake::log_discard(false);
+        lb_poke(lbexecutor->setable.log_mask, COUNTING_MASK);
+    }
+}
+
+void frame_feeder::feed(const bytes &frame, fake::link link)
+{
+    const lb_u64_t icmp_before = lb_peek(lbexecutor->getable.icmpstats.in);
+    const int rc = fake::receive_into(buffer_, frame.data(), frame.size(), link);
+    const bool consumed = rc == LB_PACKETRC_CONSUMED;
+    require(buffer_.frees() == (consumed ? 1 : 0), "the buffer was not freed exactly once");
+    if (!consumed) {
+        require(std::equal(buffer_.bytes(), buffer_.bytes() + buffer_.length(), frame.begin()),
+                "a frame that is the host's was changed");
+    }
+    check_sent(bytes(frame.begin(), frame.begin() + buffer_.length()), link);
+    world::require_unharmed();
+    if (counting_) {
+        count(rc, link);
+        places_["IP: others' ICMP"] += lb_peek(lbexecutor->getable.icmpstats.in) - icmp_before;
+    }
+}
+
+void frame_feeder::check_sent(const bytes &frame, fake::link link)
+{
+    const std::size_t header = link == fake::link::slip ? 0 : ETH;
+    const auto sent = fake::take_sent();
+    require(sent.size() <= 1, "one frame had more than one sent");
+    if (sent.empty()) {
+        return;
+    }
+    require(frame.size() >= header, "something was sent for a frame without a link header");
+    const bytes ip(frame.begin() + static_cast<long>(header), frame.end());
+    const fake::sent_frame &out = sent[0];
+    if (out.how == fake::via::raw4) {
+        check_answer(ip, out.bytes);
+        return;
+    }
+    require(out.how == fake::via::packet, "sent by a way that no frame takes");
+    if (header != 0 && packets::get16(frame, 12) == ETH_ARP) {
+        require(out.bytes.size() == ARP_FRAME && out.bytes.size() <= frame.size(),
+                "an ARP answer of the wrong length");
+        return;
+    }
+    const std::size_t outheader = out.has_eth ? ETH : 0;
+    require(out.bytes.size() >= outheader + 20, "half a packet was sent");
+    require(out.bytes.size() - outheader <= ip.size(), "sent longer than it came");
+    require(!out.has_eth || packets::get16(out.bytes, 12) == ETH_IPV4, "the type was changed");
+    const bytes packet(out.bytes.begin() + static_cast<long>(outheader), out.bytes.end());
+    require(is_hop_of(packet, ip), "the packet was changed on its way");
+}
+
+// An ICMP error quotes the packet as it came and goes to who sent it.
+void frame_feeder::check_answer(const bytes &ip, const bytes &message)
+{
+    require(message.size() > ICMP_HEADER, "an ICMP error that quotes nothing");
+    require(is_prefix(message, ICMP_HEADER, ip), "an ICMP error quotes something else");
+    require(packets::checksum(message, 0, message.size()) == 0, "a wrong ICMP checksum");
+}
+
+void frame_feeder::count(int rc, fake::link link)
+{
+    places_["link: no entry"] += rc == fake::NOT_DISPATCHED ? 1 : 0;
+    places_["link: SLIP"] += link == fake::link::slip ? 1 : 0;
+    places_["link: IPv6"] = lb_peek(lbexecutor->getable.ipv6stats.in);
+    places_["IP: others'"] = lb_peek(lbexecutor->getable.ipv4stats.notforus) -
+                             lb_peek(lbexecutor->getable.icmpstats.notforus);
+    for (const std::string &line : fake::log_lines()) {
+        for (const label &l : LABELS) {
+            places_[l.place] += line.find(l.text) != std::string::npos ? 1 : 0;
+        }
+    }
+    fake::log_clear();
+}
+
+void run_frames(const std::uint8_t *data, std::size_t size)
+{
+    world stack;
+    frame_feeder feeder(false);
+    std::size_t at = 0;
+    while (size - at >= 3) {
+        const std::uint8_t control = data[at];
+        const std::size_t wanted = static_cast<std::size_t>(data[at + 1] << 8 | data[at + 2]);
+        at += 3;
+        if ((control & 3) == 3) {
+            fake::advance_ms(static_cast<std::int64_t>(wanted) * 100);
+            (void)lb_timer_entry();
+            (void)fake::take_sent();
+            continue;
+        }
+        const std::size_t len = std::min(wanted, size - at);
+        bytes frame(data + at, data + at + len);
+        at += len;
+        const fake::link link = (control & 3) == 2 ? fake::link::slip : fake::link::ethernet;
+        if ((control & 4) != 0) {
+            mend_checksums(frame, link);
+        }
+        feeder.feed(frame, link);
+    }
+    stack.require_forwarding();
+    stack.finish();
+}
+
+bytes frame_record(const bytes &frame, fake::link link)
+{
+    const std::size_t skip = link == fake::link::slip ? ETH : 0;
+    bytes out = {static_cast<std::uint8_t>(link == fake::link::slip ? 6 : 4),
+                 static_cast<std::uint8_t>((frame.size() - skip) >> 8),
+                 static_cast<std::uint8_t>(frame.size() - skip)};
+    out.insert(out.end(), frame.begin() + static_cast<long>(skip), frame.end());
+    return out;
+}
+
+void mend_checksums(bytes &frame, fake::link link)
+{
+    const std::size_t ip = link == fake::link::slip ? 0 : ETH;
+    if (frame.size() < ip + 20 || (ip != 0 && packets::get16(frame, 12) != ETH_IPV4)) {
+        return;
+    }
+    const std::size_t hdrlen = static_cast<std::size_t>(frame[ip] & 15) * 4;
+    if (hdrlen < 20 || ip + hdrlen > frame.size()) {
+        return;
+    }
+    packets::mend_ip(frame, ip);
+    const std::uint8_t proto = frame[ip + 9];
+    const std::size_t end = ip + packets::get16(frame, ip + 2);
+    const std::size_t transport = proto == packets::TCP ? 20 : 8;
+    if ((proto == packets::TCP || proto == packets::UDP) && end <= frame.size() &&
+        end >= ip + hdrlen + transport) {
+        packets::mend_transport(frame, ip);
+    }
+}
+
+} // namespace fuzz

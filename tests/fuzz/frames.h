@@ -1,0 +1,48 @@
+// Frames into the stack, one at a time, each checked against what it must not do: change a frame
+// that is left to the host, send more than came in, or send anything but what came in.
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "fake_frame.h"
+#include "world.h"
+
+namespace fuzz
+{
+
+// How often each place of the packet path was reached, by its name.
+using reached = std::map<std::string, std::uint64_t>;
+
+// The places that a run of mutated frames must reach.
+extern const std::vector<std::string> FRAME_PLACES;
+
+class frame_feeder
+{
+  public:
+    // With `count`, what the stack logs says how far each frame came.
+    explicit frame_feeder(bool count);
+
+    void feed(const bytes &frame, fake::link link);
+    [[nodiscard]] const reached &places() const { return places_; }
+
+  private:
+    void check_sent(const bytes &frame, fake::link link);
+    void check_answer(const bytes &ip, const bytes &message);
+    void count(int rc, fake::link link);
+
+    bool counting_;
+    fake::frame buffer_{};
+    reached places_{};
+};
+
+// One input of the fuzz target: records of a control byte, a length of two bytes (high first) and
+// as many bytes of frame. The control byte: bits 0 and 1 choose the link (2: SLIP, 3: no frame, but
+// the length is tenths of a second that pass); bit 2 has the IPv4 header checksum mended.
+void run_frames(const std::uint8_t *data, std::size_t size);
+bytes frame_record(const bytes &frame, fake::link link);
+
+// Computes the checksums anew of what looks like IPv4, and of the TCP or UDP within.
+void mend_checksums(bytes &frame, fake::link link);
+
+} // namespace fuzz

@@ -1,0 +1,201 @@
+// See seeds.h. No state.
+#include "seeds.h"
+
+#include "packets.h"
+
+namespace fuzz
+{
+
+namespace
+{
+
+seed frame(const std::string &name, const packets::packet &p)
+{
+    return {name, packets::build(p)};
+}
+
+packets::packet to(std::uint16_t dport, std::uint8_t proto = packets::TCP)
+{
+    packets::packet p;
+    p.dport = dport;
+    p.proto = proto;
+    return p;
+}
+
+seed arp(const std::string &name, std::uint16_t op, const std::string &from,
+         const std::string &target)
+{
+    packets::arp a;
+    a.op = op;
+    a.srcip = from;
+    a.tgtip = target;
+    return {name, packets::build(a)};
+}
+
+seed typed(const std::string &name, std::uint16_t ethertype, bytes content)
+{
+    packets::put16(content, 12, ethertype);
+    return {name, std::move(content)};
+}
+
+// A tag in front of the EtherType, as a host without hardware support would hand it up.
+bytes tagged(bytes content)
+{
+    const bytes tag = {0x81, 0x00, 0x00, 0x07};
+    content.insert(content.begin() + 12, tag.begin(), tag.end());
+    return content;
+}
+
+void add_special_packets(std::vector<seed> &seeds)
+{
+    packets::packet p = to(80);
+    p.ttl = 1;
+    seeds.push_back(frame("tcp-ttl-1", p));
+    p = to(80);
+    p.payload = 1000;
+    seeds.push_back(frame("tcp-beyond-mtu", p));
+    p = to(80);
+    p.options = 12;
+    seeds.push_back(frame("tcp-options", p));
+    p = to(80);
+    p.flags = 0x11;
+    seeds.push_back(frame("tcp-fin", p));
+    p = to(80);
+    p.fragoff = 0x2000;
+    seeds.push_back(frame("tcp-first-fragment", p));
+    p = to(53, packets::UDP);
+    p.fragoff = 0x0010;
+    seeds.push_back(frame("udp-later-fragment", p));
+    p = to(80);
+    p.dst = "10.0.0.77";
+    seeds.push_back(frame("tcp-to-others", p));
+    p = to(0, 1);
+    p.dst = "10.0.0.1";
+    seeds.push_back(frame("icmp-to-us", p));
+    p = to(80);
+    p.payload = 0;
+    bytes cut = packets::build(p);
+    cut.resize(packets::ETH + 20 + 3);
+    seeds.push_back({"tcp-cut-in-ports", cut});
+    packets::put16(cut, packets::ETH + 2, 23);
+    packets::mend_ip(cut);
+    seeds.push_back({"tcp-3-bytes", cut});
+    bytes lying = packets::build(to(80));
+    packets::put16(lying, packets::ETH + 2, 1200);
+    packets::mend_ip(lying);
+    seeds.push_back({"tcp-length-beyond-frame", lying});
+    bytes summless = packets::build(to(80));
+    packets::put16(summless, packets::ETH + 10, 0);
+    seeds.push_back({"tcp-checksum-0", summless});
+}
+
+// --- Commands ------------------------------------------------------------------------------------
+
+seed command(const std::string &name, lbcmd_action_e action, lbcmd_keytype_e keytype,
+             const lbcmd_key_t &key, const bytes &add = {}, const bytes &set = {})
+{
+    lbcmd_bufhdr_t hdr{};
+    hdr.lbversion = LBCMD_VERSION;
+    hdr.key = key;
+    hdr.keytype = keytype;
+    hdr.action = action;
+    hdr.addsize = static_cast<lb_u16_t>(add.size());
+    hdr.setsize = static_cast<lb_u16_t>(set.size());
+    bytes content = bytes_of(hdr);
+    content.insert(content.end(), add.begin(), add.end());
+    content.insert(content.end(), set.begin(), set.end());
+    return {name, content};
+}
+
+// ADD, SET, GET and RM of one object.
+void add_four(std::vector<seed> &seeds, const std::string &name, lbcmd_keytype_e keytype,
+              const lbcmd_key_t &key, const bytes &add, const bytes &set)
+{
+    seeds.push_back(command(name + "-add", LBCMD_ACTION_ADD, keytype, key, add, set));
+    seeds.push_back(command(name + "-set", LBCMD_ACTION_SET, keytype, key, {}, set));
+    seeds.push_back(command(name + "-get", LBCMD_ACTION_GET, keytype, key));
+    seeds.push_back(command(name + "-rm", LBCMD_ACTION_RM, keytype, key));
+}
+
+void add_config_seeds(std::vector<seed> &seeds)
+{
+    constexpr auto CONFIG = LBCMD_KEYTYPE_CONFIG;
+    lbexe_setable_t executor{};
+    executor.clientgateway = address("10.0.0.253");
+    executor.clientgateway_ipv6 = address("2001:db8::1");
+    executor.ha.role = LBHA_ROLE_PRIMARY;
+    const bytes cluster_add = bytes_of(lbclu_addable_t{});
+    const bytes cluster_set = bytes_of(lbclu_setable_t{});
+    const bytes port_add = bytes_of(port_block(1, 5));
+    const bytes port_set = bytes_of(lbport_setable_t{});
+    const bytes server_add = bytes_of(lbsrv_addable_t{});
+    const bytes server_set = bytes_of(server_block(3));
+    add_four(seeds, "executor", CONFIG, config_key(""), {}, bytes_of(executor));
+    for (const char *cluster : {CLUSTER, "10.0.0.101", "2001:db8::100"}) {
+        const std::string name = std::string(cluster) == CLUSTER        ? "known-"
+                                 : std::string(cluster) == "10.0.0.101" ? "new-"
+                                                                        : "v6-";
+        add_four(seeds, name + "cluster", CONFIG, config_key(cluster), cluster_add, cluster_set);
+        add_four(seeds, name + "port", CONFIG, config_key(cluster, 80), port_add, port_set);
+        add_four(seeds, name + "server", CONFIG, config_key(cluster, 80, "10.0.0.11"), server_add,
+                 server_set);
+    }
+    add_four(seeds, "other-port", CONFIG, config_key(CLUSTER, 8080), port_add, port_set);
+    add_four(seeds, "empty-port", CONFIG, config_key(CLUSTER, 82), port_add, port_set);
+    add_four(seeds, "other-server", CONFIG, config_key(CLUSTER, 80, "10.0.0.13"), server_add,
+             server_set);
+    add_four(seeds, "heartbeat", CONFIG, config_key(CLUSTER, 0, "10.0.0.2"), {}, {});
+    add_four(seeds, "rule", CONFIG, config_key(CLUSTER, 80, "", 7), {}, {});
+    add_four(seeds, "useserver", CONFIG, config_key(CLUSTER, 80, "10.0.0.11", 7), {}, {});
+}
+
+void add_interface_seeds(std::vector<seed> &seeds)
+{
+    constexpr auto IFACE = LBCMD_KEYTYPE_IFACE;
+    const bytes ifin = bytes_of(ethernet_block());
+    const bytes ifaddr = bytes_of(lbifaddr_setable_t{});
+    add_four(seeds, "collection", IFACE, interface_key(""), {}, bytes_of(lbifcol_setable_t{}));
+    add_four(seeds, "known-interface", IFACE, interface_key("eth0"), {}, ifin);
+    add_four(seeds, "new-interface", IFACE, interface_key("eth1"), {}, ifin);
+    add_four(seeds, "long-interface", IFACE, interface_key(std::string(32, 'x')), {}, ifin);
+    add_four(seeds, "known-address", IFACE, interface_key("eth0", "10.0.0.1/24"), {}, ifaddr);
+    add_four(seeds, "new-address", IFACE, interface_key("eth0", "10.0.3.1/24"), {}, ifaddr);
+    add_four(seeds, "v6-address", IFACE, interface_key("eth0", "2001:db8::1/64"), {}, ifaddr);
+}
+
+} // namespace
+
+std::vector<seed> frame_seeds()
+{
+    std::vector<seed> seeds = {
+        arp("arp-request-for-cluster", 1, "10.0.0.50", CLUSTER),
+        arp("arp-request-of-server", 1, "10.0.0.11", "10.0.0.1"),
+        arp("arp-reply-of-server", 2, "10.0.0.12", "10.0.0.1"),
+        arp("arp-reply-of-stranger", 2, "10.0.0.200", "10.0.0.1"),
+        arp("arp-other-operation", 3, "10.0.0.11", "10.0.0.1"),
+        frame("tcp-unknown-port", to(9)),
+        frame("udp-rotating", to(80, packets::UDP)),
+        frame("udp-no-chooser", to(53, packets::UDP)),
+        frame("icmp-to-cluster", to(0, 1)),
+        frame("gre-to-cluster", to(0, 47)),
+        typed("ipv6", 0x86DD, packets::build(to(80))),
+        typed("lldp", 0x88CC, packets::build(to(80))),
+        {"vlan-tcp", tagged(packets::build(to(80)))},
+        {"runt", bytes(9)},
+    };
+    for (const std::uint16_t port : {80, 81, 82, 83, 84}) {
+        seeds.push_back(frame("tcp-" + std::to_string(port), to(port)));
+    }
+    add_special_packets(seeds);
+    return seeds;
+}
+
+std::vector<seed> command_seeds()
+{
+    std::vector<seed> seeds;
+    add_config_seeds(seeds);
+    add_interface_seeds(seeds);
+    return seeds;
+}
+
+} // namespace fuzz

@@ -1,0 +1,482 @@
+// The Linux host by itself: what its worker makes of each kind of frame, who owns a receive buffer
+// when, where raw sends go, and how a log line is put together.
+//
+// The socket calls are this file's own (they take the place of the C library's), so that frames,
+// addresses and errors come from a table; the entries of the stack note what they are handed and
+// answer what the test wants. Needs no privileges.
+#include "lb_entry.h"
+#include "lb_grace.h"
+#include "lx_host.h"
+#include "lx_pktbuf.h"
+
+#include <fcntl.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "os.h"
+#include "prot/ether.h"
+
+// --- What main() and the stack would provide -----------------------------------------------------
+
+std::atomic<lb_s32_t> stopping{0};
+int psfd = -1;
+int rawfd_ipip = 1004;
+int rawfd_gre = 1047;
+int rawfd_icmp = 1001;
+int rawfd_icmp6 = 1058;
+int rawfd_nat = 1255;
+sockaddr_in rawsin = {AF_INET, 0, {0}, {}};
+sockaddr_in6 rawsin6 = {AF_INET6, 0, 0, {}, 0};
+
+namespace
+{
+
+struct frame_t {
+    int pkttype = PACKET_HOST;
+    int hatype = ARPHRD_ETHER;
+    int type = LBETH_TYPE_IPV4;
+    int len = 60;
+    bool vlan = false;
+    bool cut = false;
+    int error = 0; // the receive fails with this
+};
+
+struct entry_t {
+    std::string name;
+    long eth = -1; // offsets in the buffer; -1 for none
+    long proto = -1;
+    int len = 0;
+    void *buffer = nullptr;
+};
+
+std::deque<frame_t> frames;
+std::vector<entry_t> entries;
+std::function<int(lx_pktbuf_t *)> answer;
+int inside = 0;
+
+int note(const char *name, void *eth, void *proto, int len, void *opaque)
+{
+    EXPECT_EQ(inside, 1) << "the stack is entered by a thread that has announced itself";
+    auto *pkt = static_cast<lx_pktbuf_t *>(opaque);
+    const long at = eth == nullptr ? -1 : static_cast<lb_u8_t *>(eth) - pkt->buf;
+    entries.push_back({name, at, static_cast<lb_u8_t *>(proto) - pkt->buf, len, opaque});
+    return answer ? answer(pkt) : static_cast<int>(LB_PACKETRC_CONSUMED);
+}
+
+struct sent_t {
+    int fd;
+    std::string bytes;
+    std::string to;
+};
+std::vector<sent_t> sent;
+
+} // namespace
+
+void lb_grace_enter()
+{
+    inside++;
+}
+void lb_grace_leave()
+{
+    inside--;
+}
+int lbarp_entry(void *ethh, void *varp, int len, lb_osopaque_t osopaque)
+{
+    return note("arp", ethh, varp, len, osopaque);
+}
+int lbipv4_entry(void *ethh, void *iph, int len, lb_osopaque_t osopaque)
+{
+    return note("ipv4", ethh, iph, len, osopaque);
+}
+int lbipv6_entry(void *ethh, void *iph, int len, lb_osopaque_t osopaque)
+{
+    return note("ipv6", ethh, iph, len, osopaque);
+}
+
+// Hands out the next frame of the script; after the last one the process stops.
+extern "C" ssize_t recvmsg(int /*fd*/, msghdr *msg, int /*flags*/)
+{
+    EXPECT_EQ(inside, 0) << "a thread that waits for a frame is outside the stack";
+    EXPECT_GE(msg->msg_namelen, sizeof(sockaddr_ll)) << "room for the whole address";
+    if (frames.empty()) {
+        stopping = 1;
+        errno = EINTR;
+        return -1;
+    }
+    const frame_t frame = frames.front();
+    frames.pop_front();
+    if (frame.error != 0) {
+        errno = frame.error;
+        return -1;
+    }
+    auto *sll = static_cast<sockaddr_ll *>(msg->msg_name);
+    *sll = {};
+    sll->sll_hatype = static_cast<unsigned short>(frame.hatype);
+    sll->sll_pkttype = static_cast<unsigned char>(frame.pkttype);
+    msg->msg_namelen = 0; // as little as a kernel could say
+    auto *bytes = static_cast<lb_u8_t *>(msg->msg_iov[0].iov_base);
+    std::memset(bytes, 0, 60);
+    bytes[12] = static_cast<lb_u8_t>(frame.type >> 8);
+    bytes[13] = static_cast<lb_u8_t>(frame.type);
+    tpacket_auxdata aux = {};
+    aux.tp_status = frame.vlan ? TP_STATUS_VLAN_VALID : 0;
+    cmsghdr *c = CMSG_FIRSTHDR(msg);
+    c->cmsg_level = SOL_PACKET;
+    c->cmsg_type = PACKET_AUXDATA;
+    c->cmsg_len = CMSG_LEN(sizeof(aux));
+    std::memcpy(CMSG_DATA(c), &aux, sizeof(aux));
+    msg->msg_flags = frame.cut ? MSG_TRUNC : 0;
+    return frame.len;
+}
+
+extern "C" ssize_t sendto(int fd, const void *data, size_t len, int /*flags*/, const sockaddr *to,
+                          socklen_t /*tolen*/)
+{
+    sent.push_back({fd, std::string(static_cast<const char *>(data), len), ""});
+    if (to->sa_family == AF_INET) {
+        const auto *in = reinterpret_cast<const sockaddr_in *>(to);
+        sent.back().to = std::string(reinterpret_cast<const char *>(&in->sin_addr), 4);
+    } else if (to->sa_family == AF_PACKET) {
+        const auto *ll = reinterpret_cast<const sockaddr_ll *>(to);
+        sent.back().to = std::to_string(ll->sll_ifindex) + "/" +
+                         std::string(reinterpret_cast<const char *>(ll->sll_addr), ll->sll_halen);
+    }
+    return static_cast<ssize_t>(len);
+}
+
+namespace
+{
+
+// --- Reception -----------------------------------------------------------------------------------
+
+class lx_host : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        stopping = 0;
+        argforeground = 1;
+        frames.clear();
+        entries.clear();
+        sent.clear();
+        answer = nullptr;
+        lbexeos_logmask = &mask_;
+    }
+    // Runs a worker over the frames; what it printed.
+    static std::string run(std::deque<frame_t> script)
+    {
+        frames = std::move(script);
+        testing::internal::CaptureStdout();
+        lx_recv(7);
+        return testing::internal::GetCapturedStdout();
+    }
+    lb_u64_t mask_ = LB_LOG_HOST;
+};
+
+struct row_t {
+    const char *name;
+    frame_t frame;
+    const char *entered; // "name eth proto len", or none
+    const char *said;
+};
+
+const row_t rows[] = {
+    {"ipv4", {}, "ipv4 32 46 46", "ipv4_entry returned 1\n"},
+    {"ipv6", {.type = 0x86DD}, "ipv6 32 46 46", " ipv6_entry returned 1\n"},
+    {"arp", {.type = 0x0806}, "arp 32 46 46", "lbarp_entry returned 1\n"},
+    {"broadcast", {.pkttype = PACKET_BROADCAST, .type = 0x0806}, "arp 32 46 46", "hatype 1 (1)\n"},
+    {"other host's", {.pkttype = PACKET_OTHERHOST}, "ipv4 32 46 46", "hatype 1 (1)\n"},
+    {"other type", {.type = 0x88B5}, "", "ethertype 34997 invalid\n"},
+    {"tag in the frame", {.type = 0x8100}, "", "ethertype 33024 invalid\n"},
+    {"tag taken out by the kernel", {.vlan = true}, "", "ethertype 33024 invalid\n"},
+    {"type word but no more", {.len = 14}, "ipv4 32 46 0", "ipv4_entry returned 1\n"},
+    {"half a type word", {.len = 13}, "", "hatype 1 (1)\n"},
+    {"nothing at all", {.len = 0}, "", "hatype 1 (1)\n"},
+    {"slip",
+     {.hatype = ARPHRD_SLIP, .len = 40},
+     "ipv4 -1 32 40",
+     "link/slip ipv4_entry returned 1\n"},
+    {"other link", {.hatype = 512}, "", "link layer protocol 512 (200) dropped\n"},
+    {"longest", {.len = 1568}, "ipv4 32 46 1554", "ipv4_entry returned 1\n"},
+};
+
+TEST_F(lx_host, each_kind_of_frame_goes_its_way)
+{
+    for (const row_t &row : rows) {
+        SCOPED_TRACE(row.name);
+        entries.clear();
+        stopping = 0;
+        const std::string said = run({row.frame});
+        std::string entered;
+        for (const entry_t &e : entries) {
+            entered += e.name + " " + std::to_string(e.eth) + " " + std::to_string(e.proto) + " " +
+                       std::to_string(e.len);
+        }
+        EXPECT_EQ(entered, row.entered);
+        EXPECT_NE(said.find(row.said), std::string::npos) << said;
+    }
+}
+
+TEST_F(lx_host, own_and_loopback_frames_leave_no_trace)
+{
+    EXPECT_EQ(run({{.pkttype = PACKET_OUTGOING}, {.hatype = ARPHRD_LOOPBACK}}), "");
+    EXPECT_TRUE(entries.empty());
+}
+
+TEST_F(lx_host, cut_frames_are_left_alone_and_reported_once_a_minute)
+{
+    mask_ = LB_LOG_FAILURE;
+    const std::string said = run({{.len = 1568, .cut = true}, {.len = 1568, .cut = true}});
+    EXPECT_TRUE(entries.empty());
+    EXPECT_NE(said.find("gro off lro off"), std::string::npos);
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+}
+
+TEST_F(lx_host, failed_receive_is_not_taken_for_the_frame_before)
+{
+    const std::string said = run({{}, {.error = ENOMEM}, {}});
+    EXPECT_EQ(entries.size(), 2U);
+    EXPECT_NE(said.find("recv failed, errno=12\n"), std::string::npos);
+    EXPECT_NE(said.find("link layer protocol 0 (0) dropped\n"), std::string::npos);
+}
+
+TEST_F(lx_host, nothing_is_said_or_entered_once_it_stops)
+{
+    EXPECT_EQ(run({}), ""); // the interrupted receive
+    stopping = 1;
+    EXPECT_EQ(run({{}}), "");
+    EXPECT_TRUE(entries.empty());
+}
+
+TEST_F(lx_host, invalid_answers_are_named_and_the_buffer_kept)
+{
+    answer = [](lx_pktbuf_t *) { return entries.size() == 1 ? 0 : 7; };
+    const std::string said = run({{}, {}});
+    EXPECT_NE(said.find("invalid return code (0) from lbstack\n"), std::string::npos);
+    EXPECT_NE(said.find("invalid return code (7) from lbstack\n"), std::string::npos);
+    EXPECT_EQ(entries[0].buffer, entries[1].buffer);
+}
+
+// --- Who owns a buffer (leaks and double frees are AddressSanitizer's to see)
+// ---------------------
+
+TEST_F(lx_host, buffers_are_reused_until_the_stack_holds_one)
+{
+    answer = [](lx_pktbuf_t *pkt) -> int {
+        switch (entries.size()) {
+        case 1: os_packetfree(pkt); return LB_PACKETRC_CONSUMED; // the worker still owns it
+        case 2: return LB_PACKETRC_INTACT;
+        case 3: return LB_PACKETRC_HELD;
+        default: return LB_PACKETRC_CONSUMED;
+        }
+    };
+    run({{}, {}, {}, {}});
+    ASSERT_EQ(entries.size(), 4U);
+    EXPECT_EQ(entries[0].buffer, entries[1].buffer);
+    EXPECT_EQ(entries[1].buffer, entries[2].buffer);
+    EXPECT_NE(entries[2].buffer, entries[3].buffer);
+    os_packetfree(entries[2].buffer);
+    os_packetfree(nullptr);
+}
+
+TEST_F(lx_host, held_and_released_before_the_worker_knows)
+{
+    // The stack publishes the packet, another thread is done with it, and only then the entry
+    // returns: the worker comes second, and has the buffer back.
+    answer = [](lx_pktbuf_t *pkt) -> int {
+        if (entries.size() == 1) {
+            std::thread(os_packetfree, pkt).join();
+        }
+        return LB_PACKETRC_HELD;
+    };
+    run({{}, {}});
+    ASSERT_EQ(entries.size(), 2U);
+    EXPECT_EQ(entries[0].buffer, entries[1].buffer);
+    os_packetfree(entries[1].buffer);
+}
+
+TEST_F(lx_host, headroom)
+{
+    lx_pktbuf_t pkt = {};
+    void *opaque = &pkt;
+    void *eth = nullptr;
+    void *proto = pkt.buf + 32;
+    EXPECT_EQ(os_headroom(14, &eth, &proto, &opaque), 0);
+    EXPECT_EQ(eth, pkt.buf + 18);
+    EXPECT_EQ(os_headroom(14, &eth, &proto, &opaque), 1) << "there is one already";
+    eth = nullptr;
+    EXPECT_EQ(os_headroom(33, &eth, &proto, &opaque), 1) << "one byte too many";
+    EXPECT_EQ(os_headroom(32, &eth, &proto, &opaque), 0);
+    eth = opaque = nullptr;
+    EXPECT_EQ(os_headroom(14, &eth, &proto, &opaque), 1) << "a packet that was not received";
+}
+
+// --- Transmission --------------------------------------------------------------------------------
+
+unsigned char first[4] = {10, 0, 0, 1};
+unsigned char second[4] = {10, 0, 0, 2};
+char payload[] = "payload";
+
+TEST_F(lx_host, raw_sends_find_their_socket_and_remember_the_destination)
+{
+    os_xmitraw(payload, 7, nullptr, first, 4, nullptr);
+    os_xmitraw(payload, 6, nullptr, nullptr, 47, nullptr); // where the last one went
+    os_xmitraw(payload, 5, nullptr, second, 1, nullptr);
+    os_xmitraw(payload, 4, nullptr, nullptr, 255, nullptr);
+    const std::string one(reinterpret_cast<char *>(first), 4);
+    const std::string two(reinterpret_cast<char *>(second), 4);
+    ASSERT_EQ(sent.size(), 4U);
+    EXPECT_EQ(sent[0].fd, rawfd_ipip);
+    EXPECT_EQ(sent[0].to, one);
+    EXPECT_EQ(sent[0].bytes, "payload");
+    EXPECT_EQ(sent[1].fd, rawfd_gre);
+    EXPECT_EQ(sent[1].to, one);
+    EXPECT_EQ(sent[2].fd, rawfd_icmp);
+    EXPECT_EQ(sent[2].to, two);
+    EXPECT_EQ(sent[3].fd, rawfd_nat);
+    EXPECT_EQ(sent[3].to, two);
+    EXPECT_EQ(sent[3].bytes, "payl");
+}
+
+TEST_F(lx_host, sends_through_no_socket)
+{
+    mask_ = LB_LOG_FAILURE;
+    unsigned char six[16] = {0xfe, 0x80};
+    testing::internal::CaptureStdout();
+    os_xmitraw(payload, 7, nullptr, first, 17, nullptr);
+    os_xmitraw6(payload, 7, six, 17);
+    EXPECT_TRUE(sent.empty());
+    os_xmitraw6(payload, 0, six, 58);
+    EXPECT_EQ(sent.size(), 1U);
+    const std::string said = testing::internal::GetCapturedStdout();
+    EXPECT_NE(said.find("ERROR: send returned -99 instead of 7, errno="), std::string::npos);
+    EXPECT_NE(said.find("ERROR: send returned 0 instead of 7, errno="), std::string::npos);
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 2) << said;
+}
+
+TEST_F(lx_host, frames_with_and_without_a_header)
+{
+    psfd = socket(AF_INET, SOCK_DGRAM, 0);
+    ASSERT_GE(psfd, 0);
+    mask_ = 0;
+    lb_xmithandle_t handle;
+    std::memset(&handle, 0x55, sizeof(handle));
+    const lb_xmithandle_t before = handle;
+    EXPECT_EQ(os_getxmithandle("no-such-if", 10, nullptr, 4, nullptr, nullptr, &handle), 1);
+    EXPECT_EQ(std::memcmp(&handle, &before, sizeof(handle)), 0) << "untouched";
+    ASSERT_EQ(os_getxmithandle("lo", 2, nullptr, 6, nullptr, nullptr, &handle), 0);
+    const auto *sll = reinterpret_cast<const sockaddr_ll *>(&handle);
+    EXPECT_EQ(sll->sll_family, AF_PACKET);
+    EXPECT_EQ(sll->sll_protocol, htons(0x86DD));
+
+    char frame[] = "DSTMACSRCMAC\x08\x01the packet";
+    os_packetxmit(frame, frame + 14, 10, &handle, nullptr);
+    os_packetxmit(nullptr, frame + 14, 6, &handle, nullptr);
+    const std::string lo = std::to_string(if_nametoindex("lo"));
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_EQ(sent[0].fd, psfd);
+    EXPECT_EQ(sent[0].bytes, std::string(frame, 24));
+    EXPECT_EQ(sent[0].to, lo + "/DSTMAC");
+    EXPECT_EQ(sent[1].bytes, "the pa");
+    EXPECT_EQ(sent[1].to, lo + "/");
+    close(psfd);
+}
+
+TEST_F(lx_host, tun_device_that_cannot_be_attached_looks_open_but_is_closed)
+{
+    const int probe = open("/dev/net/tun", O_RDWR);
+    if (probe < 0) {
+        GTEST_SKIP() << "no tun device here";
+    }
+    close(probe);
+    char name[16] = "vell-test";
+    mask_ = 0;
+    const int fd = os_tunAlloc(name, 0); // of no type: refused
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+}
+
+TEST_F(lx_host, core_only_in_the_foreground)
+{
+    argforeground = 0;
+    os_core();
+    argforeground = 1;
+    EXPECT_EXIT(os_core(), testing::KilledBySignal(SIGABRT), "");
+}
+
+// --- Log -----------------------------------------------------------------------------------------
+
+TEST_F(lx_host, line_is_assembled_per_thread_and_leaves_whole)
+{
+    testing::internal::CaptureStdout();
+    os_print("%s", "abc");
+    std::thread([] {
+        os_print("other ");
+        os_print("thread\n");
+    }).join();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "other thread\n");
+    testing::internal::CaptureStdout();
+    os_print("%s", "");
+    os_print("%s\n", "def");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "abcdef\n");
+}
+
+TEST_F(lx_host, line_that_is_too_long_is_cut_and_the_next_starts_afresh)
+{
+    const struct {
+        const char *name;
+        std::size_t before;
+        std::size_t length;
+        std::size_t printed;
+    } cases[] = {
+        {"longest with its newline", 0, 1021, 1022},
+        {"one more loses the newline", 0, 1022, 1022},
+        {"far too long", 0, 2000, 1022},
+        {"in pieces", 1000, 500, 1022},
+        {"pieces that just fit", 1000, 21, 1022},
+        {"piece after a full line", 1022, 10, 1022},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        testing::internal::CaptureStdout();
+        os_print("%s", std::string(c.before, 'a').c_str());
+        os_print("%s\n", std::string(c.length, 'b').c_str());
+        EXPECT_EQ(testing::internal::GetCapturedStdout().size(), c.printed);
+        testing::internal::CaptureStdout();
+        os_print("next\n");
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "next\n");
+    }
+}
+
+TEST_F(lx_host, dumps)
+{
+    unsigned char bytes[18] = {0xff, 1};
+    sockaddr_ll sll = {};
+    sll.sll_family = 17;
+    sll.sll_ifindex = 26;
+    sll.sll_halen = 6;
+    sll.sll_addr[7] = 0xab;
+    testing::internal::CaptureStdout();
+    lx_dbg_bufprint("recv", bytes, 18);
+    lx_dbg_bufprint("empty", bytes, 0);
+    lx_dbg_printsll(&sll);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "000 recv returned 18\nff 01 00 00 00 00 00 00 00 00 00 00 00 00 00 00 \n00 00 \n"
+              "001 empty returned 0\n"
+              "lx_dbg_printsll fam=0x11 prot=0x0 ifindex=0x1a halen=0x6, "
+              "addr=00:00:00:00:00:00:00:ab\n");
+}
+
+} // namespace

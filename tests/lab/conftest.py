@@ -1,0 +1,48 @@
+"""What the lab's tests share: one lab and one running daemon per module, and its log on a failure.
+"""
+
+import os
+
+import pytest
+
+from lab import Basic, Daemon, Lab, build_dir
+
+
+def pytest_configure():
+    """Says at once what would otherwise fail in every test."""
+    if os.geteuid() != 0:
+        pytest.exit("the lab's tests make network namespaces: run them as root", 1)
+    if not (build_dir() / "vellb2").exists() or not (build_dir() / "vellbctl").exists():
+        pytest.exit(f"no vellb2 and vellbctl in {build_dir()}: run script/test, or "
+                    "cmake --preset release && cmake --build --preset release", 1)
+
+
+@pytest.fixture(name="net", scope="module")
+def _net(request):
+    """The topology Basic; a module's make_net(lab) makes another one."""
+    with Lab() as lab:
+        yield getattr(request.module, "make_net", Basic)(lab)
+
+
+@pytest.fixture(name="daemon", scope="module")
+def _daemon(net, request):
+    """A running daemon that knows its interfaces; it must stop well, without a sanitizer's word.
+
+    A module may say how many WORKERS it wants, which log MASK, and what ENVIRONMENT.
+    """
+    running = net.start_daemon(workers=getattr(request.module, "WORKERS", 4),
+                               mask=getattr(request.module, "MASK", 0x200),
+                               env=getattr(request.module, "ENVIRONMENT", None))
+    yield running
+    assert running.stop() == 0
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item):
+    """Adds the end of every daemon's log to the report of a failed test."""
+    outcome = yield
+    report = outcome.get_result()
+    if report.failed:
+        for name, value in getattr(item, "funcargs", {}).items():
+            if isinstance(value, Daemon) and value.process is not None:
+                report.sections.append((f"log of {name}", value.tail(60)))

@@ -1,0 +1,205 @@
+"""ARP and the neighbour table on a real wire: who is answered, who is asked, and when.
+
+The client's own kernel stays out of it: requests are built by scapy and sent as they are.
+"""
+
+import time
+
+import pytest
+from packets import ARP, ETH_IP, UDP, Ether, IP, ethertype, is_arp
+
+from lab import Basic, LabError, mac_of, wait_until
+
+BROADCAST = "ff:ff:ff:ff:ff:ff"
+ZERO = "00:00:00:00:00:00"
+
+
+# Servers 4 and 5 are nobody's neighbour until a test makes them so.
+def make_net(lab):
+    return Basic(lab, servers=5)
+
+
+@pytest.fixture(name="served", scope="module")
+def _served(net, daemon):
+    assert daemon.alive()
+    net.configure(servers=(1, 2, 3))
+    return net
+
+
+def answers_for(net, target, for_s=0.3):
+    """The answers that come for a request of the client within a time; every worker has it by then."""
+    mac = mac_of(net.CLIENT)
+    found = []
+    with net.client.capture() as capture, net.client.injector() as out:
+        out.send(Ether(dst=BROADCAST, src=mac) / ARP(op=1, hwsrc=mac, psrc=net.CLIENT, hwdst=ZERO,
+                                                     pdst=target))
+        end = time.monotonic() + for_s
+        while (frame := capture.next(end - time.monotonic())) is not None:
+            if is_arp(2, target)(frame):
+                found.append(Ether(frame).src)
+    return found
+
+
+QUESTIONS = {
+    "from the client": ("10.0.0.1", BROADCAST),
+    "from a stranger on the wire": ("10.0.0.77", BROADCAST),
+    "probe before the address is taken (RFC 5227)": ("0.0.0.0", BROADCAST),
+    "to the forwarder's hardware address alone": ("10.0.0.1", "02:00:0a:00:00:02"),
+}
+
+
+@pytest.mark.parametrize("name", QUESTIONS)
+def test_cluster_address_is_answered_with_the_forwarders_mac(served, name):
+    source, to = QUESTIONS[name]
+    mac = mac_of(served.CLIENT)
+    with served.client.capture() as capture, served.client.injector() as out:
+        out.send(Ether(dst=to, src=mac) / ARP(op=1, hwsrc=mac, psrc=source, hwdst=ZERO,
+                                              pdst=served.CLUSTER))
+        answer = Ether(capture.wait(is_arp(2, served.CLUSTER), what="an answer"))
+        with pytest.raises(LabError):  # one answer, not one a worker
+            capture.wait(is_arp(2, served.CLUSTER), timeout=0.3)
+    assert (answer.src, answer.dst) == (served.forwarder.mac(), mac)
+    arp = answer[ARP]
+    assert (arp.hwsrc, arp.hwdst, arp.pdst) == (served.forwarder.mac(), mac, source)
+    assert (arp.hwtype, arp.ptype, arp.hwlen, arp.plen) == (1, ETH_IP, 6, 4)
+
+
+OWNERS = {
+    "nobody's address": ("10.0.0.99", []),
+    "beside the cluster": ("10.0.0.101", []),
+    "another network": ("10.0.1.100", []),
+    "the forwarder's own, by its kernel alone": ("10.0.0.2", ["02:00:0a:00:00:02"]),
+    "a server's, by the server alone": ("10.0.0.11", ["02:00:0a:00:00:0b"]),
+}
+
+
+@pytest.mark.parametrize("name", OWNERS)
+def test_other_addresses_are_left_to_their_owners(served, name):
+    address, macs = OWNERS[name]
+    assert answers_for(served, address) == macs
+
+
+MALFORMED = {
+    "short": lambda arp: arp[:27],
+    "reverse ARP": lambda arp: arp[:7] + b"\x03" + arp[8:],
+    "IPv6 as protocol": lambda arp: arp[:2] + b"\x86\xdd" + arp[4:],
+    "token ring": lambda arp: b"\x00\x06" + arp[2:],
+    "hardware address of 8 bytes": lambda arp: arp[:4] + b"\x08" + arp[5:],
+    "lengths beyond the frame": lambda arp: arp[:4] + b"\xff\xff" + arp[6:],
+}
+
+
+@pytest.mark.parametrize("name", MALFORMED)
+def test_malformed_requests_are_not_answered(served, name):
+    mac = mac_of(served.CLIENT)
+    good = bytes(ARP(op=1, hwsrc=mac, psrc=served.CLIENT, hwdst=ZERO, pdst=served.CLUSTER))
+    header = bytes.fromhex("ffffffffffff") + bytes.fromhex(mac.replace(":", "")) + b"\x08\x06"
+    with served.client.capture() as capture, served.client.injector() as out:
+        out.send(header + MALFORMED[name](good))
+        with pytest.raises(LabError):
+            capture.wait(is_arp(2, served.CLUSTER), timeout=0.3)
+        out.send(header + good)
+        capture.wait(is_arp(2, served.CLUSTER))
+
+
+def test_a_new_cluster_is_announced(served, daemon):
+    address = "10.0.0.105"
+    with served.client.capture() as capture:
+        daemon.ctl("cluster", "add", address)
+        frame = Ether(capture.wait(is_arp(sender=address), what="an announcement"))
+    assert (frame.src, frame.dst) == (served.forwarder.mac(), BROADCAST)
+    arp = frame[ARP]
+    assert (arp.op, arp.pdst, arp.hwsrc, arp.hwdst) == (1, address, served.forwarder.mac(), ZERO)
+    assert answers_for(served, address) == [served.forwarder.mac()]
+    daemon.ctl("cluster", "rm", address)
+    assert answers_for(served, address) == []
+
+
+def serve_alone(net, daemon, number):
+    """Puts one server, and no other, behind port 81."""
+    if daemon.ctl("port", "rm", f"{net.CLUSTER}:81", "--recursive", check=False).returncode not in (0, 1):
+        raise LabError("port rm")
+    daemon.ctl("port", "add", f"{net.CLUSTER}:81")
+    daemon.ctl("server", "add", f"{net.CLUSTER}:81", net.server_address(number))
+
+
+def send_to_server(net):
+    """A datagram from the client to port 81 of the cluster."""
+    with net.client.injector() as out:
+        out.send(Ether(dst=net.forwarder.mac(), src=mac_of(net.CLIENT))
+                 / IP(src=net.CLIENT, dst=net.CLUSTER) / UDP(sport=5000, dport=81) / b"x")
+
+
+def test_server_is_asked_for_and_learnt(served, daemon):
+    """By broadcast from the forwarder's own address; the answer is where frames then go."""
+    address, server = served.server_address(4), served.servers[3]
+    with served.client.capture() as capture:
+        serve_alone(served, daemon, 4)
+        query = Ether(capture.wait(is_arp(1, target=address), what="a query"))
+    assert (query.src, query.dst) == (served.forwarder.mac(), BROADCAST)
+    assert (query[ARP].psrc, query[ARP].hwdst) == (served.FORWARDER, ZERO)
+    daemon.wait_neighbour(address)
+    with server.capture() as capture:
+        send_to_server(served)
+        frame = capture.wait(lambda f: ethertype(f) == ETH_IP)
+    assert (Ether(frame).dst, Ether(frame).src) == (server.mac(), served.forwarder.mac())
+
+
+def test_first_query_lost(served, daemon):
+    """Nobody hears the first query: the second, a second later, is enough."""
+    address = served.server_address(5)
+    served.net.set_port(served.servers[4], up=False)
+    with served.client.capture() as capture:
+        serve_alone(served, daemon, 5)
+        capture.wait(is_arp(1, target=address), what="the first query")
+        first = time.monotonic()
+        served.net.set_port(served.servers[4], up=True)
+        capture.wait(is_arp(1, target=address), what="the second query")
+        assert 0.4 < time.monotonic() - first < 2.2  # whole seconds, seen every half second
+    daemon.wait_neighbour(address)
+
+
+def test_a_moved_server_is_followed(served, daemon):
+    """A request from a known neighbour tells its new hardware address like a reply would."""
+    address, old, new = served.server_address(3), served.servers[2].mac(), "02:99:00:00:00:13"
+    forwarder = bytes.fromhex(served.forwarder.mac().replace(":", ""))
+    serve_alone(served, daemon, 3)
+    with served.forwarder.capture(outgoing=True) as capture, served.servers[2].injector() as out:
+        for mac in (new, old):
+            out.send(Ether(dst=BROADCAST, src=mac) / ARP(op=1, hwsrc=mac, psrc=address, hwdst=ZERO,
+                                                         pdst="10.0.0.200"))
+
+            def followed(mac=mac):
+                capture.drain()
+                send_to_server(served)
+                frame = capture.wait(lambda f: ethertype(f) == ETH_IP and f[6:12] == forwarder)
+                return Ether(frame).dst == mac
+
+            wait_until(followed, 3, f"frames to {mac}")
+
+
+def test_silent_server_dies_and_comes_back(served, daemon):
+    """Real time: verified by unicast ten seconds after the last answer, asked by broadcast every
+    second three times, then dead; the first sign of life brings it back."""
+    address, server = "10.0.0.11", served.servers[0]
+    with served.forwarder.capture(outgoing=True) as capture:
+        begin = time.monotonic()
+        capture.wait(is_arp(2, address), timeout=13, what="an answer to a verification")
+        answered = time.monotonic()
+        assert answered - begin < 12
+        served.net.set_port(server, up=False)
+        queries = []
+        while len(queries) < 4:
+            frame = Ether(capture.wait(is_arp(1, target=address), timeout=13, what="a query"))
+            queries.append((time.monotonic(), frame.dst))
+    times, destinations = zip(*queries)
+    assert destinations == (mac_of(address), BROADCAST, BROADCAST, BROADCAST)
+    gaps = [b - a for a, b in zip((answered,) + times, times)]
+    assert 9 < gaps[0] < 11.6 and all(0.4 < gap < 2.2 for gap in gaps[1:]), gaps
+    daemon.wait_neighbour(address, "dead, servers down")
+    served.net.set_port(server, up=True)
+    server.ip("neigh", "flush", "all")
+    with server.injector() as out:
+        out.send(Ether(dst=BROADCAST, src=mac_of(address))
+                 / ARP(op=1, hwsrc=mac_of(address), psrc=address, hwdst=ZERO, pdst="10.0.0.2"))
+    daemon.wait_neighbour(address, "reachable")

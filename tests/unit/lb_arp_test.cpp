@@ -1,0 +1,123 @@
+// ARP: which messages reach the neighbour table, and what each kind of message sent looks like.
+#include "lb_arp.h"
+#include "lb_neigh.h"
+
+#include "packets.h"
+#include "stack_fixture.h"
+
+namespace
+{
+
+using packets::bytes;
+using packets::ETH;
+
+constexpr packets::mac SERVER = {2, 0, 0, 0, 0, 0x11};
+
+class ArpTest : public StackTest
+{
+  protected:
+    void SetUp() override
+    {
+        StackTest::SetUp();
+        ASSERT_ADDED(add_interface("eth0", stack::ethernet(1)));
+        ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
+        ASSERT_ADDED(add_cluster("10.0.0.100"));
+        (void)fake::take_sent();
+    }
+};
+
+bytes with16(bytes frame, std::size_t at, std::uint16_t value)
+{
+    packets::put16(frame, ETH + at, value);
+    return frame;
+}
+
+TEST_F(ArpTest, OnlyWhatIsArpForIpv4IsAnswered)
+{
+    set_executor_log_mask(LB_LOG_ARP);
+    const bytes request = packets::build(packets::arp{});
+    bytes padded = request;
+    padded.resize(60);
+    const struct {
+        const char *name;
+        bytes frame;
+        const char *refusal; // null: answered
+    } rows[] = {
+        {"request for a cluster", request, nullptr},
+        {"padded to the smallest Ethernet frame", padded, nullptr},
+        {"hardware type 6", with16(request, 0, 6), "arp_entry not ethernet"},
+        {"for IPv6", with16(request, 2, 0x86DD), "arp_entry not ethertype ip"},
+        {"hardware length 5", with16(request, 4, 0x0504), "arp_entry hwlen not ethernet"},
+        {"protocol length 2", with16(request, 4, 0x0602), "arp_entry proto not ipv4"},
+        {"lengths beyond the frame", with16(request, 4, 0xFFFF),
+         "arp_entry packet too small 28 < 8 + 2*255 + 2*255"},
+        {"RARP", with16(request, 6, 3), "arp_entry OP uninteresting"},
+        {"operation 0", with16(request, 6, 0), "arp_entry OP uninteresting"},
+        {"operation 256 (bytes swapped)", with16(request, 6, 0x0100), "arp_entry OP uninteresting"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        fake::log_clear();
+        const auto before = get_executor().getable.arpstats;
+        const bool answered = row.refusal == nullptr;
+        EXPECT_EQ(fake::receive(row.frame), answered ? LB_PACKETRC_CONSUMED : LB_PACKETRC_INTACT);
+        EXPECT_EQ(fake::take_sent().size(), answered ? 1U : 0U);
+        EXPECT_TRUE(answered || fake::log_contains(row.refusal));
+        const auto after = get_executor().getable.arpstats;
+        EXPECT_EQ(after.in, before.in + 1);
+        EXPECT_EQ(after.gen, before.gen + (answered ? 1 : 0));
+        EXPECT_EQ(after.err, before.err);
+    }
+}
+
+TEST_F(ArpTest, EveryTruncationIsTheHosts)
+{
+    set_executor_log_mask(LB_LOG_PKTERROR);
+    const bytes request = packets::build(packets::arp{});
+    for (std::size_t len = 0; len < 28; len++) {
+        SCOPED_TRACE(len);
+        fake::log_clear();
+        EXPECT_EQ(fake::receive(request.data(), ETH + len), LB_PACKETRC_INTACT);
+        const std::string text = "arp_entry packet too small " + std::to_string(len) + " < 8 + ";
+        EXPECT_TRUE(fake::log_contains(text));
+    }
+    fake::frame host;
+    EXPECT_EQ(lbarp_entry(nullptr, host.bytes(), -1, host.opaque()), LB_PACKETRC_INTACT);
+    EXPECT_TRUE(fake::take_sent().empty());
+}
+
+TEST_F(ArpTest, EachKindOfMessageAsItLiesOnTheWire)
+{
+    const packets::mac own = {2, 0, 0, 0, 0, 1};
+    const struct {
+        const char *name;
+        int type;
+        packets::arp expected;
+    } rows[] = {
+        {"request", LBNEIGH_TYPE_REQUEST, {.op = 1, .ethdst = packets::BROADCAST}},
+        {"reply", LBNEIGH_TYPE_REPLY, {.op = 2, .tgthw = SERVER, .ethdst = SERVER}},
+        {"verify", LBNEIGH_TYPE_VERIFY, {.op = 1, .ethdst = SERVER}},
+        {"gratuitous", LBNEIGH_TYPE_GRAT, {.op = 1, .ethdst = packets::BROADCAST}},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        lb_xmithandle_t handle = {};
+        ASSERT_EQ(os_getxmithandle("eth0", 4, own.data(), 4, nullptr, nullptr, &handle), 0);
+        lbarp_send(row.type, SERVER.data(), own.data(), packets::to_ip4("10.0.0.1").data(),
+                   packets::to_ip4("10.0.0.11").data(), &handle);
+        const auto sent = fake::take_sent();
+        ASSERT_EQ(sent.size(), 1U);
+        packets::arp expected = row.expected;
+        expected.srchw = own;
+        expected.srcip = "10.0.0.1";
+        expected.tgtip = "10.0.0.11";
+        EXPECT_EQ(sent[0].bytes, packets::build(expected));
+        EXPECT_EQ(sent[0].ifname, "eth0");
+    }
+    lb_xmithandle_t none = {};
+    lbarp_send(LBNEIGH_TYPE_UNDEF, SERVER.data(), own.data(), own.data(), own.data(), &none);
+    EXPECT_EQ(fake::sent_count(), 4U + 1U) << "the four, and the cluster's announcement";
+    EXPECT_TRUE(fake::log_contains("lbarp_send invalid type"));
+}
+
+} // namespace

@@ -1,0 +1,168 @@
+// Helpers for addresses: equality, validity, printing, hashing, and subnets against a bit-by-bit
+// reference.
+#include "lb_ip.h"
+#include "lb_log.h"
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+
+#include "fake_fixture.h"
+#include "stack_fixture.h"
+
+namespace
+{
+
+class IpTest : public FakeHostTest
+{
+};
+
+TEST_F(IpTest, EqualityLooksAtVersionAndAddressAlone)
+{
+    lbip_addr_t rest = stack::ip("10.0.0.1");
+    rest.nboaddr.v6[9] = 7; // behind an IPv4 address
+    const struct {
+        const char *name;
+        lbip_addr_t a, b;
+        int equal;
+    } rows[] = {
+        {"prefix is ignored", stack::ip("10.0.0.1/24"), stack::ip("10.0.0.1"), 1},
+        {"one bit", stack::ip("10.0.0.1"), stack::ip("10.0.0.0"), 0},
+        {"bytes behind an IPv4 address", rest, stack::ip("10.0.0.1"), 1},
+        {"last byte of an IPv6 address", stack::ip("2001:db8::1"), stack::ip("2001:db8::2"), 0},
+        {"same bytes, other version", stack::ip("0.0.0.0"), stack::ip("::"), 0},
+        {"both unset", {}, {}, 1},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(lbip_isaddrequal(&row.a, &row.b), row.equal) << row.name;
+    }
+}
+
+TEST_F(IpTest, Validity)
+{
+    lbip_addr_t odd = stack::ip("10.0.0.1");
+    odd.version = 5;
+    lbip_addr_t unversioned = stack::ip("10.0.0.1");
+    unversioned.version = 0;
+    const struct {
+        const char *name;
+        lbip_addr_t addr;
+        int valid;
+    } rows[] = {
+        {"IPv4", stack::ip("0.0.0.1"), LBIP_VALID_YES},
+        {"0.0.0.0", stack::ip("0.0.0.0"), LBIP_VALID_NO},
+        {"IPv6, last byte only", stack::ip("::1"), LBIP_VALID_YES},
+        {"IPv6, first byte only", stack::ip("ff00::"), LBIP_VALID_YES},
+        {"::", stack::ip("::"), LBIP_VALID_NO},
+        {"unset", {}, LBIP_VALID_EMPTY},
+        {"an address without a version", unversioned, LBIP_VALID_NO},
+        {"version 5", odd, LBIP_VALID_NO},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(lbip_isaddrvalid(&row.addr), row.valid) << row.name;
+    }
+}
+
+TEST_F(IpTest, Printing)
+{
+    lbip_addr_t odd = {};
+    odd.version = 9;
+    const struct {
+        lbip_addr_t addr;
+        const char *text;
+    } rows[] = {
+        {stack::ip("10.0.0.1/24"), "<10.0.0.1%24>\n"},
+        {stack::ip("10.0.0.1"), "<10.0.0.1>\n"},
+        {stack::ip("2001:db8::a1/64"), "<2001:db8:0:0:0:0:0:a1%64>\n"},
+        {{}, "<0>\n"},
+        {odd, "<na>\n"},
+    };
+    for (const auto &row : rows) {
+        fake::log_clear();
+        lbip_printaddr("<", &row.addr, ">");
+        os_print("\n");
+        EXPECT_TRUE(fake::log_contains(row.text)) << row.text;
+    }
+}
+
+TEST_F(IpTest, HashIsTheNumberOnTheWire)
+{
+    const lbip_addr_t v4 = stack::ip("10.1.2.3");
+    const lbip_addr_t v6 = stack::ip("2001:db8::102:304");
+    const lbip_addr_t none = {};
+    EXPECT_EQ(lbip_hash(&v4), 0x0A010203U);
+    EXPECT_EQ(lbip_hash(&v6), 0x01020304U);
+    EXPECT_EQ(lbip_hash(&none), 0U);
+}
+
+TEST_F(IpTest, SubnetsByName)
+{
+    set_log_mask(LB_LOG_FAILURE);
+    const struct {
+        const char *ip, *net;
+        int on;
+        int failures;
+    } rows[] = {
+        {"10.1.2.3", "10.1.0.0/16", 1, 0},  {"10.2.2.3", "10.1.0.0/16", 0, 0},
+        {"10.1.2.3", "10.1.0.0", 0, 1},     {"10.1.2.3", "10.1.2.3/32", 1, 0},
+        {"10.1.2.2", "10.1.2.3/32", 0, 0},  {"10.1.2.3", "2001:db8::/16", 0, 0},
+        {"10.1.2.3", "10.1.2.3/200", 1, 0}, {"2001:db8::1", "2001:db8::2/255", 0, 0},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(std::string(row.ip) + " on " + row.net);
+        fake::log_clear();
+        const lbip_addr_t ip = stack::ip(row.ip);
+        const lbip_addr_t net = stack::ip(row.net);
+        EXPECT_EQ(lbip_onnetof(&ip, &net), row.on);
+        EXPECT_EQ(fake::log_count("onnetof net prefix is 0, invalid"), row.failures);
+    }
+}
+
+bool same_bits(const lbip_addr_t &a, const lbip_addr_t &b, int bits)
+{
+    for (int i = 0; i < bits; i++) {
+        const int mask = 0x80 >> i % 8;
+        if ((a.nboaddr.v6[i / 8] & mask) != (b.nboaddr.v6[i / 8] & mask)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+TEST_F(IpTest, SubnetsAgreeWithAReferenceBitByBit)
+{
+    set_log_mask(0);
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    for (int round = 0; round < 20000; round++) {
+        lbip_addr_t net = {};
+        net.version = round % 2 != 0 ? 4 : 6;
+        const unsigned width = net.version == 4 ? 32 : 128;
+        net.prefix = static_cast<lb_u8_t>(1 + random() % width);
+        for (unsigned i = 0; i < width / 8; i++) {
+            net.nboaddr.v6[i] = static_cast<lb_u8_t>(random());
+        }
+        lbip_addr_t ip = net;
+        const unsigned bit = random() % width; // one bit, inside the prefix or behind it
+        ip.nboaddr.v6[bit / 8] ^= static_cast<lb_u8_t>(0x80 >> bit % 8);
+        ASSERT_EQ(lbip_onnetof(&ip, &net), same_bits(ip, net, net.prefix))
+            << "prefix " << int(net.prefix) << " bit " << bit;
+    }
+}
+
+TEST_F(IpTest, MaskRefusesWhatItCannotMask)
+{
+    set_log_mask(LB_LOG_FAILURE);
+    const unsigned char mask[16] = {};
+    const lbip_addr_t v4 = stack::ip("10.0.0.1");
+    lbip_addr_t out = stack::ip("2001:db8::1");
+    const lbip_addr_t before = out;
+    EXPECT_EQ(_lbip_maskaddr6(&out, &v4, mask), 0);
+    EXPECT_EQ(_lbip_maskaddr6(&out, nullptr, mask), 0);
+    EXPECT_EQ(std::memcmp(&out, &before, sizeof(out)), 0);
+    EXPECT_TRUE(fake::log_contains("ipv6_maskaddr ip is not v6, invalid"));
+    EXPECT_TRUE(fake::log_contains("ipv6_maskaddr ip/ipnew NULL, invalid"));
+}
+
+} // namespace

@@ -1,0 +1,338 @@
+// The IPv4 layer: what its entry lets in, its sums against RFC 1071 by the book, the header
+// rewrites, and the reset.
+#include "lb_ip.h"
+#include "lb_ipv4.h"
+#include "lb_neigh.h"
+
+#include <random>
+
+#include "packets.h"
+#include "stack_fixture.h"
+
+namespace
+{
+
+using packets::bytes;
+using packets::ETH;
+
+class Ipv4Test : public StackTest
+{
+  protected:
+    lb_proto_stats_t stats() { return get_executor().getable.ipv4stats; }
+
+    // A packet object over the IP part of a frame, as the entry makes it.
+    lbpbuf_obj_t over(bytes &frame)
+    {
+        lbpbuf_obj_t pkt = {};
+        pkt.ipfuncs = &lbipv4_funcs;
+        pkt.stats = &lbexecutor->getable.ipv4stats;
+        pkt.p.raw = frame.data() + ETH;
+        pkt.buflen = static_cast<lb_s32_t>(frame.size()) - ETH;
+        pkt.ulp.raw = pkt.p.raw + (frame[ETH] & 15) * 4;
+        return pkt;
+    }
+};
+
+bytes with(bytes frame, std::size_t at, std::uint8_t value, bool mend = true)
+{
+    frame[ETH + at] = value;
+    if (mend) {
+        packets::mend_ip(frame);
+    }
+    return frame;
+}
+
+bytes with_sum(bytes frame, std::uint16_t sum)
+{
+    packets::put16(frame, ETH + 10, sum);
+    return frame;
+}
+
+bytes cut(bytes frame, std::size_t iplen)
+{
+    frame.resize(ETH + iplen);
+    return frame;
+}
+
+TEST_F(Ipv4Test, EntryLetsInWhatIsAHeader)
+{
+    set_executor_log_mask(LB_LOG_IPV4 | LB_LOG_PKTERROR);
+    const bytes good = packets::build(packets::packet{});
+    const bytes options = packets::build(packets::packet{.options = 40, .payload = 0});
+    const struct {
+        const char *name;
+        bytes frame;
+        int rc; // INTACT: went on, to a destination that is not ours
+        const char *label;
+    } rows[] = {
+        {"good", good, LB_PACKETRC_INTACT, nullptr},
+        {"options as long as can be", options, LB_PACKETRC_INTACT, nullptr},
+        {"nothing behind the link header", cut(good, 0), LB_PACKETRC_CONSUMED, "badinput"},
+        {"19 bytes", cut(good, 19), LB_PACKETRC_CONSUMED, "badinput"},
+        {"20 bytes", cut(good, 20), LB_PACKETRC_INTACT, nullptr},
+        {"header length 16", with(good, 0, 0x44, false), LB_PACKETRC_CONSUMED, "badinput"},
+        {"header length 0", with(good, 0, 0x40, false), LB_PACKETRC_CONSUMED, "badinput"},
+        {"header a byte longer than received", cut(options, 59), LB_PACKETRC_CONSUMED, "badinput"},
+        {"version 6", with(good, 0, 0x65, false), LB_PACKETRC_CONSUMED, "badinput"},
+        {"version 5", with(good, 0, 0x55, false), LB_PACKETRC_CONSUMED, "badinput"},
+        {"a flipped bit", with(good, 1, 0x10, false), LB_PACKETRC_CONSUMED, "badip4chksum"},
+        {"checksum 0", with_sum(good, 0), LB_PACKETRC_INTACT, nullptr},
+        {"checksum 0xFFFF", with_sum(good, 0xFFFF), LB_PACKETRC_INTACT, nullptr},
+        {"checksum 1", with_sum(good, 1), LB_PACKETRC_CONSUMED, "badip4chksum"},
+        {"total length beyond the frame", with(good, 2, 0xFF), LB_PACKETRC_INTACT, nullptr},
+        {"total length 0", with(with(good, 2, 0), 3, 0), LB_PACKETRC_INTACT, nullptr},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        fake::log_clear();
+        const auto before = stats();
+        const auto freed = fake::unheld_frees();
+        EXPECT_EQ(fake::receive(row.frame), row.rc);
+        const bool dropped = row.rc == LB_PACKETRC_CONSUMED;
+        EXPECT_EQ(stats().in, before.in + 1);
+        EXPECT_EQ(stats().err, before.err + (dropped ? 1 : 0));
+        EXPECT_EQ(stats().notforus, before.notforus + (dropped ? 0 : 1));
+        EXPECT_EQ(fake::unheld_frees(), freed + (dropped ? 1 : 0));
+        EXPECT_TRUE(row.label == nullptr || fake::log_contains(row.label));
+    }
+    EXPECT_EQ(fake::sent_count(), 0U);
+}
+
+TEST_F(Ipv4Test, EntryKnowsItsLargestPacketAndAFailedReceive)
+{
+    bytes frame = packets::build(packets::packet{.payload = 2000});
+    fake::frame host;
+    const struct {
+        const char *name;
+        int len, rc;
+        int in, err;
+    } rows[] = {
+        {"largest", 1600, LB_PACKETRC_INTACT, 1, 0},
+        {"too large", 1601, LB_PACKETRC_INTACT, 0, 1},
+        {"failed receive", -1, LB_PACKETRC_CONSUMED, 1, 1},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        const auto before = stats();
+        host.load(frame.data(), 0); // only its name is used here
+        const lb_grace_inside inside;
+        EXPECT_EQ(lbipv4_entry(frame.data(), frame.data() + ETH, row.len, host.opaque()), row.rc);
+        EXPECT_EQ(stats().in - before.in, static_cast<lb_u64_t>(row.in));
+        EXPECT_EQ(stats().err - before.err, static_cast<lb_u32_t>(row.err));
+    }
+    EXPECT_TRUE(fake::log_contains("Error packet too big 1601 "));
+}
+
+TEST_F(Ipv4Test, WithoutMemoryTheFrameIsTheHosts)
+{
+    lbpbuf_drain();
+    fake::fail(fake::op::alloc, 1);
+    EXPECT_EQ(fake::receive(packets::build(packets::packet{})), LB_PACKETRC_INTACT);
+    EXPECT_EQ(stats().err, 1U);
+    EXPECT_TRUE(fake::log_contains("ipv4_entry pbuf-alloc-failure"));
+}
+
+TEST_F(Ipv4Test, SumsAgreeWithTheBook)
+{
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    for (int round = 0; round < 5000; round++) {
+        bytes data(random() % 1600);
+        for (auto &byte : data) {
+            byte = static_cast<std::uint8_t>(round % 3 != 0 ? random() : 0xFF);
+        }
+        const lb_u32_t sum = lbipv4_primativesum(data.data(), static_cast<unsigned>(data.size()));
+        ASSERT_EQ(static_cast<lb_u16_t>(~lbipv4_foldsum(sum)),
+                  packets::checksum(data, 0, data.size()))
+            << data.size();
+    }
+    EXPECT_EQ(lbipv4_foldsum(0xFFFFFFFF), 0xFFFF);
+    EXPECT_EQ(lbipv4_foldsum(0x0001FFFF), 0x0001);
+}
+
+packets::packet random_packet(std::mt19937 &random)
+{
+    packets::packet p;
+    p.src = packets::to_text(
+        {static_cast<std::uint8_t>(random()), 1, static_cast<std::uint8_t>(random()), 3});
+    p.proto = random() % 2 != 0 ? packets::TCP : packets::UDP;
+    p.ttl = static_cast<std::uint8_t>(random());
+    p.id = static_cast<std::uint16_t>(random());
+    p.options = random() % 11 * 4;
+    p.payload = random() % 100;
+    return p;
+}
+
+TEST_F(Ipv4Test, HeaderSumLeavesTheStoredOneAlone)
+{
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    for (int round = 0; round < 5000; round++) {
+        bytes frame = packets::build(random_packet(random));
+        const std::uint16_t right = packets::get16(frame, ETH + 10);
+        packets::put16(frame, ETH + 10, static_cast<std::uint16_t>(random()));
+        const bytes before = frame;
+        ASSERT_EQ(lbipv4_checksum(frame.data() + ETH), right);
+        ASSERT_EQ(frame, before);
+    }
+}
+
+TEST_F(Ipv4Test, TtlAndItsSum)
+{
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    for (int round = 0; round < 20000; round++) {
+        bytes frame = packets::build(random_packet(random));
+        lbpbuf_obj_t pkt = over(frame);
+        bytes expected = frame;
+        if (frame[ETH + 8] <= 1) {
+            ASSERT_EQ(lbipv4_funcs.decttl(&pkt), -1);
+        } else {
+            ASSERT_EQ(lbipv4_funcs.decttl(&pkt), 0);
+            expected[ETH + 8]--;
+            packets::set_at(expected, ETH + 10, bytes{frame[ETH + 10], frame[ETH + 11]});
+            // A header is right when it sums to nothing, whichever way its zero is written.
+            ASSERT_EQ(packets::checksum(frame, ETH, ETH + (frame[ETH] & 15) * 4U), 0);
+        }
+        ASSERT_EQ(frame, expected);
+    }
+}
+
+TEST_F(Ipv4Test, TtlSumCarriesEndAround)
+{
+    bytes frame = with_sum(packets::build(packets::packet{.ttl = 2}), 0xFF80);
+    lbpbuf_obj_t pkt = over(frame);
+    EXPECT_EQ(lbipv4_funcs.decttl(&pkt), 0);
+    EXPECT_EQ(packets::get16(frame, ETH + 10), 0x0081);
+    EXPECT_EQ(lbipv4_funcs.decttl(&pkt), -1);
+    EXPECT_EQ(packets::get16(frame, ETH + 10), 0x0081);
+}
+
+TEST_F(Ipv4Test, RewrittenTcpPacketIsRightAgain)
+{
+    for (const std::size_t payload : {0, 1, 2, 1399}) {
+        bytes frame = packets::build(packets::packet{.options = 8, .payload = payload});
+        lbpbuf_obj_t pkt = over(frame);
+        const lbip_addr_t server = stack::ip("192.0.2.77");
+        const lbip_addr_t other = stack::ip("2001:db8::1");
+        const bytes before = frame;
+        EXPECT_EQ(lbipv4_funcs.setdaddr(&pkt, &other), -1);
+        EXPECT_EQ(lbipv4_funcs.setsaddr(&pkt, &other), -1);
+        EXPECT_EQ(frame, before);
+        EXPECT_EQ(lbipv4_funcs.setdaddr(&pkt, &server), 0);
+        EXPECT_EQ(lbipv4_funcs.tcpchksum(&pkt), 0);
+        EXPECT_EQ(packets::ip_at(frame, ETH + 16), "192.0.2.77");
+        EXPECT_EQ(packets::checksum(frame, ETH, ETH + 28), 0);
+        EXPECT_EQ(packets::transport_residue(frame), 0) << payload;
+    }
+}
+
+TEST_F(Ipv4Test, TcpSumRefusesLengthsThatLie)
+{
+    const bytes good = packets::build(packets::packet{});
+    const struct {
+        const char *name;
+        bytes frame;
+    } rows[] = {
+        {"total beyond the frame", with(good, 3, 200)},
+        {"total below the header", with(good, 3, 19)},
+        {"no room for a TCP header", with(good, 3, 39)},
+        {"cut within the TCP header", cut(good, 39)},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        bytes frame = row.frame;
+        lbpbuf_obj_t pkt = over(frame);
+        EXPECT_EQ(lbipv4_funcs.tcpchksum(&pkt), -1);
+        EXPECT_EQ(frame, row.frame);
+    }
+}
+
+// --- Reset ---------------------------------------------------------------------------------------
+
+class ResetTest : public Ipv4Test
+{
+  protected:
+    static constexpr packets::mac GATEWAY = {2, 0, 0, 0, 0, 0xFE};
+
+    void gateway(const lbifin_setable_t &iface)
+    {
+        ASSERT_ADDED(add_interface("eth0", iface));
+        ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
+        ASSERT_ADDED(set_client_gateway("10.0.0.254"));
+        fake::receive(packets::build(
+            packets::arp{.op = 2, .srchw = GATEWAY, .srcip = "10.0.0.254", .tgtip = "10.0.0.1"}));
+        (void)fake::take_sent();
+    }
+
+    int reset(bytes frame)
+    {
+        lbpbuf_obj_t pkt = over(frame);
+        const lb_grace_inside inside;
+        return _lbipv4_pbuf_sendreset(&pkt);
+    }
+
+    const bytes request_ = packets::build(packets::packet{.src = "10.0.0.1",
+                                                          .dst = "9.9.9.9",
+                                                          .sport = 1234,
+                                                          .dport = 80,
+                                                          .flags = 0x10,
+                                                          .seq = 0x11223344,
+                                                          .ack = 0xAABBCCDD});
+};
+
+TEST_F(ResetTest, GoesToTheGatewayWithPortsAndNumbersExchanged)
+{
+    gateway(stack::ethernet(1));
+    ASSERT_EQ(reset(request_), 0);
+    ASSERT_EQ(reset(request_), 0);
+    const auto sent = fake::take_sent();
+    ASSERT_EQ(sent.size(), 2U);
+    packets::packet expected{.src = "9.9.9.9",
+                             .dst = "10.0.0.1",
+                             .sport = 80,
+                             .dport = 1234,
+                             .flags = 0x04,
+                             .seq = 0xAABBCCDD,
+                             .ack = 0x11223344};
+    expected.id = packets::get16(sent[0].bytes, ETH + 4);
+    expected.payload = 0;
+    expected.ethdst = GATEWAY;
+    expected.ethsrc = {2, 0, 0, 0, 0, 1};
+    bytes frame = packets::build(expected);
+    packets::put16(frame, ETH + 34, 0); // window
+    packets::mend_transport(frame);
+    EXPECT_EQ(sent[0].bytes, frame);
+    EXPECT_EQ(sent[0].ifname, "eth0");
+    EXPECT_EQ(packets::get16(sent[1].bytes, ETH + 4), expected.id + 1);
+}
+
+TEST_F(ResetTest, HasNoLinkHeaderOnAPointToPointInterface)
+{
+    lbifin_setable_t ppp = stack::ethernet(1);
+    ppp.isPTP = LBIFIN_YN_YES;
+    ppp.arp = LBIFIN_YN_NO;
+    gateway(ppp);
+    ASSERT_EQ(reset(request_), 0);
+    const auto sent = fake::take_sent();
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].bytes.size(), 40U);
+    EXPECT_FALSE(sent[0].has_eth);
+}
+
+TEST_F(ResetTest, IsNotSentWithoutAGatewayOrWithoutSequenceNumbers)
+{
+    EXPECT_EQ(reset(request_), -1) << "no gateway";
+    ASSERT_ADDED(set_client_gateway("10.0.0.254"));
+    EXPECT_EQ(reset(request_), -1) << "no interface";
+    ASSERT_ADDED(set_client_gateway(""));
+    gateway(stack::ethernet(1));
+    EXPECT_EQ(reset(cut(request_, 39)), -1) << "short TCP header";
+    EXPECT_EQ(reset(with(request_, 3, 39)), -1) << "a total length that ends within it";
+    EXPECT_EQ(fake::sent_count(), 1U) << "only the query for the gateway";
+}
+
+} // namespace

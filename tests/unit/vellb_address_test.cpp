@@ -1,0 +1,163 @@
+// Addresses and masks as people write them.
+#include <gtest/gtest.h>
+
+#include "vellb/address.h"
+#include "vellb/names.h"
+
+namespace
+{
+
+TEST(vellb_address, parses_and_prints)
+{
+    struct row_t {
+        const char *text;
+        const char *printed; // null: refused
+    };
+    const row_t rows[] = {
+        {"10.0.0.1", "10.0.0.1"},
+        {"2001:DB8:0::1", "2001:db8::1"},
+        {"[2001:db8::1]", "2001:db8::1"},
+        {"::ffff:10.0.0.1", "::ffff:10.0.0.1"},
+        {"", nullptr},
+        {"10.0.0", nullptr},
+        {"10.0.0.256", nullptr},
+        {"010.0.0.1", nullptr},
+        {"10.0.0.1 ", nullptr},
+        {"[10.0.0.1]", nullptr},
+        {"[]", nullptr},
+        {"[2001:db8::1", nullptr},
+        {"localhost", nullptr},
+        {"2001:db8::1%eth0", nullptr},
+    };
+    for (const row_t &row : rows) {
+        const auto addr = vellb::parse_address(row.text);
+        EXPECT_EQ(addr.has_value(), row.printed != nullptr) << row.text;
+        if (addr && row.printed != nullptr) {
+            EXPECT_EQ(vellb::address_text(*addr), row.printed);
+        }
+    }
+}
+
+TEST(vellb_address, an_embedded_nul_does_not_end_the_word)
+{
+    EXPECT_FALSE(vellb::parse_address(std::string_view("10.0.0.1\0x", 10)));
+}
+
+TEST(vellb_address, prefixes)
+{
+    struct row_t {
+        const char *text;
+        int prefix; // -1: refused
+    };
+    const row_t rows[] = {
+        {"10.0.0.1/24", 24}, {"10.0.0.1/0", 0},       {"10.0.0.1/32", 32}, {"2001:db8::1/128", 128},
+        {"10.0.0.1", -1},    {"10.0.0.1/33", -1},     {"10.0.0.1/", -1},   {"10.0.0.1/-1", -1},
+        {"10.0.0.1/ 8", -1}, {"2001:db8::1/129", -1}, {"/24", -1},         {"10.0.0.1/24/24", -1},
+    };
+    for (const row_t &row : rows) {
+        const auto addr = vellb::parse_prefix(row.text);
+        EXPECT_EQ(addr ? addr->prefix : -1, row.prefix) << row.text;
+    }
+}
+
+TEST(vellb_address, subnets)
+{
+    struct row_t {
+        const char *addr;
+        const char *net;
+        bool on;
+    };
+    const row_t rows[] = {
+        {"10.0.0.200", "10.0.0.1/24", true},         {"10.0.1.1", "10.0.0.1/24", false},
+        {"10.0.0.127", "10.0.0.1/25", true},         {"10.0.0.128", "10.0.0.1/25", false},
+        {"192.0.2.1", "10.0.0.1/0", true},           {"10.0.0.1", "10.0.0.1/32", true},
+        {"10.0.0.2", "10.0.0.1/32", false},          {"10.0.0.3", "10.0.0.1/31", false},
+        {"2001:db8::9", "10.0.0.1/0", false},        {"2001:db8:0:1::", "2001:db8::1/63", true},
+        {"2001:db8:0:2::", "2001:db8::1/63", false},
+    };
+    for (const row_t &row : rows) {
+        EXPECT_EQ(vellb::on_net(*vellb::parse_address(row.addr), *vellb::parse_prefix(row.net)),
+                  row.on)
+            << row.addr << " on " << row.net;
+    }
+    // A prefix that no IPv4 address has must not read past it.
+    lbip_addr_t net = *vellb::parse_prefix("10.0.0.1/32");
+    net.prefix = 255;
+    EXPECT_FALSE(vellb::on_net(*vellb::parse_address("10.0.0.1"), net));
+}
+
+TEST(vellb_address, macs)
+{
+    EXPECT_EQ(vellb::mac_text(*vellb::parse_mac("02:AB:cd:00:0f:f0")), "02:ab:cd:00:0f:f0");
+    for (const char *bad : {"", "02:ab:cd:00:0f", "02:ab:cd:00:0f:f0:", "02-ab-cd-00-0f-f0",
+                            "02:ab:cd:00:0f:g0", "2:ab:cd:00:0f:f0:", "+2:ab:cd:00:0f:f0"}) {
+        EXPECT_FALSE(vellb::parse_mac(bad)) << bad;
+    }
+}
+
+TEST(vellb_names, log_masks)
+{
+    struct row_t {
+        const char *text;
+        lb_u64_t current;
+        lb_u64_t mask;
+        const char *bad; // null: understood
+    };
+    const row_t rows[] = {
+        {"failures,forwarded", 0xF000, 0x201, nullptr},
+        {"0x40200", 7, 0x40200, nullptr},
+        {"512", 7, 0x200, nullptr},
+        {"+forwarded", 0x200, 0x201, nullptr},
+        {"-failures", 0x201, 0x1, nullptr},
+        {"+arp,-failures", 0x200, 0x10000000, nullptr},
+        {"failures,+arp", 0x1000, 0x10000200, nullptr},
+        {"+0x40000", 0x200, 0x40200, nullptr},
+        {"none", 0x200, 0, nullptr},
+        {"all,-arp", 0, ~0x10000000ULL, nullptr},
+        {"default,server-set", 0, 0x8000000200, nullptr},
+        {"", 0, 0, ""},
+        {"failures,", 0, 0, ""},
+        {"failures,forwardd", 0, 0, "forwardd"},
+        {"+-arp", 0, 0, "+-arp"},
+        {"0x", 0, 0, "0x"},
+        {"0x12345678123456789", 0, 0, "0x12345678123456789"},
+        {"12z", 0, 0, "12z"},
+    };
+    for (const row_t &row : rows) {
+        std::string bad = "unset";
+        const auto mask = vellb::mask_from(row.text, row.current, bad);
+        EXPECT_EQ(mask.has_value(), row.bad == nullptr) << row.text;
+        if (mask) {
+            EXPECT_EQ(*mask, row.mask) << row.text;
+        } else {
+            EXPECT_EQ(bad, row.bad == nullptr ? "" : row.bad) << row.text;
+        }
+    }
+}
+
+TEST(vellb_names, a_mask_in_words_means_the_same_mask)
+{
+    for (const lb_u64_t mask : {0x0ULL, 0x200ULL, 0xFFFFFFFFFFFFFFFFULL, 0x8000000000000201ULL,
+                                0x40000ULL, 0x8000000ULL}) {
+        std::string bad;
+        EXPECT_EQ(vellb::mask_from(vellb::mask_text(mask), 0x77, bad), mask) << bad;
+    }
+}
+
+TEST(vellb_names, neighbours_in_words)
+{
+    const std::pair<int, const char *> rows[] = {
+        {0, "none"},
+        {1, "reachable"},
+        {3, "asking 1 of 3"},
+        {6 | 64, "dead, servers down"},
+        {2 | 16, "verifying, no interface"},
+        {0x20, "cannot transmit"},
+        {7, "unknown"},
+    };
+    for (const auto &[state, text] : rows) {
+        EXPECT_EQ(vellb::neighbour_text(static_cast<lb_u8_t>(state)), text);
+    }
+}
+
+} // namespace

@@ -1,0 +1,139 @@
+// Interface sync: what is planned from two pictures, and that the plan, carried out, leaves nothing
+// to do.
+#include <gtest/gtest.h>
+
+#include "ifsync.h"
+#include "vellb_fake_daemon.h"
+
+namespace
+{
+
+using interfaces_t = std::vector<vellb::interface>;
+
+vellb::interface iface(const char *name, lb_u32_t mtu,
+                       const std::vector<std::pair<const char *, const char *>> &addresses)
+{
+    vellb::interface result;
+    result.name = name;
+    result.settings.ethaddr = *vellb::parse_mac("02:00:00:00:00:01");
+    result.settings.mtu_sys = result.settings.mtu_lb = mtu;
+    result.settings.isup_sys = result.settings.isup_lb = LBIFIN_YN_YES;
+    result.settings.arp = LBIFIN_YN_YES;
+    for (const auto &[address, peer] : addresses) {
+        result.addresses.push_back({*vellb::parse_prefix(address),
+                                    peer != nullptr ? *vellb::parse_address(peer) : lbip_addr_t{}});
+    }
+    return result;
+}
+
+std::vector<std::string> plan(const interfaces_t &host, const interfaces_t &tree,
+                              const std::vector<std::string> &only = {})
+{
+    std::vector<std::string> texts;
+    for (const vellbctl::sync_step &step : vellbctl::plan_sync(host, tree, only)) {
+        texts.push_back(step.what + " " + step.object);
+    }
+    return texts;
+}
+
+TEST(vellb_ifsync, plans)
+{
+    const auto eth0 = iface("eth0", 1500, {{"10.0.0.1/24", nullptr}});
+    const auto eth1 = iface("eth1", 1500, {{"10.1.0.1/24", nullptr}, {"10.2.0.1/24", nullptr}});
+    struct row_t {
+        const char *name;
+        interfaces_t host;
+        interfaces_t tree;
+        std::vector<std::string> only;
+        std::vector<std::string> steps;
+    };
+    const row_t rows[] = {
+        {"equal", {eth0, eth1}, {eth1, eth0}, {}, {}},
+        {"all new", {eth0}, {}, {}, {"add interface eth0", "add address 10.0.0.1/24 of eth0"}},
+        {"gone, bottom-up",
+         {eth0},
+         {eth0, eth1},
+         {},
+         {"rm address 10.1.0.1/24 of eth1", "rm address 10.2.0.1/24 of eth1", "rm interface eth1"}},
+        {"another MTU",
+         {iface("eth0", 9000, {{"10.0.0.1/24", nullptr}})},
+         {eth0},
+         {},
+         {"set interface eth0"}},
+        {"another prefix",
+         {iface("eth0", 1500, {{"10.0.0.1/16", nullptr}})},
+         {eth0},
+         {},
+         {"rm address 10.0.0.1/24 of eth0", "add address 10.0.0.1/16 of eth0"}},
+        {"another peer",
+         {iface("eth0", 1500, {{"10.0.0.1/24", "10.9.9.9"}})},
+         {eth0},
+         {},
+         {"rm address 10.0.0.1/24 of eth0", "add address 10.0.0.1/24 of eth0"}},
+        {"one address less",
+         {iface("eth1", 1500, {{"10.2.0.1/24", nullptr}})},
+         {eth1},
+         {},
+         {"rm address 10.1.0.1/24 of eth1"}},
+        {"one address, two prefixes: the first stands",
+         {iface("eth0", 1500, {{"10.0.0.1/24", nullptr}, {"10.0.0.1/32", nullptr}})},
+         {eth0},
+         {},
+         {}},
+        {"only one of them",
+         {eth0, eth1},
+         {iface("eth9", 1500, {})},
+         {"eth0"},
+         {"add interface eth0", "add address 10.0.0.1/24 of eth0"}},
+        {"only one that is gone",
+         {eth0, eth1},
+         {iface("eth9", 1500, {})},
+         {"eth9"},
+         {"rm interface eth9"}},
+    };
+    for (const row_t &row : rows) {
+        EXPECT_EQ(plan(row.host, row.tree, row.only), row.steps) << row.name;
+    }
+}
+
+TEST(vellb_ifsync, what_was_set_apart_for_the_forwarder_stays_apart)
+{
+    auto old = iface("eth0", 1500, {});
+    old.settings.mtu_lb = 1400;
+    EXPECT_TRUE(plan({iface("eth0", 1500, {})}, {old}).empty());
+    const auto steps = vellbctl::plan_sync({iface("eth0", 9000, {})}, {old}, {});
+    ASSERT_EQ(steps.size(), 1U);
+    const auto block = vellb::block_of<lbifin_setable_t>(steps[0].command.setable, "settable");
+    EXPECT_EQ(block.mtu_sys, 9000U);
+    EXPECT_EQ(block.mtu_lb, 1400U);
+}
+
+TEST(vellb_ifsync, a_plan_carried_out_leaves_nothing_to_do)
+{
+    fake_daemon daemon;
+    const vellb::client client(daemon.path());
+    const interfaces_t stages[] = {
+        {iface("eth0", 1500, {{"10.0.0.1/24", nullptr}}),
+         iface("tun0", 1400, {{"10.3.0.1/32", "10.3.0.2"}})},
+        {iface("eth0", 9000, {{"10.0.0.1/16", nullptr}, {"10.4.0.1/24", nullptr}})},
+        {iface("eth1", 1500, {{"10.0.0.1/24", nullptr}}), iface("eth0", 1500, {})},
+    };
+    for (const interfaces_t &host : stages) {
+        for (const auto &step : vellbctl::plan_sync(host, vellb::read_interfaces(client), {})) {
+            EXPECT_NO_THROW(vellb::run(client, step.command)) << step.what << " " << step.object;
+        }
+        EXPECT_TRUE(plan(host, vellb::read_interfaces(client)).empty());
+    }
+}
+
+TEST(vellb_ifsync, nothing_usable)
+{
+    auto down = iface("eth0", 1500, {{"10.0.0.1/24", nullptr}});
+    down.settings.isup_sys = LBIFIN_YN_NO;
+    EXPECT_FALSE(vellbctl::is_usable({}));
+    EXPECT_FALSE(vellbctl::is_usable({down}));
+    EXPECT_FALSE(vellbctl::is_usable({iface("eth0", 1500, {})}));
+    EXPECT_TRUE(vellbctl::is_usable({down, iface("eth1", 1500, {{"10.0.0.1/24", nullptr}})}));
+}
+
+} // namespace
