@@ -37,6 +37,7 @@ class text_renderer
     [[nodiscard]] std::string clusters() const;
     [[nodiscard]] std::string ports() const;
     [[nodiscard]] std::string servers() const;
+    [[nodiscard]] std::string connections() const; // empty where none are counted
     [[nodiscard]] std::string rules() const;
     [[nodiscard]] std::string useservers() const;
     [[nodiscard]] std::string interfaces() const;
@@ -203,32 +204,11 @@ std::string server_notes(const vellb::server &each)
     return notes;
 }
 
-// Its connections by state, and all so far; an affinity port counts its clients as active.
-std::vector<std::string> connection_cells(const vellb::port &port, const lb_conn_stats_t &c)
-{
-    if (!keeps_records(port)) {
-        return {"-", "-", "-", "-"};
-    }
-    return {to_string(c.preest), to_string(c.active), to_string(c.fin), to_string(c.lifetime)};
-}
-
-bool any_keeps_records(const vellb::picture &in)
-{
-    return std::ranges::any_of(in.clusters, [](const vellb::cluster &each) {
-        return std::ranges::any_of(each.ports, keeps_records);
-    });
-}
-
 std::string text_renderer::servers() const
 {
     std::vector<column> columns{{"PORT"},        {"SERVER"},    {"WEIGHT", true},
                                 {"SHARE", true}, {"NEIGHBOUR"}, {"FORWARDED", true},
                                 {"ERRORS", true}};
-    const bool counts = any_keeps_records(now_);
-    if (counts) {
-        columns.insert(columns.end(),
-                       {{"OPENING", true}, {"ACTIVE", true}, {"CLOSING", true}, {"SO FAR", true}});
-    }
     with_rate(columns);
     columns.push_back({"NOTES"});
     table_t table(columns);
@@ -249,10 +229,6 @@ std::string text_renderer::servers() const
                                                vellb::neighbour_text(each.readings.neighstate),
                                                to_string(c.fwd),
                                                to_string(c.err)};
-                if (counts) {
-                    const auto more = connection_cells(port, each.readings.selstats);
-                    cells.insert(cells.end(), more.begin(), more.end());
-                }
                 add_rate(cells, c.fwd, old != nullptr ? &old->readings.ipstats.fwd : nullptr);
                 cells.push_back(server_notes(each));
                 table.row(std::move(cells));
@@ -260,6 +236,31 @@ std::string text_renderer::servers() const
         }
     }
     return table.empty() ? "no servers\n" : table.text();
+}
+
+// Connections by state, and all so far. An affinity port counts its clients as active.
+std::string text_renderer::connections() const
+{
+    table_t table({{"PORT"},
+                   {"SERVER"},
+                   {"OPENING", true},
+                   {"ACTIVE", true},
+                   {"CLOSING", true},
+                   {"SO FAR", true}});
+    for (const vellb::cluster &cluster : now_.clusters) {
+        for (const vellb::port &port : cluster.ports) {
+            if (!keeps_records(port)) {
+                continue;
+            }
+            for (const vellb::server &each : port.servers) {
+                const lb_conn_stats_t &c = each.readings.selstats;
+                table.row({vellb::endpoint_text(port.cluster, port.number),
+                           vellb::address_text(each.address), to_string(c.preest),
+                           to_string(c.active), to_string(c.fin), to_string(c.lifetime)});
+            }
+        }
+    }
+    return table.empty() ? "" : table.text();
 }
 
 std::string range_text(const lbrul_setable_t &set)
@@ -444,6 +445,8 @@ std::string render_text(const vellb::picture &now, const vellb::picture *before,
     section(what.clusters, renderer.clusters());
     section(what.ports, renderer.ports());
     section(what.servers, renderer.servers());
+    const std::string connections = renderer.connections();
+    section(what.servers && !connections.empty(), connections);
     const bool norules = std::ranges::all_of(now.clusters, [](const vellb::cluster &each) {
         return std::ranges::all_of(each.ports, &std::vector<vellb::rule>::empty,
                                    &vellb::port::rules);
