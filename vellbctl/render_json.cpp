@@ -43,7 +43,7 @@ class json_renderer
     [[nodiscard]] json_t cluster(const vellb::cluster &each) const;
     [[nodiscard]] json_t port(const vellb::port &each) const;
     [[nodiscard]] json_t server(const vellb::port &port, const vellb::server &each) const;
-    // Clusters with all below them; or, flat, all ports or all servers.
+    // Clusters with all below them; or, flat, all ports, servers, rules or use-servers.
     [[nodiscard]] json_t listed(const view &what) const;
     // Appends the rules, or what they use.
     void add_rules(json_t &list, const vellb::cluster &each, const view &what) const;
@@ -247,6 +247,10 @@ json_t json_renderer::listed(const view &what) const
             list.push_back(cluster(each));
             continue;
         }
+        if (!what.ports && !what.servers) {
+            add_rules(list, each, what);
+            continue;
+        }
         for (const vellb::port &one : each.ports) {
             if (what.ports) {
                 list.push_back(port(one));
@@ -293,10 +297,12 @@ json_t render_json(const vellb::picture &now, const vellb::picture *before, cons
     if (what.executor) {
         document["executor"] = renderer.executor(now_s);
     }
-    const char *list = !what.flat     ? (what.clusters ? "clusters" : "")
-                       : what.ports   ? "ports"
-                       : what.servers ? "servers"
-                                      : "";
+    const char *list = !what.flat        ? (what.clusters ? "clusters" : "")
+                       : what.ports      ? "ports"
+                       : what.servers    ? "servers"
+                       : what.rules      ? "rules"
+                       : what.useservers ? "use_servers"
+                                         : "";
     if (*list != '\0') {
         document[list] = renderer.listed(what);
     }
@@ -311,12 +317,6 @@ json_t render_json(const vellb::picture &now, const vellb::picture *before, cons
                 document[name].insert(document[name].end(), one["addresses"].begin(),
                                       one["addresses"].end());
             }
-        }
-    }
-    if (what.flat && !what.ports && (what.rules || what.useservers)) {
-        json_t &list = document[what.rules ? "rules" : "use_servers"] = json_t::array();
-        for (const vellb::cluster &each : now.clusters) {
-            renderer.add_rules(list, each, what);
         }
     }
     return document;

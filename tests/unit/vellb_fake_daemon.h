@@ -135,7 +135,9 @@ class fake_daemon
     bool has_parent(lbcmd_keytype_e keytype, const lbcmd_key_t &key) const
     {
         for (const object &each : objects_) {
-            if (each.keytype == keytype && vellb::is_child(keytype, each.key, key)) {
+            // A use-server is listed under its server, too, but made under its rule.
+            const bool lists_only = vellb::object_of(keytype, each.key) == vellb::object_e::SERVER;
+            if (each.keytype == keytype && !lists_only && vellb::is_child(keytype, each.key, key)) {
                 return true;
             }
         }
