@@ -200,7 +200,8 @@ class parser
 
     static const char *article(const std::string &noun)
     {
-        return std::string_view("aeiou").find(noun[0]) != std::string_view::npos ? "an" : "a";
+        // Among the nouns that begin with u, the use-server sounds as if it began with y.
+        return std::string_view("aeio").find(noun[0]) != std::string_view::npos ? "an" : "a";
     }
 
     void take_positional(const std::string &word)
