@@ -148,6 +148,34 @@ TEST_F(RuleTest, RangesIncludeBothBoundsAndSeeTheLastTick)
     }
 }
 
+TEST_F(RuleTest, NewConnectionsFollowItAndOldOnesStay)
+{
+    ASSERT_ADDED(add_port(C, 81, LBSEL_ALGORIGHM_CONNECTION));
+    for (const int last : {11, 12}) {
+        ASSERT_ADDED(add_server(C, 81, address(last)));
+    }
+    ASSERT_ADDED(set_server(C, 81, address(12), [](lbsrv_setable_t &b) { b.weight = 0; }));
+    const auto at81 = [](int last) { return stack::cfgkey(C, 81, last ? address(last) : "", 1); };
+    ASSERT_ADDED(add(LBCMD_KEYTYPE_CONFIG, at81(0), lbrul_addable_t{},
+                     settings(LBRUL_TYPE_PORTACTIVE, 2, 2)));
+    const auto connect = [](std::uint16_t sport) { return route({.sport = sport, .dport = 81}); };
+    EXPECT_EQ(connect(1000), 11);
+    EXPECT_EQ(connect(1001), 11);
+    ASSERT_ADDED(set_server(C, 81, address(12), [](lbsrv_setable_t &b) { b.weight = 1; }));
+    ASSERT_ADDED(add(LBCMD_KEYTYPE_CONFIG, at81(12), lbusrv_addable_t{}, lbusrv_setable_t{}));
+    tick_once();
+    EXPECT_EQ(connect(1002), 12);
+    EXPECT_EQ(connect(1003), 12) << "two open ones are known until the next tick";
+    EXPECT_EQ(route({.sport = 1000, .dport = 81, .flags = 0x10}), 11);
+    tick_once();
+    const auto fired = [&] {
+        return get<rule_view>(LBCMD_KEYTYPE_CONFIG, at81(0)).getable.timesfired;
+    };
+    EXPECT_EQ(fired(), 2U);
+    (void)connect(1004);
+    EXPECT_EQ(fired(), 2U) << "four are too many";
+}
+
 TEST_F(RuleTest, UnknownTypesBecomeTrue)
 {
     set_executor_log_mask(LB_LOG_EVENT);
