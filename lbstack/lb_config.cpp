@@ -122,8 +122,12 @@ void _lbcfg_blocksizes(lbcmd_key_t *vkey, lb_u32_t *addlen, lb_u32_t *setlen)
             *addlen = sizeof(lbclu_addable_t);
             *setlen = sizeof(lbclu_setable_t);
         }
+    } else if (key->rule != 0 && isempty(&key->server)) {
+        *addlen = sizeof(lbrul_addable_t);
+        *setlen = sizeof(lbrul_setable_t);
     } else if (key->rule != 0) {
-        return;
+        *addlen = sizeof(lbusrv_addable_t);
+        *setlen = sizeof(lbusrv_setable_t);
     } else if (isempty(&key->server)) {
         *addlen = sizeof(lbport_addable_t);
         *setlen = sizeof(lbport_setable_t);

@@ -144,6 +144,18 @@ bool lbha_isstandby()
     return lb_peek(lbexecutor->getable.ha.state) == LBHA_STATE_STANDBY;
 }
 
+bool lbha_ispaired()
+{
+    // Not by the role, which a command may have stored and not yet corrected.
+    const lb_u8_t state = lb_peek(lbexecutor->getable.ha.state);
+    return state == LBHA_STATE_ACTIVE || state == LBHA_STATE_STANDBY;
+}
+int lbha_replication_enqueue(lbcfg_key_t * /*key*/, lbip_addr_t * /*cliip*/, lb_u16_t /*cliport*/,
+                             lb_u8_t /*state*/, lb_u16_t /*natport*/)
+{
+    // A node that stands alone queues nothing: nobody would ever take it.
+    return LBHA_REPENQ_SUCCESS;
+}
 int lbha_set_crrepall()
 {
     return setflag(&harep_crall_lock, &harep_crall, 1);

@@ -3,14 +3,15 @@
 // algorithm's own.
 //
 // Init, get and remove run on the command thread, reap and the periodic work on the timer thread;
-// workers read linked ports without a lock. Only lists are locked, one at a time. Rules are refused
-// until something evaluates them, and so are algorithms that choose no server yet.
+// workers read linked ports without a lock. Only lists are locked, one at a time.
 
 #include "lb_port.h"
 
 #include "lb_cluster.h"
 #include "lb_ip.h"
 #include "lb_log.h"
+#include "lb_rule.h"
+#include "lb_sel_affinity.h"
 #include "lb_select.h"
 #include "lb_server.h"
 #include "lb_utils.h"
@@ -97,11 +98,6 @@ int checkalgorithm(const lbport_obj_t *port)
                "crossport %d not valid with this selection algorithm\n", addable->crossport);
         return 1;
     }
-    if (algorithmof(port)->choose == nullptr) {
-        LB_LOG(LB_LOG_PORT | LB_LOG_EVENT, "selection algorithm %d is not available\n",
-               addable->selectalg);
-        return 1;
-    }
     return 0;
 }
 
@@ -112,7 +108,8 @@ int initlists(lbport_obj_t *port)
         return 1;
     }
     lb_undo undo_set([port] { (void)lbsrvset_cleanup(&port->serverset); });
-    if (lbll_initlist(&port->rulelist, 0, lbll_filter_true, nullptr) != 0) {
+    if (lbll_initlist(&port->rulelist, offsetof(lbrul_obj_t, llnode), lbrul_ll_select,
+                      lbrul_ll_print) != 0) {
         LB_LOG(LB_LOG_PORT | LB_LOG_FAILURE, "init rule list failed\n");
         return 1;
     }
@@ -156,14 +153,30 @@ int _lbport_cmd_srv_add(lbcfg_key_t *key, lbport_obj_t *port, void *addable, voi
     return LBCMD_RC_SUCCESS;
 }
 
+int _lbport_cmd_rul_add(lbcfg_key_t *key, lbport_obj_t *port, void *addable, void *setable,
+                        lbcmd_objhdr_t **newobj)
+{
+    auto *rul = lb_newzero<lbrul_obj_t>();
+    if (rul == nullptr) {
+        LB_LOG(LB_LOG_PORT | LB_LOG_FAILURE, "allocation of new rule failed\n");
+        return LBCMD_RC_FAILURE;
+    }
+    if (lbrul_init(key, port, rul, addable, setable) != 0) {
+        LB_LOG(LB_LOG_PORT | LB_LOG_FAILURE, "srv init failed\n");
+        if (rul->llnode._list == nullptr) {
+            os_memfree(rul); // else it stays: the timer may be looking at it
+        }
+        return LBCMD_RC_FAILURE;
+    }
+    *newobj = &rul->config;
+    return LBCMD_RC_SUCCESS;
+}
+
 int _lbport_cmd_child_add(lbcmd_key_t *key, lbcmd_objhdr_t *parent, void *addable, void *setable,
                           lbcmd_objhdr_t **newobj)
 {
-    if (key->cfg.rule != 0) {
-        LB_LOG(LB_LOG_PORT | LB_LOG_EVENT, "rules are not available\n");
-        return LBCMD_RC_FAILURE;
-    }
-    return _lbport_cmd_srv_add(&key->cfg, portof(parent), addable, setable, newobj);
+    const auto add = key->cfg.rule != 0 ? _lbport_cmd_rul_add : _lbport_cmd_srv_add;
+    return add(&key->cfg, portof(parent), addable, setable, newobj);
 }
 
 int _lbport_cmd_rm(lbcmd_objhdr_t *obj)
@@ -181,6 +194,7 @@ int _lbport_cmd_rm(lbcmd_objhdr_t *obj)
         LB_LOG(LB_LOG_PORT | LB_LOG_FAILURE, "removal of port from list failed\n");
         return LBCMD_RC_FAILURE;
     }
+    lbsel_at_detachport(port);
     return LBCMD_RC_SUCCESS;
 }
 
@@ -206,6 +220,7 @@ int _lbport_cmd_reap(lbcmd_objhdr_t *obj, int age)
         if (lbll_rmnode(&port->parent->portlist, port) != 0) {
             LB_LOG(LB_LOG_PORT | LB_LOG_FAILURE, "removal of port from list failed\n");
         }
+        lbsel_at_detachport(port);
         obj->grace = lb_grace_now();
         return 0;
     }
@@ -274,6 +289,13 @@ void lbport_timer_entry(lbport_obj_t *port)
     if (const auto timer = algorithmof(port)->timer; timer != nullptr) {
         timer(port);
     }
+    void *rules[LB_SNAPSHOT_MAX];
+    const int count =
+        lbll_selectn(&port->rulelist, rules, LB_SNAPSHOT_MAX, lbll_filter_true, nullptr);
+    for (int i = 0; i < count; i++) {
+        // Its grace keeps a rule that is removed meanwhile: this thread is inside.
+        lbrul_timer_entry(static_cast<lbrul_obj_t *>(rules[i]));
+    }
     lbsrvset_timer_entry(&port->serverset);
 }
 
@@ -281,6 +303,12 @@ void lbport_weightsums(lbport_obj_t *port)
 {
     LB_LOG(LB_LOG_PORT, "lbport_weightsums entered %p\n", static_cast<void *>(port));
     lbsrvset_weightsum(&port->serverset);
+    void *rules[LB_SNAPSHOT_MAX];
+    const int count =
+        lbll_selectn(&port->rulelist, rules, LB_SNAPSHOT_MAX, lbll_filter_true, nullptr);
+    for (int i = 0; i < count; i++) {
+        lbsrvset_weightsum(&static_cast<lbrul_obj_t *>(rules[i])->serverset);
+    }
 }
 
 lb_u16_t lbport_number(const lbport_obj_t *port)

@@ -10,6 +10,8 @@
 #include "lb_log.h"
 #include "lb_pbuf.h"
 #include "lb_port.h"
+#include "lb_rule.h"
+#include "lb_sel_connection.h"
 #include "lb_server.h"
 #include "lb_words.h"
 
@@ -24,6 +26,17 @@ struct algorithm_s {
     lbsel_funcs_t funcs;
 };
 extern const algorithm_s algorithms[2];
+
+// The algorithms that keep records bring rows of their own.
+struct recordrow_s {
+    lbsel_algorighm_e algorithm;
+    const lbsel_funcs_t *funcs;
+};
+constexpr recordrow_s RECORDROWS[] = {
+    {LBSEL_ALGORIGHM_CONNECTION, &lbsel_ct_funcs},
+    {LBSEL_ALGORIGHM_AFFINITY, &lbsel_at_funcs},
+    {LBSEL_ALGORIGHM_CONN_AFFIN, &lbsel_ctat_funcs},
+};
 
 // Sets and traces the choice; without one, counts and frees the packet. UDPRR traces under the
 // names of HASH too.
@@ -72,6 +85,9 @@ int lbsel_init()
     for (const algorithm_s &row : algorithms) {
         selectfunc[row.algorithm] = row.funcs;
     }
+    for (const recordrow_s &row : RECORDROWS) {
+        selectfunc[row.algorithm] = *row.funcs;
+    }
     return 0;
 }
 
@@ -79,6 +95,9 @@ void lbsel_cleanup() {}
 
 lbsrv_obj_t *lbsel_chooseserver(lbpbuf_obj_t *pkt, lb_u32_t *seedptr)
 {
+    if (lbrul_pbuf_entry(pkt) != 0) {
+        return pkt->server; // also when the rule has none: it drops the packet
+    }
     return lbsel_srvset_chooseserver(&pkt->port->serverset, seedptr);
 }
 

@@ -81,6 +81,13 @@ int unlinkserver(lbsrv_obj_t *srv)
     return failed;
 }
 
+void removerecords(lbsrv_obj_t *srv)
+{
+    if (const auto srvrm = algorithmof(srv)->srvrm; srvrm != nullptr) {
+        srvrm(srv);
+    }
+}
+
 int _lbsrv_cmd_rm(lbcmd_objhdr_t *obj)
 {
     lbsrv_obj_t *srv = serverof(obj);
@@ -100,9 +107,7 @@ int _lbsrv_cmd_rm(lbcmd_objhdr_t *obj)
     if (lbll_size(&port->serverset.srvreflist) != 0) {
         lbport_weightsums(port);
     }
-    if (const auto srvrm = algorithmof(srv)->srvrm; srvrm != nullptr) {
-        srvrm(srv);
-    }
+    removerecords(srv);
     return LBCMD_RC_SUCCESS;
 }
 
@@ -118,13 +123,16 @@ int _lbsrv_cmd_reap(lbcmd_objhdr_t *obj, int age)
         if (unlinkserver(srv) != 0) {
             LB_LOG(LB_LOG_SERVER | LB_LOG_FAILURE, "removal of server from list failed\n");
         }
+        removerecords(srv);
+        obj->grace = lb_grace_now();
+        return 0;
+    }
+    // What was born or found meanwhile may be in use by who is inside the stack now.
+    if (const auto srvreap = algorithmof(srv)->srvreap; srvreap != nullptr && srvreap(srv)) {
         obj->grace = lb_grace_now();
         return 0;
     }
     lbneigh_rmnode(&obj->key.cfg.server);
-    if (const auto srvreap = algorithmof(srv)->srvreap; srvreap != nullptr) {
-        srvreap(srv);
-    }
     os_memfree(srv);
     return 1;
 }

@@ -97,6 +97,21 @@ lbcmd_key_t server_key(const lbip_addr_t &cluster, lb_u16_t port, const lbip_add
     return key;
 }
 
+lbcmd_key_t rule_key(const lbip_addr_t &cluster, lb_u16_t port, lb_u16_t rule)
+{
+    lbcmd_key_t key = port_key(cluster, port);
+    key.cfg.rule = rule;
+    return key;
+}
+
+lbcmd_key_t useserver_key(const lbip_addr_t &cluster, lb_u16_t port, lb_u16_t rule,
+                          const lbip_addr_t &server)
+{
+    lbcmd_key_t key = rule_key(cluster, port, rule);
+    key.cfg.server = server;
+    return key;
+}
+
 lbcmd_key_t interfaces_key()
 {
     return {};

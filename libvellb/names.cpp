@@ -43,6 +43,12 @@ constexpr auto ALGORITHMS = std::to_array<named_value>({
     {LBSEL_ALGORIGHM_UDPRR, "udprr", "packets round the servers, stateless"},
 });
 
+constexpr auto RULE_TYPES = std::to_array<named_value>({
+    {LBRUL_TYPE_TRUE, "true", "always"},
+    {LBRUL_TYPE_PORTACTIVE, "port-active", "by the open connections of the port"},
+    {LBRUL_TYPE_RULEACTIVE, "rule-active", "by the open connections of the rule's servers"},
+});
+
 constexpr auto HA_ROLES = std::to_array<named_value>({
     {LBHA_ROLE_UNDEF, "undefined", ""},
     {LBHA_ROLE_SOLO, "solo", "no partner"},
@@ -174,6 +180,10 @@ std::span<const named_value> actions()
 std::span<const named_value> algorithms()
 {
     return ALGORITHMS;
+}
+std::span<const named_value> rule_types()
+{
+    return RULE_TYPES;
 }
 std::span<const named_value> ha_roles()
 {

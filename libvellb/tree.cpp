@@ -2,6 +2,8 @@
 // each kind is read by its own function, and an answer that lists strangers was refused before.
 #include "vellb/tree.h"
 
+#include <algorithm>
+
 namespace vellb
 {
 
@@ -78,11 +80,14 @@ std::optional<port> read_port(const client &daemon, const lbip_addr_t &cluster, 
     result.readings = block_of<lbport_getable_t>(got->getable, "port's readable");
     for (const lbcmd_key_t &child : got->children) {
         if (object_of(CONFIG, child) == object_e::RULE) {
-            result.rules++;
+            if (auto found = read_rule(daemon, cluster, number, child.cfg.rule)) {
+                result.rules.push_back(std::move(*found));
+            }
         } else if (auto found = read_server(daemon, cluster, number, child.cfg.server)) {
             result.servers.push_back(*found);
         }
     }
+    std::ranges::sort(result.rules, {}, &rule::number);
     return result;
 }
 
@@ -100,6 +105,23 @@ std::optional<cluster> read_cluster(const client &daemon, const lbip_addr_t &add
         if (auto found = read_port(daemon, address, child.cfg.port)) {
             result.ports.push_back(*found);
         }
+    }
+    return result;
+}
+
+std::optional<rule> read_rule(const client &daemon, const lbip_addr_t &cluster, lb_u16_t port,
+                              lb_u16_t number)
+{
+    const auto got = look(daemon, CONFIG, rule_key(cluster, port, number));
+    if (!got) {
+        return std::nullopt;
+    }
+    rule result;
+    result.number = number;
+    result.settings = block_of<lbrul_setable_t>(got->setable, "rule's settable");
+    result.readings = block_of<lbrul_getable_t>(got->getable, "rule's readable");
+    for (const lbcmd_key_t &child : got->children) {
+        result.useservers.push_back(child.cfg.server);
     }
     return result;
 }

@@ -19,6 +19,12 @@ void server_add(session &s);
 void server_set(session &s);
 void server_rm(session &s);
 
+void rule_add(session &s);
+void rule_set(session &s);
+void rule_rm(session &s);
+void useserver_add(session &s);
+void useserver_rm(session &s);
+
 void interface_add(session &s);
 void interface_set(session &s);
 void interface_rm(session &s);
@@ -32,9 +38,14 @@ void show_executor(session &s);
 void show_clusters(session &s);
 void show_ports(session &s);
 void show_servers(session &s);
+void show_rules(session &s);
+void show_useservers(session &s);
 void show_interfaces(session &s);
 void show_addresses(session &s);
 void logmask_decode(session &s);
 void logmask_names(session &s);
+
+// Warns of settings of the port asked for that will surprise. Never fails.
+void look_at_port(session &s);
 
 } // namespace vellbctl

@@ -47,6 +47,8 @@ template <class F> void look_again(session &s, F find)
     }
 }
 
+} // namespace
+
 void look_at_port(session &s)
 {
     look_again(s, [&] {
@@ -59,8 +61,6 @@ void look_at_port(session &s)
         return texts;
     });
 }
-
-} // namespace
 
 void executor_set(session &s)
 {

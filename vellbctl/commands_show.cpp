@@ -66,6 +66,23 @@ std::vector<vellb::cluster> read_asked_clusters(const session &s)
     return {only};
 }
 
+// The clusters asked for, cut down to the rule asked for.
+std::vector<vellb::cluster> read_asked_rules(const session &s)
+{
+    auto result = read_asked_clusters(s);
+    if (s.req.rule == 0) {
+        return result;
+    }
+    auto &rules = result[0].ports[0].rules;
+    std::erase_if(rules, [&](const vellb::rule &each) { return each.number != s.req.rule; });
+    if (rules.empty()) {
+        throw vellb::refused(
+            {CONFIG, LBCMD_ACTION_GET, vellb::rule_key(*s.req.address, s.req.port, s.req.rule)},
+            LBCMD_RC_OBJNOTFOUND);
+    }
+    return result;
+}
+
 vellb::picture read_asked(const session &s, const view &what)
 {
     if (what.executor && what.clusters) {
@@ -78,6 +95,8 @@ vellb::picture read_asked(const session &s, const view &what)
     }
     if (what.clusters || what.ports || what.servers) {
         result.clusters = read_asked_clusters(s);
+    } else if (what.rules || what.useservers) {
+        result.clusters = read_asked_rules(s);
     }
     if (what.interfaces || what.addresses) {
         const auto &name = s.req.interface;
@@ -122,8 +141,12 @@ void show(session &s, const view &what)
 
 void show_all(session &s)
 {
-    show(s,
-         {.executor = true, .clusters = true, .ports = true, .servers = true, .interfaces = true});
+    show(s, {.executor = true,
+             .clusters = true,
+             .ports = true,
+             .servers = true,
+             .rules = true,
+             .interfaces = true});
 }
 
 void show_executor(session &s)
@@ -134,17 +157,28 @@ void show_executor(session &s)
 void show_clusters(session &s)
 {
     const bool one = s.req.address.has_value();
-    show(s, {.clusters = true, .ports = one, .servers = one});
+    show(s, {.clusters = true, .ports = one, .servers = one, .rules = one});
 }
 
 void show_ports(session &s)
 {
-    show(s, {.ports = true, .servers = s.req.address.has_value(), .flat = true});
+    const bool one = s.req.address.has_value();
+    show(s, {.ports = true, .servers = one, .rules = one, .flat = true});
 }
 
 void show_servers(session &s)
 {
     show(s, {.servers = true, .flat = true});
+}
+
+void show_rules(session &s)
+{
+    show(s, {.rules = true, .flat = true});
+}
+
+void show_useservers(session &s)
+{
+    show(s, {.useservers = true, .flat = true});
 }
 
 void show_interfaces(session &s)

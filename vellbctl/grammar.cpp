@@ -35,6 +35,10 @@ void take_server(request &r, word_t word)
 {
     r.server = take_address(word);
 }
+void take_rule(request &r, word_t word)
+{
+    r.rule = static_cast<lb_u16_t>(take_number(word, 1, 65535));
+}
 void take_name_of_interface(request &r, word_t word)
 {
     r.interface = take_interface(word);
@@ -56,6 +60,8 @@ constexpr positional PORT{"ADDRESS:PORT", "cluster and port, as in 10.0.0.100:80
 constexpr positional SOME_PORT{"ADDRESS:PORT", "one port only", take_port, true};
 constexpr positional SERVER{"SERVER", "the server's address, as in 10.0.0.11", take_server};
 constexpr positional SOME_SERVER{"SERVER", "one server only", take_server, true};
+constexpr positional RULE{"RULE", "the rule's number; lower ones are tried first", take_rule};
+constexpr positional SOME_RULE{"RULE", "one rule only", take_rule, true};
 constexpr positional INTERFACE{"NAME", "the interface, as in eth0", take_name_of_interface};
 constexpr positional SOME_INTERFACE{"NAME", "one interface only", take_name_of_interface, true};
 constexpr positional OWN_PREFIX{"ADDRESS/LENGTH", "an address of it, as in 10.0.0.1/24",
@@ -224,6 +230,37 @@ std::vector<option> server_options()
     };
 }
 
+std::vector<option> rule_options(bool adds)
+{
+    return {
+        {"--type", "TYPE", "when it fires: true, port-active or rule-active",
+         [](request &r, word_t word) {
+             const auto type = static_cast<lb_u8_t>(take_name(word, vellb::rule_types()));
+             r.rule_edits.add([type](lbrul_setable_t &b) { b.type = type; });
+         },
+         adds},
+        {"--range", "FROM-TO", "the open connections, both included, at which it fires",
+         [](request &r, word_t word) {
+             lb_u32_t first = 0;
+             lb_u32_t last = 0;
+             take_range(word, first, last);
+             r.ranged = true;
+             r.rule_edits.add([first, last](lbrul_setable_t &b) {
+                 b.beginrange = first;
+                 b.endrange = last;
+             });
+         }},
+        {"--name", "TEXT", "a name for people",
+         [](request &r, word_t word) {
+             const std::string name = take_text(word, sizeof(lbrul_setable_t::name) - 1);
+             r.rule_edits.add([name](lbrul_setable_t &b) {
+                 memset(b.name, 0, sizeof(b.name));
+                 memcpy(b.name, name.data(), name.size());
+             });
+         }},
+    };
+}
+
 std::vector<option> interface_options(bool adds)
 {
     return {
@@ -331,6 +368,46 @@ void add_config_commands(std::vector<command> &table)
         });
 }
 
+void add_rule_commands(std::vector<command> &table)
+{
+    table.insert(
+        table.end(),
+        {
+            {"rule",
+             "add",
+             "send packets to some of the port's servers when it fires",
+             {PORT, RULE},
+             rule_options(true),
+             rule_add},
+            {"rule", "set", "change a rule", {PORT, RULE}, rule_options(false), rule_set, true},
+            {"rule", "rm", "remove a rule", {PORT, RULE}, {RECURSIVE}, rule_rm},
+            {"rule",
+             "show",
+             "rules, their servers and how often they fired",
+             {SOME_PORT, SOME_RULE},
+             {},
+             show_rules},
+            {"use-server",
+             "add",
+             "let a rule use a server of its port",
+             {PORT, RULE, SERVER},
+             {},
+             useserver_add},
+            {"use-server",
+             "rm",
+             "take a server from a rule",
+             {PORT, RULE, SERVER},
+             {},
+             useserver_rm},
+            {"use-server",
+             "show",
+             "the servers that rules use",
+             {SOME_PORT, SOME_RULE},
+             {},
+             show_useservers},
+        });
+}
+
 void add_interface_commands(std::vector<command> &table)
 {
     const std::vector<option> sync_options{
@@ -426,6 +503,7 @@ std::span<const command> commands()
     static const std::vector<command> table = [] {
         std::vector<command> rows;
         add_config_commands(rows);
+        add_rule_commands(rows);
         add_interface_commands(rows);
         return rows;
     }();

@@ -15,9 +15,12 @@ struct view {
     bool clusters = false;
     bool ports = false;
     bool servers = false;
+    bool rules = false;
+    bool useservers = false;
     bool interfaces = false;
     bool addresses = false;
-    // The document lists ports, servers or addresses by themselves, not within their parents.
+    // The document lists ports, servers, rules or addresses by themselves, not within their
+    // parents.
     bool flat = false;
 };
 
@@ -36,5 +39,12 @@ const vellb::cluster *find(const vellb::picture *in, const lbip_addr_t &cluster)
 const vellb::port *find(const vellb::picture *in, const vellb::port &port);
 const vellb::server *find(const vellb::picture *in, const vellb::port &port,
                           const lbip_addr_t &server);
+
+const vellb::rule *find(const vellb::picture *in, const vellb::port &port, const vellb::rule &rule);
+
+// Does the port keep connection or affinity records? Others count no connections.
+bool keeps_records(const vellb::port &port);
+// All servers' counts together.
+lb_conn_stats_t connections_of(const vellb::port &port);
 
 } // namespace vellbctl

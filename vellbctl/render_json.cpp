@@ -23,6 +23,14 @@ json_t counters_json(const lb_proto_stats_t &c)
             {"errors", c.err},  {"not_for_us", c.notforus}, {"discarded", c.discard}};
 }
 
+json_t connections_json(const lb_conn_stats_t &c)
+{
+    return {{"establishing", c.preest},
+            {"active", c.active},
+            {"finishing", c.fin},
+            {"so_far", c.lifetime}};
+}
+
 class json_renderer
 {
   public:
@@ -35,8 +43,12 @@ class json_renderer
     [[nodiscard]] json_t cluster(const vellb::cluster &each) const;
     [[nodiscard]] json_t port(const vellb::port &each) const;
     [[nodiscard]] json_t server(const vellb::port &port, const vellb::server &each) const;
-    // Clusters with all below them; or, flat, all ports or all servers.
+    // Clusters with all below them; or, flat, all ports, servers, rules or use-servers.
     [[nodiscard]] json_t listed(const view &what) const;
+    // Appends the rules, or what they use.
+    void add_rules(json_t &list, const vellb::cluster &each, const view &what) const;
+    [[nodiscard]] json_t rule(const vellb::port &port, const vellb::rule &each) const;
+    [[nodiscard]] static json_t useservers(const vellb::port &port, const vellb::rule &each);
     [[nodiscard]] static json_t interface(const vellb::interface &each);
 
   private:
@@ -124,10 +136,55 @@ json_t json_renderer::server(const vellb::port &port, const vellb::server &each)
             {"encapsulation_mtu", set.encapmtu},
             {"counters", counters},
             {"icmp_counters", counters_json(get.icmpstats)},
-            {"connections",
-             {{"establishing", get.selstats.preest},
-              {"active", get.selstats.active},
-              {"finishing", get.selstats.fin}}}};
+            {"connections", connections_json(get.selstats)}};
+}
+
+json_t json_renderer::useservers(const vellb::port &port, const vellb::rule &each)
+{
+    json_t list = json_t::array();
+    for (const lbip_addr_t &server : each.useservers) {
+        list.push_back({{"cluster", vellb::address_text(port.cluster)},
+                        {"port", port.number},
+                        {"rule", each.number},
+                        {"server", vellb::address_text(server)}});
+    }
+    return list;
+}
+
+json_t json_renderer::rule(const vellb::port &port, const vellb::rule &each) const
+{
+    const lbrul_setable_t &set = each.settings;
+    const bool ranged = set.type != LBRUL_TYPE_TRUE;
+    json_t servers = json_t::array();
+    for (const lbip_addr_t &server : each.useservers) {
+        servers.push_back(vellb::address_text(server));
+    }
+    json_t result{
+        {"cluster", vellb::address_text(port.cluster)},
+        {"port", port.number},
+        {"rule", each.number},
+        {"name", vellb::block_text(set.name, sizeof(set.name))},
+        {"type", vellb::name_of(vellb::rule_types(), set.type)},
+        {"from", ranged ? json_t(set.beginrange) : json_t(nullptr)},
+        {"to", ranged ? json_t(set.endrange) : json_t(nullptr)},
+        {"servers", servers},
+        {"fired", each.readings.timesfired},
+    };
+    const vellb::rule *old = find(before_, port, each);
+    add_rate(result, "fired_per_s", each.readings.timesfired,
+             old != nullptr ? &old->readings.timesfired : nullptr);
+    return result;
+}
+
+void json_renderer::add_rules(json_t &list, const vellb::cluster &each, const view &what) const
+{
+    for (const vellb::port &port : each.ports) {
+        for (const vellb::rule &one : port.rules) {
+            const json_t more =
+                what.rules ? json_t::array({rule(port, one)}) : useservers(port, one);
+            list.insert(list.end(), more.begin(), more.end());
+        }
+    }
 }
 
 json_t json_renderer::port(const vellb::port &each) const
@@ -140,6 +197,10 @@ json_t json_renderer::port(const vellb::port &each) const
     for (const vellb::server &one : each.servers) {
         servers.push_back(server(each, one));
     }
+    json_t rules = json_t::array();
+    for (const vellb::rule &one : each.rules) {
+        rules.push_back(rule(each, one));
+    }
     return {{"cluster", vellb::address_text(each.cluster)},
             {"port", each.number},
             {"algorithm", vellb::name_of(vellb::algorithms(), each.fixed.selectalg)},
@@ -149,7 +210,8 @@ json_t json_renderer::port(const vellb::port &each) const
             {"sticky_time_s", each.settings.stickytime},
             {"reset", each.settings.reset != 0},
             {"replication", vellb::name_of(vellb::ha_replications(), each.settings.repstrategy)},
-            {"rules", each.rules},
+            {"rules", rules},
+            {"connections", connections_json(connections_of(each))},
             {"counters", counters},
             {"icmp_counters", counters_json(each.readings.icmpstats)},
             {"choices",
@@ -183,6 +245,10 @@ json_t json_renderer::listed(const view &what) const
     for (const vellb::cluster &each : now_.clusters) {
         if (!what.flat) {
             list.push_back(cluster(each));
+            continue;
+        }
+        if (!what.ports && !what.servers) {
+            add_rules(list, each, what);
             continue;
         }
         for (const vellb::port &one : each.ports) {
@@ -231,10 +297,12 @@ json_t render_json(const vellb::picture &now, const vellb::picture *before, cons
     if (what.executor) {
         document["executor"] = renderer.executor(now_s);
     }
-    const char *list = !what.flat     ? (what.clusters ? "clusters" : "")
-                       : what.ports   ? "ports"
-                       : what.servers ? "servers"
-                                      : "";
+    const char *list = !what.flat        ? (what.clusters ? "clusters" : "")
+                       : what.ports      ? "ports"
+                       : what.servers    ? "servers"
+                       : what.rules      ? "rules"
+                       : what.useservers ? "use_servers"
+                                         : "";
     if (*list != '\0') {
         document[list] = renderer.listed(what);
     }

@@ -37,6 +37,9 @@ class text_renderer
     [[nodiscard]] std::string clusters() const;
     [[nodiscard]] std::string ports() const;
     [[nodiscard]] std::string servers() const;
+    [[nodiscard]] std::string connections() const; // empty where none are counted
+    [[nodiscard]] std::string rules() const;
+    [[nodiscard]] std::string useservers() const;
     [[nodiscard]] std::string interfaces() const;
     [[nodiscard]] std::string addresses() const;
 
@@ -235,6 +238,89 @@ std::string text_renderer::servers() const
     return table.empty() ? "no servers\n" : table.text();
 }
 
+// Connections by state, and all so far. An affinity port counts its clients as active.
+std::string text_renderer::connections() const
+{
+    table_t table({{"PORT"},
+                   {"SERVER"},
+                   {"OPENING", true},
+                   {"ACTIVE", true},
+                   {"CLOSING", true},
+                   {"SO FAR", true}});
+    for (const vellb::cluster &cluster : now_.clusters) {
+        for (const vellb::port &port : cluster.ports) {
+            if (!keeps_records(port)) {
+                continue;
+            }
+            for (const vellb::server &each : port.servers) {
+                const lb_conn_stats_t &c = each.readings.selstats;
+                table.row({vellb::endpoint_text(port.cluster, port.number),
+                           vellb::address_text(each.address), to_string(c.preest),
+                           to_string(c.active), to_string(c.fin), to_string(c.lifetime)});
+            }
+        }
+    }
+    return table.empty() ? "" : table.text();
+}
+
+std::string range_text(const lbrul_setable_t &set)
+{
+    if (set.type == LBRUL_TYPE_TRUE) {
+        return "-";
+    }
+    return set.endrange == 0xFFFFFFFF ? fmt::format("{}-", set.beginrange)
+                                      : fmt::format("{}-{}", set.beginrange, set.endrange);
+}
+
+std::string text_renderer::rules() const
+{
+    std::vector<column> columns{{"PORT"}, {"RULE", true}, {"TYPE"}, {"CONNECTIONS", true},
+                                {"USES"}, {"FIRED", true}};
+    with_rate(columns);
+    columns.push_back({"NAME"});
+    table_t table(columns);
+    for (const vellb::cluster &cluster : now_.clusters) {
+        for (const vellb::port &port : cluster.ports) {
+            for (const vellb::rule &each : port.rules) {
+                const lbrul_setable_t &set = each.settings;
+                std::vector<std::string> servers;
+                for (const lbip_addr_t &server : each.useservers) {
+                    servers.push_back(vellb::address_text(server));
+                }
+                const vellb::rule *old = find(before_, port, each);
+                std::vector<std::string> cells{
+                    vellb::endpoint_text(port.cluster, port.number),
+                    to_string(each.number),
+                    vellb::name_of(vellb::rule_types(), set.type),
+                    range_text(set),
+                    servers.empty() ? "nothing: drops" : fmt::format("{}", fmt::join(servers, " ")),
+                    to_string(each.readings.timesfired)};
+                add_rate(cells, each.readings.timesfired,
+                         old != nullptr ? &old->readings.timesfired : nullptr);
+                cells.push_back(vellb::block_text(set.name, sizeof(set.name)));
+                table.row(std::move(cells));
+            }
+        }
+    }
+    return table.empty() ? "no rules\n" : table.text();
+}
+
+std::string text_renderer::useservers() const
+{
+    table_t table({{"PORT"}, {"RULE", true}, {"SERVER"}});
+    for (const vellb::cluster &cluster : now_.clusters) {
+        for (const vellb::port &port : cluster.ports) {
+            for (const vellb::rule &each : port.rules) {
+                for (const lbip_addr_t &server : each.useservers) {
+                    table.row({vellb::endpoint_text(port.cluster, port.number),
+                               to_string(each.number), vellb::address_text(server)});
+                }
+            }
+        }
+    }
+    return table.empty() ? "no use-servers\n" : table.text();
+}
+
 std::string yes_no_text(lb_u8_t value)
 {
     return vellb::name_of(vellb::yes_no(), value);
@@ -317,6 +403,35 @@ const vellb::server *find(const vellb::picture *in, const vellb::port &port,
     return found != old->servers.end() ? &*found : nullptr;
 }
 
+const vellb::rule *find(const vellb::picture *in, const vellb::port &port, const vellb::rule &rule)
+{
+    const vellb::port *old = find(in, port);
+    if (old == nullptr) {
+        return nullptr;
+    }
+    const auto found = std::ranges::find(old->rules, rule.number, &vellb::rule::number);
+    return found != old->rules.end() ? &*found : nullptr;
+}
+
+bool keeps_records(const vellb::port &port)
+{
+    const lb_u8_t algorithm = port.fixed.selectalg;
+    return algorithm >= LBSEL_ALGORIGHM_CONNECTION && algorithm <= LBSEL_ALGORIGHM_CONN_AFFIN;
+}
+
+lb_conn_stats_t connections_of(const vellb::port &port)
+{
+    lb_conn_stats_t sum{};
+    for (const vellb::server &each : port.servers) {
+        const lb_conn_stats_t &c = each.readings.selstats;
+        sum.preest += c.preest;
+        sum.active += c.active;
+        sum.fin += c.fin;
+        sum.lifetime += c.lifetime;
+    }
+    return sum;
+}
+
 std::string render_text(const vellb::picture &now, const vellb::picture *before, const view &what,
                         long now_s)
 {
@@ -330,6 +445,15 @@ std::string render_text(const vellb::picture &now, const vellb::picture *before,
     section(what.clusters, renderer.clusters());
     section(what.ports, renderer.ports());
     section(what.servers, renderer.servers());
+    const std::string connections = renderer.connections();
+    section(what.servers && !connections.empty(), connections);
+    const bool norules = std::ranges::all_of(now.clusters, [](const vellb::cluster &each) {
+        return std::ranges::all_of(each.ports, &std::vector<vellb::rule>::empty,
+                                   &vellb::port::rules);
+    });
+    // Where rules are not what was asked for, most ports have none.
+    section(what.rules && !(norules && (what.ports || what.clusters)), renderer.rules());
+    section(what.useservers, renderer.useservers());
     section(what.interfaces, renderer.interfaces());
     section(what.addresses, renderer.addresses());
     return text;

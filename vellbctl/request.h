@@ -41,6 +41,7 @@ struct request {
     // The object addressed.
     std::optional<lbip_addr_t> address{}; // a cluster's, or an interface's
     lb_u16_t port = 0;
+    lb_u16_t rule = 0;
     std::optional<lbip_addr_t> server{};
     std::optional<std::string> interface {
     };
@@ -52,9 +53,11 @@ struct request {
     edits_t<lbport_addable_t> port_fixed{};
     edits_t<lbport_setable_t> port_edits{};
     edits_t<lbsrv_setable_t> server_edits{};
+    edits_t<lbrul_setable_t> rule_edits{};
     edits_t<lbifin_setable_t> interface_edits{};
     edits_t<lbifaddr_setable_t> address_edits{};
 
+    bool ranged = false; // a rule's range was given
     bool recursive = false;
     bool confirmed = false;
     bool dry_run = false;

@@ -26,13 +26,16 @@ std::string command_for(const char *verb, lbcmd_keytype_e keytype, const lbcmd_k
     case object_e::CLUSTER: words = vellb::address_text(key.cfg.cluster); break;
     case object_e::PORT: words = endpoint; break;
     case object_e::SERVER: words = endpoint + " " + vellb::address_text(key.cfg.server); break;
+    case object_e::RULE: words = fmt::format("{} {}", endpoint, key.cfg.rule); break;
+    case object_e::USESERVER:
+        words =
+            fmt::format("{} {} {}", endpoint, key.cfg.rule, vellb::address_text(key.cfg.server));
+        break;
     case object_e::INTERFACE: words = vellb::interface_name(key.iface); break;
     case object_e::ADDRESS:
         words = vellb::interface_name(key.iface) + " " + vellb::address_text(key.iface.addr);
         break;
     case object_e::EXECUTOR:
-    case object_e::RULE:
-    case object_e::USESERVER:
     case object_e::HEARTBEAT:
     case object_e::INTERFACES:
     case object_e::UNKNOWN: return fmt::format("vellbctl {} {}", vellb::object_text(object), verb);
@@ -43,13 +46,13 @@ std::string command_for(const char *verb, lbcmd_keytype_e keytype, const lbcmd_k
 lbcmd_key_t parent_of(lbcmd_keytype_e keytype, lbcmd_key_t key)
 {
     switch (vellb::object_of(keytype, key)) {
+    case object_e::USESERVER: key.cfg.server = {}; return key;
+    case object_e::RULE:
     case object_e::SERVER: return vellb::port_key(key.cfg.cluster, key.cfg.port);
     case object_e::PORT: return vellb::cluster_key(key.cfg.cluster);
     case object_e::ADDRESS: key.iface.addr = {}; return key;
     case object_e::EXECUTOR:
     case object_e::CLUSTER:
-    case object_e::RULE:
-    case object_e::USESERVER:
     case object_e::HEARTBEAT:
     case object_e::INTERFACES:
     case object_e::INTERFACE:
@@ -70,9 +73,11 @@ std::string failure_hint(const vellb::request &what)
     if (object == object_e::PORT && what.action == LBCMD_ACTION_ADD &&
         what.addable.size() == sizeof(lbport_addable_t)) {
         const auto block = vellb::block_of<lbport_addable_t>(what.addable, "addable");
-        if (block.selectalg != LBSEL_ALGORIGHM_HASH && block.selectalg != LBSEL_ALGORIGHM_UDPRR) {
-            return fmt::format("this daemon may not have algorithm {} yet: see its log, or use "
-                               "--algorithm hash",
+        const bool affinity = block.selectalg == LBSEL_ALGORIGHM_AFFINITY ||
+                              block.selectalg == LBSEL_ALGORIGHM_CONN_AFFIN;
+        if (!affinity && block.crossport != 0 && block.crossport != what.key.cfg.port) {
+            return fmt::format("--crossport shares an affinity table, which algorithm {} does not "
+                               "have: use --algorithm affinity or conn-affin",
                                vellb::name_of(vellb::algorithms(), block.selectalg));
         }
     }
@@ -126,6 +131,9 @@ void session::done(const char *what, lbcmd_keytype_e keytype, const lbcmd_key_t 
         if (key.cfg.port != 0) {
             document["port"] = key.cfg.port;
         }
+        if (key.cfg.rule != 0) {
+            document["rule"] = key.cfg.rule;
+        }
         if (vellb::is_set(key.cfg.server)) {
             document["server"] = vellb::address_text(key.cfg.server);
         }
@@ -165,6 +173,13 @@ complaint explain(const vellb::refused &error)
         told.hint = "use the vellbctl that belongs to it";
         break;
     case LBCMD_RC_NOPARENT:
+        if (vellb::object_of(what.keytype, what.key) == object_e::USESERVER) {
+            const lbcmd_key_t server =
+                vellb::server_key(what.key.cfg.cluster, what.key.cfg.port, what.key.cfg.server);
+            told.message = vellb::key_text(what.keytype, server) + " does not exist";
+            told.hint = "add it first: " + command_for("add", what.keytype, server);
+            break;
+        }
         told.message = object + " is always there and cannot be added";
         told.hint = "change it with set";
         break;

@@ -8,6 +8,7 @@
 #include <numeric>
 
 #include "vellb/address.h"
+#include "vellb/names.h"
 
 namespace vellbctl
 {
@@ -60,6 +61,36 @@ std::vector<std::string> parity_surprises(const vellb::port &port, unsigned sum,
                         effect, remedy)};
 }
 
+std::string rule_surprise(const vellb::port &port, const vellb::rule &rule)
+{
+    const lbrul_setable_t &set = rule.settings;
+    const bool counts = port.fixed.selectalg == LBSEL_ALGORIGHM_CONNECTION ||
+                        port.fixed.selectalg == LBSEL_ALGORIGHM_CONN_AFFIN;
+    const std::string name = fmt::format("rule {} of port {}", rule.number,
+                                         vellb::endpoint_text(port.cluster, port.number));
+    if (set.type != LBRUL_TYPE_TRUE && !counts) {
+        return fmt::format("{} goes by open connections, but with algorithm {} the port counts "
+                           "none: it {} fires",
+                           name, vellb::name_of(vellb::algorithms(), port.fixed.selectalg),
+                           set.beginrange == 0 ? "always" : "never");
+    }
+    if (rule.useservers.empty()) {
+        return fmt::format("{} uses no server: what it fires for is dropped; give it one: vellbctl "
+                           "use-server add {} {} SERVER",
+                           name, vellb::endpoint_text(port.cluster, port.number), rule.number);
+    }
+    const auto weighs = [&](const vellb::server &each) {
+        return each.settings.weight != 0 &&
+               std::ranges::any_of(rule.useservers, [&](const lbip_addr_t &used) {
+                   return vellb::same_address(used, each.address);
+               });
+    };
+    if (std::ranges::none_of(port.servers, weighs)) {
+        return fmt::format("{} never fires: all its servers have weight 0", name);
+    }
+    return "";
+}
+
 } // namespace
 
 std::vector<std::string> port_surprises(const vellb::port &port)
@@ -77,6 +108,11 @@ std::vector<std::string> port_surprises(const vellb::port &port)
     if (port.fixed.selectalg == LBSEL_ALGORIGHM_HASH && port.servers.size() > 1 && sum % 2 == 0) {
         const auto more = parity_surprises(port, sum, all_zero);
         texts.insert(texts.end(), more.begin(), more.end());
+    }
+    for (const vellb::rule &rule : port.rules) {
+        if (std::string text = rule_surprise(port, rule); !text.empty()) {
+            texts.push_back(std::move(text));
+        }
     }
     return texts;
 }

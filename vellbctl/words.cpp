@@ -193,6 +193,28 @@ std::string take_socket(const std::string &word)
     return word;
 }
 
+void take_range(const std::string &word, lb_u32_t &first, lb_u32_t &last)
+{
+    constexpr lb_u32_t MOST = 0xFFFFFFFF;
+    const auto dash = word.find('-');
+    const auto number = [&](const std::string &digits) {
+        return vellb::parse_number(digits, MOST);
+    };
+    const auto from = number(word.substr(0, dash));
+    const bool open = dash != std::string::npos && dash + 1 == word.size();
+    const auto to = open                        ? std::optional<unsigned long>(MOST)
+                    : dash != std::string::npos ? number(word.substr(dash + 1))
+                                                : std::nullopt;
+    if (!from || !to) {
+        wrong(word, "is not a range, as in 10-20, or 10- without an upper bound");
+    }
+    if (*from > *to) {
+        wrong(word, "ends before it begins");
+    }
+    first = static_cast<lb_u32_t>(*from);
+    last = static_cast<lb_u32_t>(*to);
+}
+
 std::string take_text(const std::string &word, size_t most)
 {
     if (word.size() > most) {

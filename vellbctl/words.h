@@ -48,6 +48,8 @@ lb_u32_t take_seconds(const std::string &word); // "90", "90s", "30m", "2h", "1d
 double take_interval(const std::string &word);  // seconds, 0.1 to 3600
 bool take_switch(const std::string &word);      // on, off, yes, no
 std::string take_socket(const std::string &word);
+// "10-20", or "10-" without an upper bound.
+void take_range(const std::string &word, lb_u32_t &first, lb_u32_t &last);
 std::string take_text(const std::string &word, size_t most);
 std::string take_interface(const std::string &word);
 lb_u64_t take_name(const std::string &word, std::span<const vellb::named_value> table);

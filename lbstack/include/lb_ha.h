@@ -5,6 +5,7 @@
 #include "lb_types.h"
 
 #include "prot/blocks.h"
+#include "prot/keys.h"
 
 struct lbha_obj_s {
     lb_timeval_t seq;
@@ -26,6 +27,18 @@ int lbha_cmd_set(lbcmd_objhdr_t *obj);
 void lbha_timer_entry();
 // Whether this node is the silent one of a pair: it then answers no queries for its addresses.
 [[nodiscard]] bool lbha_isstandby();
+
+enum _lbha_repenq_rc : int {
+    LBHA_REPENQ_SUCCESS = 1,
+    LBHA_REPENQ_SOFTLIMIT = 2,
+    LBHA_REPENQ_HARDLIMIT = 3,
+    LBHA_REPENQ_FAILURE = 4,
+};
+// Whether there is a partner who wants records: who asks first, leaves them as they are.
+[[nodiscard]] bool lbha_ispaired();
+// Queues a record for the partner; a client port of 0 marks an affinity record.
+int lbha_replication_enqueue(lbcfg_key_t *key, lbip_addr_t *cliip, lb_u16_t cliport, lb_u8_t state,
+                             lb_u16_t natport);
 // Asked for by a node that relinquishes, withdrawn by the cluster timer: send all records again.
 int lbha_set_crrepall();
 int lbha_unset_crrepall();

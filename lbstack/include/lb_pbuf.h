@@ -45,6 +45,13 @@ struct lbpbuf_neighfuncs_prv_s {
     int (*gettype)(lbpbuf_obj_t *pkt); // lbneigh_type_e: REQUEST, REPLY or UNDEF
 };
 
+// What the packet's record of selection is.
+enum lbpbuf_selrecord_e : lb_u8_t {
+    LBPBUF_SELRECORD_NONE = 0,
+    LBPBUF_SELRECORD_CONNECTION = 1, // lbsel_cr_obj_t
+    LBPBUF_SELRECORD_AFFINITY = 2,   // lbsel_ar_obj_t
+};
+
 struct lbpbuf_obj_s {
     const lbpbuf_ipfuncs_prv_s *ipfuncs;
     lbpbuf_icmpfuncs_prv_s icmpfuncs;
@@ -92,8 +99,9 @@ struct lbpbuf_obj_s {
     struct {
         lbip_addr_t sel_clientip;
         lb_u16_t sel_clientport_hbo;
-        lb_u16_t _pad[3];
-        void *selrecord;
+        lbpbuf_selrecord_e selrecordkind;
+        lb_u8_t _pad[5];
+        void *selrecord; // a record of that kind, or null; it may change hands once chosen
     } _select_prv;
     lb_u32_t frag_id;
     lb_u16_t frag_sport;

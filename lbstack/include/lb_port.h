@@ -9,7 +9,7 @@
 struct lbport_obj_s {
     lbcmd_objhdr_t config;
     lbll_node_t llnode;
-    lbll_list_t rulelist;
+    lbll_list_t rulelist;   // of lbrul_obj_t, in ascending order of rule numbers
     lbll_list_t serverlist; // of lbsrv_obj_t
     lbsrvset_obj_t serverset;
     alignas(8) lbport_addable_t addable;
@@ -25,7 +25,7 @@ struct lbport_obj_s {
 [[nodiscard]] int lbport_init(lbcfg_key_t *key, lbclu_obj_t *parent, lbport_obj_t *port,
                               void *vaddable, void *vsetable);
 void lbport_timer_entry(lbport_obj_t *port);
-// Recomputes the weight sums of the port's server set and of every rule's. Command thread.
+// Recomputes the weight sums of the port's server set and of up to 128 rules'. Command thread.
 void lbport_weightsums(lbport_obj_t *port);
 [[nodiscard]] lb_u16_t lbport_number(const lbport_obj_t *port); // host order
 int lbport_ll_select(void *key, void *obj);                     // key: lb_u16_t

@@ -12,8 +12,12 @@ struct lbsel_funcs_s {
     int (*portinit)(lbport_obj_t *port);     // non-zero fails the port
     int (*srvinit)(lbsrv_obj_t *server);     // non-zero fails the server
     void (*portcleanup)(lbport_obj_t *port); // timer thread, when the port is reaped
-    void (*srvrm)(lbsrv_obj_t *server);      // command thread, after the server is unlinked
-    void (*srvreap)(lbsrv_obj_t *server);    // timer thread, when the server is reaped
+    // Sweeps references to the server away, once it is unlinked. Command thread; the timer thread
+    // where the removal had been refused.
+    void (*srvrm)(lbsrv_obj_t *server);
+    // Timer thread, when the server is to be reaped: whether references to it were found, and swept
+    // away. Then the wait starts again; otherwise what the algorithm keeps for the server is freed.
+    bool (*srvreap)(lbsrv_obj_t *server);
     // Packet path: the server, or null when the packet has been dropped, counted and freed.
     lbsrv_obj_t *(*choose)(lbpbuf_obj_t *pkt);
     void (*timer)(lbport_obj_t *port); // timer thread, every tick

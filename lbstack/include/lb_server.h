@@ -13,6 +13,8 @@ struct lbsrv_seldat_s {
     lbll_list_t active;
     lbll_list_t fin;
     lbll_list_t arlist;
+    void *at;        // the affinity table of its clients' records; it outlives the server
+    lb_u8_t removed; // lb_peek; set before a removed server's records are swept: makes no new ones
 };
 using lbsrv_seldat_t = lbsrv_seldat_s;
 

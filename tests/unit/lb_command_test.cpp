@@ -88,7 +88,6 @@ TEST_F(CommandTest, AnswerCodes)
         {"add rule of a cluster", LBCMD_ACTION_ADD, CFG, cfgkey(C, 0, "", 1), LBCMD_RC_PARENTDNE},
         {"add address to no interface", LBCMD_ACTION_ADD, IF, ifacekey("eth1", "10.0.1.1/24"),
          LBCMD_RC_PARENTDNE},
-        {"add rule", LBCMD_ACTION_ADD, CFG, cfgkey(C, 80, "", 1), LBCMD_RC_FAILURE},
         {"add heartbeat", LBCMD_ACTION_ADD, CFG, cfgkey(C, 0, S), LBCMD_RC_FAILURE},
         {"add IPv6 cluster", LBCMD_ACTION_ADD, CFG, cfgkey("2001:db8::1"), LBCMD_RC_FAILURE},
         {"add IPv6 server", LBCMD_ACTION_ADD, CFG, cfgkey(C, 80, "2001:db8::2"), LBCMD_RC_FAILURE},

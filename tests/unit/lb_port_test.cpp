@@ -129,20 +129,6 @@ TEST_F(PortTest, InitSettlesTheCallersBlocksToo)
     EXPECT_EQ(lbll_rmlist(&port->serverlist), 0);
 }
 
-TEST_F(PortTest, AlgorithmsWithoutAChooserAreRefused)
-{
-    set_executor_log_mask(LB_LOG_EVENT);
-    for (int alg = LBSEL_ALGORIGHM_CONNECTION; alg <= LBSEL_ALGORIGHM_CONN_AFFIN; alg++) {
-        const lbsel_funcs_t row = selectfunc[alg];
-        selectfunc[alg] = {};
-        EXPECT_EQ(add_port(C, 80, static_cast<lb_u8_t>(alg)), LBCMD_RC_FAILURE);
-        EXPECT_TRUE(fake::log_contains("selection algorithm " + std::to_string(alg) +
-                                       " is not available\n"));
-        selectfunc[alg] = row;
-    }
-    EXPECT_TRUE(get_cluster(C).children.empty());
-}
-
 TEST_F(PortTest, CrossPort)
 {
     make_available();
@@ -216,15 +202,6 @@ TEST_F(PortTest, MethodRefusesToRemoveAPortWithServers)
     EXPECT_EQ(obj->remove(obj), LBCMD_RC_FAILURE);
     EXPECT_TRUE(fake::log_contains("removal of server list failed."));
     EXPECT_EQ(obj->reap(obj, 2), 0) << "two seconds are too young";
-}
-
-TEST_F(PortTest, RulesAreRefused)
-{
-    set_executor_log_mask(LB_LOG_EVENT);
-    ASSERT_ADDED(add_port(C, 80));
-    EXPECT_EQ(add(LBCMD_KEYTYPE_CONFIG, cfgkey(C, 80, "", 5), stack::none{}, lbsrv_setable_t{}),
-              LBCMD_RC_FAILURE);
-    EXPECT_TRUE(fake::log_contains("rules are not available"));
 }
 
 } // namespace

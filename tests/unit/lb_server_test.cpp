@@ -27,9 +27,10 @@ void recordrm(lbsrv_obj_t *srv)
     EXPECT_EQ(srv->llnode._list, nullptr) << "still linked";
     calls.push_back("rm");
 }
-void recordreap(lbsrv_obj_t *)
+bool recordreap(lbsrv_obj_t *)
 {
     calls.push_back("reap");
+    return false;
 }
 
 class ServerTest : public StackTest

@@ -319,7 +319,8 @@ TEST_F(vellbctl_test, a_failure_is_explained_as_far_as_it_can_be)
     const char *const rows[][2] = {
         {"cluster add 2001:db8::1", "the daemon could not add cluster 2001:db8::1; the daemon does "
                                     "not forward IPv6 yet"},
-        {"port add 10.0.0.100:80 --algorithm affinity", "may not have algorithm affinity yet"},
+        {"port add 10.0.0.100:80 --crossport 443",
+         "which algorithm hash does not have: use --algorithm"},
         {"port add 10.0.0.100:80", "the daemon's log says why"},
     };
     for (const auto &[line, message] : rows) {

@@ -135,7 +135,9 @@ class fake_daemon
     bool has_parent(lbcmd_keytype_e keytype, const lbcmd_key_t &key) const
     {
         for (const object &each : objects_) {
-            if (each.keytype == keytype && vellb::is_child(keytype, each.key, key)) {
+            // A use-server is listed under its server, too, but made under its rule.
+            const bool lists_only = vellb::object_of(keytype, each.key) == vellb::object_e::SERVER;
+            if (each.keytype == keytype && !lists_only && vellb::is_child(keytype, each.key, key)) {
                 return true;
             }
         }
@@ -147,6 +149,8 @@ class fake_daemon
         case vellb::object_e::CLUSTER: return sizeof(lbclu_getable_t);
         case vellb::object_e::PORT: return sizeof(lbport_getable_t);
         case vellb::object_e::SERVER: return sizeof(lbsrv_getable_t);
+        case vellb::object_e::RULE: return sizeof(lbrul_getable_t);
+        case vellb::object_e::USESERVER: return sizeof(lbusrv_getable_t);
         default: return 4;
         }
     }

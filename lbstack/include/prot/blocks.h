@@ -290,6 +290,56 @@ static_assert(offsetof(lbsrv_getable_t, ipstats) == 16);
 static_assert(offsetof(lbsrv_getable_t, icmpstats) == 48);
 static_assert(offsetof(lbsrv_getable_t, selstats) == 80);
 
+// --- Rules and use-servers -----------------------------------------------------------------------
+
+enum lbrul_type_e : lb_u8_t {
+    LBRUL_TYPE_NONE = 0,
+    LBRUL_TYPE_TRUE = 1,       // always
+    LBRUL_TYPE_PORTACTIVE = 2, // by the open connections of the port's servers
+    LBRUL_TYPE_RULEACTIVE = 3, // by those of the rule's own servers
+};
+
+struct lbrul_addable_s {
+    lb_u8_t _a[8];
+};
+using lbrul_addable_t = lbrul_addable_s;
+static_assert(sizeof(lbrul_addable_t) == 8);
+
+struct lbrul_setable_s {
+    lb_u8_t type; // lbrul_type_e
+    lb_u8_t _pad[7];
+    lb_u32_t beginrange; // of open connections, both bounds included
+    lb_u32_t endrange;
+    lb_u8_t name[256]; // may lack its NUL
+};
+using lbrul_setable_t = lbrul_setable_s;
+static_assert(sizeof(lbrul_setable_t) == 272 && offsetof(lbrul_setable_t, beginrange) == 8);
+static_assert(offsetof(lbrul_setable_t, endrange) == 12 && offsetof(lbrul_setable_t, name) == 16);
+
+struct lbrul_getable_s {
+    lb_u64_t timesfired; // packets
+};
+using lbrul_getable_t = lbrul_getable_s;
+static_assert(sizeof(lbrul_getable_t) == 8);
+
+struct lbusrv_addable_s {
+    lb_u64_t _a;
+};
+using lbusrv_addable_t = lbusrv_addable_s;
+static_assert(sizeof(lbusrv_addable_t) == 8);
+
+struct lbusrv_setable_s {
+    lb_u64_t _a;
+};
+using lbusrv_setable_t = lbusrv_setable_s;
+static_assert(sizeof(lbusrv_setable_t) == 8);
+
+struct lbusrv_getable_s {
+    lb_u64_t _g;
+};
+using lbusrv_getable_t = lbusrv_getable_s;
+static_assert(sizeof(lbusrv_getable_t) == 8);
+
 // --- Interfaces ----------------------------------------------------------------------------------
 
 enum lbifin_yesno_e : lb_u8_t {

@@ -52,6 +52,9 @@ lbcmd_key_t executor_key();
 lbcmd_key_t cluster_key(const lbip_addr_t &cluster);
 lbcmd_key_t port_key(const lbip_addr_t &cluster, lb_u16_t port);
 lbcmd_key_t server_key(const lbip_addr_t &cluster, lb_u16_t port, const lbip_addr_t &server);
+lbcmd_key_t rule_key(const lbip_addr_t &cluster, lb_u16_t port, lb_u16_t rule);
+lbcmd_key_t useserver_key(const lbip_addr_t &cluster, lb_u16_t port, lb_u16_t rule,
+                          const lbip_addr_t &server);
 lbcmd_key_t interfaces_key();
 lbcmd_key_t interface_key(const std::string &name); // at most LBIFACE_NAMELEN bytes are taken
 lbcmd_key_t address_key(const std::string &name, const lbip_addr_t &addr);

@@ -23,6 +23,7 @@ struct named_value {
 std::span<const named_value> answer_codes(); // "SUCCESS", "PARENTDNE", ...
 std::span<const named_value> actions();
 std::span<const named_value> algorithms();
+std::span<const named_value> rule_types();
 std::span<const named_value> ha_roles();
 std::span<const named_value> ha_takeovers();
 std::span<const named_value> ha_replications();

@@ -20,6 +20,13 @@ struct server {
     lbsrv_getable_t readings{};
 };
 
+struct rule {
+    lb_u16_t number = 0;
+    lbrul_setable_t settings{};
+    lbrul_getable_t readings{};
+    std::vector<lbip_addr_t> useservers{}; // in the order in which they were added
+};
+
 struct port {
     lbip_addr_t cluster{};
     lb_u16_t number = 0;
@@ -27,7 +34,7 @@ struct port {
     lbport_setable_t settings{};
     lbport_getable_t readings{};
     std::vector<server> servers{}; // in the order in which they were added
-    size_t rules = 0;
+    std::vector<rule> rules{};     // in the order in which they are tried
 };
 
 struct cluster {
@@ -68,6 +75,8 @@ std::optional<cluster> read_cluster(const client &daemon, const lbip_addr_t &add
 std::optional<port> read_port(const client &daemon, const lbip_addr_t &cluster, lb_u16_t number);
 std::optional<server> read_server(const client &daemon, const lbip_addr_t &cluster, lb_u16_t port,
                                   const lbip_addr_t &address);
+std::optional<rule> read_rule(const client &daemon, const lbip_addr_t &cluster, lb_u16_t port,
+                              lb_u16_t number);
 std::optional<interface> read_interface(const client &daemon, const std::string &name);
 std::vector<interface> read_interfaces(const client &daemon);
 picture read_picture(const client &daemon);

@@ -1,0 +1,658 @@
+// Connections, affinity and both together, through commands and packets: which server each packet
+// reaches, what GET tells of the records, when they age, and what becomes of them when servers are
+// drained or removed and when ports that share a table go.
+#include <array>
+#include <set>
+
+#include "record_fixture.h"
+
+namespace
+{
+
+class ConnectionTest : public RecordFixture
+{
+  protected:
+    void SetUp() override
+    {
+        RecordFixture::SetUp();
+        ASSERT_ADDED(make_port(80, LBSEL_ALGORIGHM_CONNECTION, 0, LBSEL_ALGORIGHM_CONNECTION));
+        ASSERT_ADDED(make_server(80, 11));
+        ASSERT_ADDED(make_server(80, 12));
+        ASSERT_ADDED(make_server(80, 13));
+    }
+    int set_reset(bool on)
+    {
+        return set_port(C, 80, [on](lbport_setable_t &setable) { setable.reset = on; });
+    }
+};
+
+TEST_F(ConnectionTest, FollowsTheFlagsOfOneConnection)
+{
+    const struct {
+        const char *name;
+        std::uint8_t flags;
+        const char *counts; // preest active fin lifetime
+    } steps[] = {
+        {"SYN", SYN, "1 0 0 1"},
+        {"SYN again", SYN, "1 0 0 1"},
+        {"data without ACK", 0x08, "1 0 0 1"},
+        {"ACK", ACK, "0 1 0 1"},
+        {"data", ACK | 0x08, "0 1 0 1"},
+        {"SYN of an active one", SYN, "0 1 0 1"},
+        {"FIN", FIN | ACK, "0 0 1 1"},
+        {"last ACK", ACK, "0 0 1 1"},
+        {"SYN on a finished one", SYN, "1 0 0 2"},
+        {"RST before it is established", RST, "0 0 1 2"},
+        {"ACK after RST", ACK, "0 0 1 2"},
+        {"SYN on a reset one", SYN, "1 0 0 3"},
+        {"ACK", ACK, "0 1 0 3"},
+        {"RST", RST | ACK, "0 0 1 3"},
+        {"RST again", RST, "0 0 1 3"},
+        {"SYN and RST in one", SYN | RST, "1 0 0 4"},
+        {"FIN confirms first", FIN | ACK, "0 1 0 4"},
+    };
+    for (const auto &step : steps) {
+        EXPECT_EQ(tcp(step.flags), 11) << step.name;
+        EXPECT_EQ(counts(11), step.counts) << step.name;
+        EXPECT_EQ(counts(12), "0 0 0 0") << step.name;
+    }
+    EXPECT_EQ(drops(), "0 0");
+}
+
+TEST_F(ConnectionTest, BeginsWithSynOnly)
+{
+    for (const std::uint8_t flags : {0x00, 0x08, 0x10, 0x11, 0x04, 0x14, 0x39}) {
+        EXPECT_EQ(tcp(flags), NOWHERE) << int{flags};
+    }
+    EXPECT_EQ(drops(), "7 0");
+    EXPECT_EQ(get_cluster(C).getable.ipstats.discard, 7U);
+    EXPECT_EQ(get_executor().getable.ipv4stats.discard, 7U);
+    for (const int last : {11, 12, 13}) {
+        EXPECT_EQ(counts(last), "0 0 0 0");
+    }
+}
+
+TEST_F(ConnectionTest, GoesStraightToActiveOnSynAck)
+{
+    EXPECT_EQ(tcp(SYN | ACK), 11);
+    EXPECT_EQ(counts(11), "0 1 0 1");
+    EXPECT_EQ(udp(50000), 12); // a datagram both opens and confirms
+    EXPECT_EQ(udp(50000), 12);
+    EXPECT_EQ(counts(12), "0 1 0 1");
+}
+
+TEST_F(ConnectionTest, TellsConnectionsApartByAddressAndPort)
+{
+    std::set<std::string> seen;
+    int next = 11;
+    for (const char *client : {"10.9.0.1", "10.9.0.2"}) {
+        // Equal in the low 12 bits, which choose the bucket.
+        for (const std::uint16_t sport : {40000, 40000 + 4096, 40001}) {
+            EXPECT_EQ(tcp(SYN, sport, client), next);
+            EXPECT_EQ(tcp(ACK, sport, client), next);
+            next = next == 13 ? 11 : next + 1;
+        }
+    }
+    EXPECT_EQ(counts(11), "0 2 0 2");
+}
+
+TEST_F(ConnectionTest, StaysWhereWeightsChange)
+{
+    EXPECT_EQ(tcp(SYN), 11);
+    EXPECT_EQ(tcp(ACK), 11);
+    ASSERT_EQ(weigh(80, 11, 0), LBCMD_RC_SUCCESS);
+    ASSERT_EQ(weigh(80, 12, 9), LBCMD_RC_SUCCESS);
+    EXPECT_EQ(tcp(ACK), 11);
+    EXPECT_NE(tcp(SYN, 40001), 11);
+}
+
+TEST_F(ConnectionTest, TracesUnderItsLabels)
+{
+    set_executor_log_mask(LB_LOG_SELECT | LB_LOG_FORWARDED | LB_LOG_DISCARDED);
+    const struct {
+        std::uint8_t flags;
+        std::uint16_t sport;
+        const char *text;
+    } steps[] = {
+        {ACK, 1, "DISCARD new conn, !start"},
+        {SYN, 2, "FORWARD to 10.0.0.11 fwd-cr-new\n"},
+        {ACK, 2, "FORWARD to 10.0.0.11 fwd-cr-existing"},
+        {ACK, 2, " existing connection\n"},
+        {FIN, 2, "Setting sendrr EST->FIN \n"},
+        {SYN, 2, "FORWARD to 10.0.0.11 fwd-cr-new-synonfin"},
+        {ACK, 2, "Setting sendrr PRE->EST \n"},
+        {SYN, 3, " conntable_choose\n"},
+        {SYN, 4, " new connection\n"},
+    };
+    for (const auto &step : steps) {
+        fake::log_clear();
+        tcp(step.flags, step.sport);
+        EXPECT_TRUE(fake::log_contains(step.text)) << step.text;
+    }
+}
+
+TEST_F(ConnectionTest, SaysWhyAConnectionCanNotBegin)
+{
+    set_executor_log_mask(LB_LOG_DISCARDED | LB_LOG_FAILURE);
+    tcp(0); // the packet object is there
+    fake::fail(fake::op::alloc, 1);
+    EXPECT_EQ(tcp(SYN), NOWHERE);
+    EXPECT_TRUE(fake::log_contains("cr alloc failed"));
+    EXPECT_EQ(drops(), "2 0");
+    EXPECT_NE(tcp(SYN), NOWHERE);
+    for (const int last : {11, 12, 13}) {
+        ASSERT_EQ(rm_server(C, 80, address(last)), LBCMD_RC_SUCCESS);
+    }
+    EXPECT_EQ(tcp(SYN, 40001), NOWHERE);
+    EXPECT_TRUE(fake::log_contains("no server"));
+    EXPECT_EQ(drops(), "3 0");
+}
+
+TEST_F(ConnectionTest, SurvivesAnImpossibleState)
+{
+    EXPECT_EQ(tcp(SYN), 11);
+    auto *ct = static_cast<lbsel_ct_obj_t *>(port_object(80)->ct);
+    lbsel_cr_obj_t *cr = records::all<lbsel_cr_obj_t>(ct->pool).at(0);
+    cr->state = 9;
+    fake::core_expected(true);
+    EXPECT_EQ(tcp(ACK), NOWHERE);
+    EXPECT_EQ(fake::core_calls(), 1);
+    EXPECT_EQ(drops(), "0 1");
+    EXPECT_TRUE(fake::log_contains("invalid connection state : 9 id:1 10.9.0.1:40000\n"));
+    EXPECT_TRUE(fake::log_contains("expirelist null!\n"));
+    cr->state = LBSEL_CR_STATE_PREEST;
+    EXPECT_EQ(tcp(ACK), 11); // the lock was released
+}
+
+// --- Age -----------------------------------------------------------------------------------------
+
+struct ageing {
+    const char *name;
+    std::vector<std::uint8_t> flags;
+    lb_u32_t staletimeout;
+    int idle_s; // the time that is allowed, less one second
+    const char *gone;
+    const char *text;
+};
+
+TEST_F(ConnectionTest, AgesByState)
+{
+    set_executor_log_mask(LB_LOG_REAP | LB_LOG_FAILURE);
+    const ageing rows[] = {
+        {"half-open", {SYN}, 6400, 29, "0 0 0 ", "sel_ct_timer preest records=1 \n"},
+        {"established", {SYN, ACK}, 6400, 6399, "0 0 0 ", "sel_ct_timer active records=1 \n"},
+        {"established, short time", {SYN, ACK}, 10, 9, "0 0 0 ", "Removing 1 established conn"},
+        {"closed", {SYN, ACK, FIN}, 6400, 119, "0 0 0 ", "Removing 1 fin conn records from"},
+        {"reset", {SYN, ACK, RST}, 6400, 119, "0 0 0 ", "Removing 1 fin conn records from"},
+    };
+    for (const ageing &row : rows) {
+        ASSERT_EQ(set_port(C, 80, [&](lbport_setable_t &s) { s.staletimeout = row.staletimeout; }),
+                  LBCMD_RC_SUCCESS);
+        int server = NOWHERE;
+        for (const std::uint8_t flags : row.flags) {
+            server = tcp(flags);
+        }
+        const std::string before = counts(server);
+        fake::log_clear();
+        wait_ms(row.idle_s * 1000);
+        EXPECT_EQ(counts(server), before) << row.name;
+        tcp(0); // the last packet counts, not the first
+        wait_ms(row.idle_s * 1000 - 1);
+        EXPECT_EQ(counts(server), before) << row.name;
+        EXPECT_FALSE(fake::log_contains(row.text)) << row.name;
+        wait_ms(2);
+        EXPECT_EQ(counts(server).substr(0, 6), row.gone) << row.name;
+        EXPECT_TRUE(fake::log_contains(row.text)) << row.name;
+        EXPECT_EQ(tcp(ACK), NOWHERE) << row.name;
+    }
+}
+
+TEST_F(ConnectionTest, AgesMoreThanABatch)
+{
+    for (std::uint16_t sport = 1; sport <= 1000; sport++) {
+        EXPECT_NE(tcp(SYN, sport), NOWHERE);
+    }
+    wait_ms(10000);
+    EXPECT_NE(tcp(ACK, 500), NOWHERE);
+    wait_ms(20000);
+    EXPECT_EQ(lbll_size(&static_cast<lbsel_ct_obj_t *>(port_object(80)->ct)->pool.reuse), 999);
+    EXPECT_NE(tcp(ACK, 500), NOWHERE);
+    const std::uint64_t allocations = fake::total_allocations();
+    for (std::uint16_t sport = 2001; sport <= 2999; sport++) {
+        EXPECT_NE(tcp(SYN, sport), NOWHERE);
+    }
+    EXPECT_EQ(fake::total_allocations(), allocations) << "retired records are used again";
+}
+
+TEST_F(ConnectionTest, AgesTheFirstServersOnly)
+{
+    for (int i = 0; i < 126; i++) {
+        ASSERT_ADDED(make_server(80, 14 + i, 0));
+    }
+    for (const int last : {11, 12, 13}) {
+        ASSERT_EQ(weigh(80, last, 0), LBCMD_RC_SUCCESS);
+    }
+    // 129 servers, the 128th being 138; strictly in turn while every weight is 0.
+    std::set<int> reached;
+    for (std::uint16_t sport = 1; sport <= 129; sport++) {
+        reached.insert(tcp(SYN, sport));
+    }
+    ASSERT_EQ(reached.size(), 129U);
+    wait_ms(31000);
+    EXPECT_EQ(counts(11), "0 0 0 1");
+    EXPECT_EQ(counts(138), "0 0 0 1");
+    EXPECT_EQ(counts(139), "1 0 0 1");
+}
+
+TEST_F(ConnectionTest, KeepsRunningWhenTheClockSteps)
+{
+    EXPECT_EQ(tcp(SYN, 1), 11);
+    wait_ms(-86400 * 1000);
+    EXPECT_EQ(tcp(SYN, 4), 12);
+    EXPECT_EQ(tcp(SYN, 7), 13);
+    EXPECT_EQ(tcp(SYN, 2), 11); // stands behind the one from the future
+    wait_ms(31000);
+    EXPECT_EQ(counts(11), "0 0 0 2");
+    EXPECT_EQ(tcp(SYN, 3), 12);
+    wait_ms(86400 * 1000);
+    EXPECT_EQ(counts(12), "0 0 0 2");
+}
+
+// --- Drained servers -----------------------------------------------------------------------------
+
+TEST_F(ConnectionTest, ResetsConnectionsOfADrainedServer)
+{
+    ASSERT_EQ(set_reset(true), LBCMD_RC_SUCCESS);
+    for (const std::uint16_t sport : {40000, 40001, 40002}) {
+        tcp(SYN, sport);
+    }
+    EXPECT_EQ(tcp(SYN, 40003), 11);
+    EXPECT_EQ(tcp(ACK, 40000), 11);
+    ASSERT_EQ(weigh(80, 11, 0), LBCMD_RC_SUCCESS);
+    EXPECT_EQ(tcp(SYN, 40003), 11) << "not established: stays";
+    EXPECT_EQ(counts(11), "1 1 0 2");
+
+    (void)fake::take_sent();
+    fake::receive(packets::build(packets::packet{
+        .src = "10.9.0.1", .sport = 40000, .flags = ACK, .seq = 0x11223344, .ack = 0x55667788}));
+    const auto frames = fake::take_sent();
+    ASSERT_EQ(frames.size(), 1U);
+    packets::bytes want = packets::build(packets::packet{.src = C,
+                                                         .dst = "10.9.0.1",
+                                                         .sport = 80,
+                                                         .dport = 40000,
+                                                         .ttl = 64,
+                                                         .flags = RST,
+                                                         .seq = 0x55667788,
+                                                         .ack = 0x11223344,
+                                                         .payload = 0,
+                                                         .ethdst = {2, 0, 0, 0, 0, 254},
+                                                         .ethsrc = {2, 0, 0, 0, 0, 1}});
+    packets::put16(want, packets::ETH + 4, packets::get16(frames[0].bytes, packets::ETH + 4));
+    const std::size_t tcp_at = packets::ETH + 20;
+    packets::put16(want, tcp_at + 14, 0); // window
+    packets::mend_ip(want);
+    packets::mend_transport(want);
+    EXPECT_EQ(frames[0].bytes, want);
+    EXPECT_EQ(counts(11), "1 0 0 2");
+    EXPECT_EQ(tcp(ACK, 40000), NOWHERE) << "the connection is forgotten";
+    EXPECT_NE(tcp(SYN, 40000), 11) << "and begins anew elsewhere";
+}
+
+TEST_F(ConnectionTest, KeepsConnectionsOfADrainedServer)
+{
+    const struct {
+        const char *name;
+        bool reset;
+        lb_u32_t quiesced;
+        lb_u16_t others; // weight of the other servers
+        std::uint8_t flags;
+    } rows[] = {
+        {"port does not reset", false, 0, 1, ACK},
+        {"quiesced", true, 1, 1, ACK},
+        {"every weight is 0", true, 0, 0, ACK},
+        {"the client resets by itself", true, 0, 1, RST},
+    };
+    std::uint16_t sport = 1;
+    for (const auto &row : rows) {
+        ASSERT_EQ(weigh(80, 11, 1), LBCMD_RC_SUCCESS);
+        ASSERT_EQ(set_reset(row.reset), LBCMD_RC_SUCCESS);
+        do {
+            sport++;
+        } while (tcp(SYN, sport) != 11);
+        EXPECT_EQ(tcp(ACK, sport), 11) << row.name;
+        ASSERT_EQ(set_server(C, 80, address(11),
+                             [&](lbsrv_setable_t &s) {
+                                 s.weight = 0;
+                                 s.quiesced = row.quiesced;
+                             }),
+                  LBCMD_RC_SUCCESS);
+        ASSERT_EQ(weigh(80, 12, row.others), LBCMD_RC_SUCCESS);
+        ASSERT_EQ(weigh(80, 13, row.others), LBCMD_RC_SUCCESS);
+        EXPECT_EQ(tcp(row.flags, sport), 11) << row.name;
+    }
+}
+
+TEST_F(ConnectionTest, MovesDatagramsOfADrainedServerWithoutAReset)
+{
+    ASSERT_EQ(set_reset(true), LBCMD_RC_SUCCESS);
+    EXPECT_EQ(udp(), 11);
+    ASSERT_EQ(weigh(80, 11, 0), LBCMD_RC_SUCCESS);
+    EXPECT_EQ(udp(), NOWHERE);
+    EXPECT_TRUE(fake::sent().empty());
+    EXPECT_EQ(udp(), 13) << "the second turn of those that are left";
+}
+
+// --- Removal -------------------------------------------------------------------------------------
+
+TEST_F(ConnectionTest, ForgetsConnectionsOfARemovedServer)
+{
+    for (std::uint16_t sport = 1; sport <= 600; sport++) {
+        tcp(SYN, sport);
+        tcp(sport % 2 != 0 ? ACK : 0, sport);
+        tcp(sport % 5 == 0 ? FIN : 0, sport);
+    }
+    EXPECT_EQ(tcp(0, 1), 11);
+    EXPECT_EQ(tcp(0, 2), 12);
+    ASSERT_EQ(rm_server(C, 80, address(11)), LBCMD_RC_SUCCESS);
+    EXPECT_EQ(tcp(ACK, 1), NOWHERE);
+    EXPECT_EQ(tcp(0, 2), 12);
+    records::check_port(port_object(80));
+    tick(5);
+    EXPECT_EQ(tcp(ACK, 1), NOWHERE);
+    EXPECT_NE(tcp(SYN, 1), NOWHERE);
+    // The same address again is another server.
+    ASSERT_ADDED(make_server(80, 11));
+    EXPECT_EQ(counts(11), "0 0 0 0");
+}
+
+// A worker may have chosen the server just before it was removed.
+TEST_F(ConnectionTest, MakesNoRecordForAServerThatIsBeingRemoved)
+{
+    lb_poke(server_object(11)->sel.removed, 1);
+    EXPECT_EQ(tcp(SYN), 12);
+    EXPECT_EQ(counts(11), "0 0 0 0");
+    EXPECT_EQ(lbll_size(&static_cast<lbsel_ct_obj_t *>(port_object(80)->ct)->pool.reuse), 0);
+    lb_poke(server_object(11)->sel.removed, 0);
+}
+
+// --- Affinity ------------------------------------------------------------------------------------
+
+class AffinityTest : public RecordFixture
+{
+  protected:
+    void make(lb_u8_t algorithm)
+    {
+        ASSERT_ADDED(make_port(80, algorithm));
+        for (const int last : {11, 12, 13}) {
+            ASSERT_ADDED(make_server(80, last));
+        }
+    }
+    // Port 443, which shares the table of port 80.
+    void make_partner(lb_u8_t algorithm, std::initializer_list<int> servers = {11, 12, 13})
+    {
+        ASSERT_ADDED(make_port(443, algorithm, 80));
+        for (const int last : servers) {
+            ASSERT_ADDED(make_server(443, last));
+        }
+    }
+    int at80(const std::string &client, std::uint16_t sport = 1) { return tcp(ACK, sport, client); }
+    int at443(const std::string &client) { return tcp(ACK, 1, client, 443); }
+};
+
+TEST_F(AffinityTest, ReturnsAClientToItsServer)
+{
+    make(LBSEL_ALGORIGHM_AFFINITY);
+    EXPECT_EQ(at80("10.9.0.1"), 11);
+    EXPECT_EQ(at80("10.9.0.2"), 12);
+    EXPECT_EQ(at80("10.9.16.1"), 13) << "in the bucket of 10.9.0.1";
+    for (std::uint16_t sport = 2; sport < 10; sport++) {
+        EXPECT_EQ(at80("10.9.0.1", sport), 11);
+        EXPECT_EQ(at80("10.9.0.2", sport), 12);
+        EXPECT_EQ(at80("10.9.16.1", sport), 13);
+    }
+    EXPECT_EQ(counts(11), "0 1 0 1");
+}
+
+TEST_F(AffinityTest, MovesAClientWhoseServerIsDrained)
+{
+    make(LBSEL_ALGORIGHM_AFFINITY);
+    EXPECT_EQ(at80("10.9.0.1"), 11);
+    ASSERT_EQ(weigh(80, 11, 0), LBCMD_RC_SUCCESS);
+    const int moved = at80("10.9.0.1");
+    EXPECT_NE(moved, 11);
+    EXPECT_NE(moved, NOWHERE);
+    EXPECT_EQ(counts(11), "0 0 0 1");
+    for (const int last : {12, 13}) {
+        ASSERT_EQ(weigh(80, last, 0), LBCMD_RC_SUCCESS);
+    }
+    EXPECT_EQ(at80("10.9.0.1"), moved) << "every weight is 0: nowhere else to go";
+}
+
+TEST_F(AffinityTest, MakesNoRecordForAServerThatIsNotSticky)
+{
+    ASSERT_ADDED(make_port(80, LBSEL_ALGORIGHM_AFFINITY));
+    for (const int last : {11, 12}) {
+        ASSERT_ADDED(make_server(80, last, 1, 0));
+    }
+    EXPECT_EQ(at80("10.9.0.1"), 11);
+    EXPECT_EQ(at80("10.9.0.1"), 12);
+    EXPECT_EQ(at80("10.9.0.1"), 11);
+    EXPECT_EQ(counts(11), "0 0 0 0");
+    EXPECT_EQ(drops(), "0 0");
+}
+
+TEST_F(AffinityTest, ForgetsAClientAfterTheStickyTime)
+{
+    make(LBSEL_ALGORIGHM_AFFINITY);
+    ASSERT_EQ(set_port(C, 80, [](lbport_setable_t &s) { s.stickytime = 10; }), LBCMD_RC_SUCCESS);
+    set_executor_log_mask(LB_LOG_REAP);
+    const struct {
+        int idle_ms;
+        bool stays;
+    } rows[] = {{8500, true}, {9000, true}, {9001, false}, {10500, false}};
+    for (const auto &row : rows) {
+        const int server = at80("10.9.0.1");
+        const std::string before = counts(server);
+        fake::log_clear();
+        wait_ms(row.idle_ms);
+        EXPECT_EQ(counts(server) == before, row.stays) << row.idle_ms;
+        EXPECT_EQ(fake::log_contains("lbsel_at_timer records=1 \n"), !row.stays) << row.idle_ms;
+    }
+}
+
+TEST_F(AffinityTest, TreatsClientsOfARemovedServerAsNew)
+{
+    make(LBSEL_ALGORIGHM_AFFINITY);
+    EXPECT_EQ(at80("10.9.0.1"), 11);
+    ASSERT_EQ(rm_server(C, 80, address(11)), LBCMD_RC_SUCCESS);
+    const int moved = at80("10.9.0.1");
+    EXPECT_TRUE(moved == 12 || moved == 13);
+    EXPECT_EQ(at80("10.9.0.1"), moved);
+    tick(5);
+    EXPECT_EQ(at80("10.9.0.1"), moved);
+}
+
+TEST_F(AffinityTest, SaysWhyAClientGetsNoServer)
+{
+    make(LBSEL_ALGORIGHM_AFFINITY);
+    set_executor_log_mask(LB_LOG_DISCARDED | LB_LOG_FAILURE);
+    fake::receive(packets::build(packets::packet{.dport = 81})); // the packet object is there
+    fake::fail(fake::op::alloc, 1);
+    EXPECT_EQ(at80("10.9.0.1"), NOWHERE);
+    EXPECT_TRUE(fake::log_contains("ar alloc failed"));
+    for (const int last : {11, 12, 13}) {
+        ASSERT_EQ(rm_server(C, 80, address(last)), LBCMD_RC_SUCCESS);
+    }
+    EXPECT_EQ(at80("10.9.0.1"), NOWHERE);
+    EXPECT_TRUE(fake::log_contains("no server"));
+    EXPECT_EQ(drops(), "2 0");
+}
+
+TEST_F(AffinityTest, HoldsAcrossPorts)
+{
+    make(LBSEL_ALGORIGHM_AFFINITY);
+    make_partner(LBSEL_ALGORIGHM_AFFINITY);
+    EXPECT_EQ(at80("10.9.0.1"), 11);
+    EXPECT_EQ(at80("10.9.0.2"), 12);
+    EXPECT_EQ(at443("10.9.0.2"), 12) << "first seen at 80";
+    EXPECT_EQ(at443("10.9.0.3"), 11);
+    EXPECT_EQ(at80("10.9.0.3"), 11) << "first seen at 443";
+    EXPECT_EQ(counts(12, 443), "0 0 0 0") << "the record is with the server that made it";
+    EXPECT_EQ(get_server(C, 443, address(12)).getable.ipstats.fwd, 1U);
+}
+
+TEST_F(AffinityTest, CountsAnErrorWhereThePartnerLacksTheServer)
+{
+    make(LBSEL_ALGORIGHM_AFFINITY);
+    make_partner(LBSEL_ALGORIGHM_AFFINITY, {12});
+    EXPECT_EQ(at80("10.9.0.1"), 11);
+    EXPECT_EQ(at443("10.9.0.1"), NOWHERE);
+    EXPECT_EQ(drops(443), "0 1");
+    EXPECT_EQ(at80("10.9.0.2"), 12);
+    EXPECT_EQ(at443("10.9.0.2"), 12);
+    ASSERT_EQ(rm_server(C, 443, address(12)), LBCMD_RC_SUCCESS);
+    EXPECT_EQ(at443("10.9.0.2"), NOWHERE);
+    tick(5);
+    EXPECT_EQ(at443("10.9.0.2"), NOWHERE);
+    EXPECT_EQ(drops(443), "0 3");
+    EXPECT_EQ(at80("10.9.0.2"), 12);
+}
+
+// The record that names the partner's server may be made while that server goes: the reaper's sweep
+// must find it, and wait once more.
+TEST_F(AffinityTest, FreesNoServerThatAPartnersRecordNames)
+{
+    make(LBSEL_ALGORIGHM_AFFINITY);
+    make_partner(LBSEL_ALGORIGHM_AFFINITY);
+    EXPECT_EQ(at80("10.9.0.1"), 11);
+    lbsrv_obj_t *gone = server_object(11, 443);
+    ASSERT_EQ(rm_server(C, 443, address(11)), LBCMD_RC_SUCCESS);
+    auto *at = static_cast<lbsel_at_obj_t *>(port_object(80)->at);
+    lbsel_ar_obj_t *ar = records::all<lbsel_ar_obj_t>(at->pool).at(0);
+    EXPECT_EQ(ar->crossportServer, nullptr);
+    ar->crossportServer = gone;
+    EXPECT_EQ(at443("10.9.0.1"), NOWHERE) << "named, but not followed";
+    const std::int64_t blocks = fake::live_allocations();
+    fake::advance_ms(3000);
+    EXPECT_EQ(lb_timer_entry(), 0);
+    EXPECT_EQ(fake::live_allocations(), blocks) << "a reference was found";
+    EXPECT_EQ(ar->crossportServer, nullptr);
+    EXPECT_EQ(lb_timer_entry(), 0);
+    EXPECT_EQ(fake::live_allocations(), blocks - 1) << "none was found";
+}
+
+TEST_F(AffinityTest, SharesATableUntilItsLastPortGoes)
+{
+    const std::array<lb_u16_t, 2> orders[] = {{80, 443}, {443, 80}};
+    for (const lb_u8_t algorithm : {LBSEL_ALGORIGHM_AFFINITY, LBSEL_ALGORIGHM_CONN_AFFIN}) {
+        for (const auto &order : orders) {
+            make(algorithm);
+            make_partner(algorithm);
+            ASSERT_EQ(port_object(80)->at, port_object(443)->at);
+            EXPECT_NE(tcp(SYN, 1, "10.9.0.1", order[0]), NOWHERE);
+            EXPECT_NE(tcp(SYN, 1, "10.9.0.2", order[1]), NOWHERE);
+            for (const int last : {11, 12, 13}) {
+                ASSERT_EQ(rm_server(C, order[0], address(last)), LBCMD_RC_SUCCESS);
+            }
+            ASSERT_EQ(rm_port(C, order[0]), LBCMD_RC_SUCCESS);
+            for (int i = 0; i < 2; i++) {
+                const int kept = tcp(SYN, 2, "10.9.0.2", order[1]);
+                EXPECT_NE(kept, NOWHERE);
+                EXPECT_EQ(tcp(SYN, 3, "10.9.0.2", order[1]), kept);
+                EXPECT_NE(tcp(SYN, 2, "10.9.0.1", order[1]), NOWHERE) << "a new client now";
+                tick(5);
+            }
+            for (const int last : {11, 12, 13}) {
+                ASSERT_EQ(rm_server(C, order[1], address(last)), LBCMD_RC_SUCCESS);
+            }
+            ASSERT_EQ(rm_port(C, order[1]), LBCMD_RC_SUCCESS);
+            tick(5);
+        }
+    }
+}
+
+TEST_F(AffinityTest, SharesATableAmongThreePorts)
+{
+    make(LBSEL_ALGORIGHM_CONN_AFFIN);
+    make_partner(LBSEL_ALGORIGHM_CONN_AFFIN);
+    ASSERT_ADDED(make_port(8443, LBSEL_ALGORIGHM_CONN_AFFIN, 80));
+    for (const int last : {11, 12, 13}) {
+        ASSERT_ADDED(make_server(8443, last));
+    }
+    const int home = tcp(SYN, 1, "10.9.0.1", 443);
+    EXPECT_EQ(tcp(SYN, 1, "10.9.0.1", 80), home);
+    EXPECT_EQ(tcp(SYN, 1, "10.9.0.1", 8443), home);
+    // Each connection is with its own port's server, or removing a port would take it along.
+    EXPECT_EQ(counts(home, 443), "1 0 0 2");
+    EXPECT_EQ(counts(home, 80), "1 0 0 1");
+    EXPECT_EQ(counts(home, 8443), "1 0 0 1");
+}
+
+TEST_F(AffinityTest, RefusesAPartnerThatDoesNotFit)
+{
+    ASSERT_ADDED(make_port(80, LBSEL_ALGORIGHM_AFFINITY));
+    const std::int64_t blocks = fake::live_allocations();
+    set_executor_log_mask(LB_LOG_FAILURE);
+    EXPECT_EQ(make_port(443, LBSEL_ALGORIGHM_AFFINITY, 81), LBCMD_RC_FAILURE);
+    EXPECT_TRUE(fake::log_contains("cross-port 81 object not found\n"));
+    EXPECT_EQ(make_port(443, LBSEL_ALGORIGHM_CONN_AFFIN, 80), LBCMD_RC_FAILURE);
+    EXPECT_TRUE(fake::log_contains("cross-port 80 does not use the same selection algorithm\n"));
+    EXPECT_EQ(make_port(443, LBSEL_ALGORIGHM_CONNECTION, 80), LBCMD_RC_FAILURE);
+    EXPECT_TRUE(fake::log_contains("crossport 80 not valid with this selection algorithm\n"));
+    EXPECT_EQ(fake::live_allocations(), blocks);
+}
+
+// --- Both together -------------------------------------------------------------------------------
+
+TEST_F(AffinityTest, SendsNewConnectionsOfAKnownClientToItsServer)
+{
+    make(LBSEL_ALGORIGHM_CONN_AFFIN);
+    EXPECT_EQ(tcp(SYN, 1), 11);
+    EXPECT_EQ(tcp(ACK, 1), 11);
+    EXPECT_EQ(tcp(SYN, 2), 11);
+    EXPECT_EQ(tcp(SYN, 1, "10.9.0.2"), 12);
+    EXPECT_EQ(tcp(ACK, 3), NOWHERE) << "a known client still begins with SYN";
+    EXPECT_EQ(counts(11), "1 1 0 3") << "two connections and one client";
+
+    ASSERT_EQ(weigh(80, 11, 0), LBCMD_RC_SUCCESS);
+    const int moved = tcp(SYN, 4);
+    EXPECT_NE(moved, 11);
+    EXPECT_EQ(tcp(ACK, 1), 11) << "an old connection stays";
+    EXPECT_EQ(tcp(SYN, 5), moved);
+    ASSERT_EQ(rm_server(C, 80, address(moved)), LBCMD_RC_SUCCESS);
+    EXPECT_EQ(tcp(ACK, 4), NOWHERE);
+    EXPECT_EQ(tcp(ACK, 1), 11);
+}
+
+// The forwarder must not take one kind of record for the other.
+TEST_F(AffinityTest, CountsAnErrorWhereThePortHasNoTable)
+{
+    const struct {
+        lb_u8_t tcp;
+        lb_u8_t udp;
+        bool served;
+    } rows[] = {
+        {LBSEL_ALGORIGHM_HASH, LBSEL_ALGORIGHM_CONNECTION, false},
+        {LBSEL_ALGORIGHM_HASH, LBSEL_ALGORIGHM_AFFINITY, false},
+        {LBSEL_ALGORIGHM_HASH, LBSEL_ALGORIGHM_CONN_AFFIN, false},
+        {LBSEL_ALGORIGHM_CONNECTION, LBSEL_ALGORIGHM_AFFINITY, false},
+        {LBSEL_ALGORIGHM_CONNECTION, LBSEL_ALGORIGHM_CONN_AFFIN, false},
+        {LBSEL_ALGORIGHM_AFFINITY, LBSEL_ALGORIGHM_CONNECTION, false},
+        {LBSEL_ALGORIGHM_AFFINITY, LBSEL_ALGORIGHM_CONN_AFFIN, false},
+        {LBSEL_ALGORIGHM_CONN_AFFIN, LBSEL_ALGORIGHM_CONNECTION, true},
+        {LBSEL_ALGORIGHM_CONN_AFFIN, LBSEL_ALGORIGHM_AFFINITY, true},
+        {LBSEL_ALGORIGHM_CONN_AFFIN, LBSEL_ALGORIGHM_CONN_AFFIN, true},
+        {LBSEL_ALGORIGHM_CONNECTION, LBSEL_ALGORIGHM_HASH, true},
+    };
+    for (const auto &row : rows) {
+        ASSERT_ADDED(make_port(80, row.tcp, 0, row.udp));
+        ASSERT_ADDED(make_server(80, 11));
+        EXPECT_EQ(udp(), row.served ? 11 : NOWHERE) << int{row.tcp} << " " << int{row.udp};
+        EXPECT_EQ(drops(), row.served ? "0 0" : "0 1") << int{row.tcp} << " " << int{row.udp};
+        ASSERT_EQ(rm_server(C, 80, address(11)), LBCMD_RC_SUCCESS);
+        ASSERT_EQ(rm_port(C, 80), LBCMD_RC_SUCCESS);
+    }
+}
+
+} // namespace

@@ -1,0 +1,136 @@
+// The whole-structure check of a port's records, for when nobody is in the stack: every record is
+// in one bucket, the right one, and on exactly one list of its server; or in no bucket and on the
+// reuse list. Lists are consistent, counts agree, and no two records have one key.
+#pragma once
+
+#include "lb_port.h"
+#include "lb_sel_affinity.h"
+#include "lb_sel_connection.h"
+#include "lb_server.h"
+
+#include <gtest/gtest.h>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace records
+{
+
+struct census {
+    int listed = 0; // in the table, and on a server's list
+    int reuse = 0;
+    int total = 0; // ever handed out
+};
+
+inline std::string keyof(const lbip_addr_t &ip, int port)
+{
+    return std::string(reinterpret_cast<const char *>(&ip), sizeof(ip)) + ":" +
+           std::to_string(port);
+}
+inline std::string keyof(const lbsel_cr_obj_t *cr)
+{
+    return keyof(cr->crkey.sip, cr->crkey.sport);
+}
+inline std::string keyof(const lbsel_ar_obj_t *ar)
+{
+    return keyof(ar->arkey.sip, 0);
+}
+
+template <class Record> std::vector<Record *> all(lbsel_pool_t &pool)
+{
+    std::vector<Record *> out;
+    lbsel_pool_foreach(
+        &pool,
+        [](void *record, void *into) {
+            static_cast<std::vector<Record *> *>(into)->push_back(static_cast<Record *>(record));
+        },
+        &out);
+    return out;
+}
+
+inline bool on_a_list_of(const lbsel_cr_obj_t *cr, const lbsrv_obj_t *server)
+{
+    const lbll_list_t *list = cr->expirelist._list;
+    switch (cr->state) {
+    case LBSEL_CR_STATE_PREEST: return list == &server->sel.preest;
+    case LBSEL_CR_STATE_ACTIVE: return list == &server->sel.active;
+    case LBSEL_CR_STATE_FIN:
+    case LBSEL_CR_STATE_RST: return list == &server->sel.fin;
+    default: return false;
+    }
+}
+inline bool on_a_list_of(const lbsel_ar_obj_t *ar, const lbsrv_obj_t *server)
+{
+    return ar->expirelist._list == &server->sel.arlist;
+}
+
+template <class Record, class Table> census check(Table &table)
+{
+    census counted;
+    std::set<std::string> keys;
+    for (Record *record : all<Record>(table.pool)) {
+        counted.total++;
+        if (record->htnode._list == nullptr) {
+            EXPECT_EQ(record->expirelist._list, &table.pool.reuse)
+                << "in neither, and not reusable";
+            EXPECT_EQ(record->server, nullptr) << "a retired record names a server";
+            counted.reuse++;
+            continue;
+        }
+        counted.listed++;
+        const int bucket = _lbht_hash(&table.lookup, nullptr, record);
+        EXPECT_EQ(record->htnode._list, &table.bucket[bucket]) << "in a wrong bucket";
+        if (record->server == nullptr) {
+            ADD_FAILURE() << "a record in the table has no server";
+            continue;
+        }
+        EXPECT_EQ(record->server->sel.removed, 0) << "a record names a removed server";
+        EXPECT_TRUE(on_a_list_of(record, record->server)) << "on a wrong list";
+        EXPECT_TRUE(keys.insert(keyof(record)).second) << "two records for one key";
+    }
+    int inbuckets = 0;
+    for (lbht_bucket_t &bucket : table.bucket) {
+        EXPECT_EQ(_lbll_debug_consistencycheck(&bucket), 0);
+        inbuckets += lbll_size(&bucket);
+    }
+    EXPECT_EQ(inbuckets, counted.listed);
+    EXPECT_EQ(_lbll_debug_consistencycheck(&table.pool.reuse), 0);
+    EXPECT_EQ(lbll_size(&table.pool.reuse), counted.reuse);
+    return counted;
+}
+
+// Both tables of a port. The lists of its servers hold as many records as the tables say.
+inline void check_port(lbport_obj_t *port)
+{
+    void *found[2 * LB_SNAPSHOT_MAX];
+    const int servers =
+        lbll_selectn(&port->serverlist, found, 2 * LB_SNAPSHOT_MAX, lbll_filter_true, nullptr);
+    int connections = 0;
+    int clients = 0;
+    for (int i = 0; i < servers; i++) {
+        auto *server = static_cast<lbsrv_obj_t *>(found[i]);
+        for (lbll_list_t *list : {&server->sel.preest, &server->sel.active, &server->sel.fin}) {
+            EXPECT_EQ(_lbll_debug_consistencycheck(list), 0);
+            connections += lbll_size(list);
+        }
+        if (port->at != nullptr) {
+            EXPECT_EQ(_lbll_debug_consistencycheck(&server->sel.arlist), 0);
+            clients += lbll_size(&server->sel.arlist);
+        }
+    }
+    if (port->ct != nullptr) {
+        EXPECT_EQ(check<lbsel_cr_obj_t>(*static_cast<lbsel_ct_obj_t *>(port->ct)).listed,
+                  connections);
+    }
+    if (port->at != nullptr) {
+        auto *at = static_cast<lbsel_at_obj_t *>(port->at);
+        const census counted = check<lbsel_ar_obj_t>(*at);
+        if (port->addable.crossport == lbport_number(port)) {
+            EXPECT_EQ(counted.listed, clients);
+        } else {
+            EXPECT_GE(counted.listed, clients); // the partner's servers have theirs
+        }
+    }
+}
+
+} // namespace records
