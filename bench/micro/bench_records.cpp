@@ -102,7 +102,7 @@ void new_connection(benchmark::State &state)
     expire();
     const std::uint64_t allocations = fake::total_allocations();
     std::uint32_t index = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         failed |= !sender.send(index++, LBTCP_SYN);
     }
     const auto made = fake::total_allocations() - allocations;
@@ -123,7 +123,7 @@ void established(benchmark::State &state)
     }
     std::shuffle(order.begin(), order.end(), std::mt19937(1));
     std::size_t n = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         failed |= !sender.send(order[n++ % count], LBTCP_ACK);
     }
 }
@@ -132,7 +132,7 @@ void expiry(benchmark::State &state)
 {
     const world here(connections());
     client sender(here);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         sender.open(MANY);
         fake::advance_s(31);
         const std::clock_t begin = std::clock(); // of this process: the machine may be shared
@@ -160,7 +160,7 @@ void lookup(benchmark::State &state, bool onebucket)
         failed |= lbht_addnode(&ct->lookup, records[i]) != 0;
     }
     std::mt19937 random(2);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         const std::uint32_t index = random() % count;
         lbsel_cr_obj_key_t key = key_of(index, onebucket);
         failed |= lbht_select1(&ct->lookup, &key) != records[index];
