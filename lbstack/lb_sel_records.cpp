@@ -14,6 +14,7 @@
 #include <cstdint>
 
 constexpr lb_u32_t CHUNKRECORDS = 32;
+constexpr int PREFETCHED = 4; // records ahead
 constexpr lb_s64_t USECS_PER_SEC = 1000000;
 
 // In front of a chunk's records, which begin at the next cache line.
@@ -223,6 +224,9 @@ int lbsel_retirebatch(const lbsel_table_t *table, lbll_list_t *guard, lbll_list_
     lbll_guard held(guard);
     const int count = lbsel_list_selectn(guard, list, records, LB_SNAPSHOT_MAX, filter, key);
     for (int i = 0; i < count; i++) {
+        // The selection has touched the second cache line of each; leaving the table takes the
+        // first.
+        __builtin_prefetch(records[i + PREFETCHED < count ? i + PREFETCHED : i], 1);
         detach(table, guard, list, records[i]);
     }
     if (count != 0) {

@@ -241,12 +241,14 @@ void register_all()
 int main(int argc, char **argv)
 {
     register_all();
+    bench::register_records();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 2;
     }
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
+    failed |= bench::records_failed();
     if (failed) {
         std::fputs("vell_bench: a packet allocated memory or went astray; see the rows marked so\n",
                    stderr);

@@ -3,6 +3,7 @@
 // replies. Everything here runs before or after a measurement, on one thread.
 #include "bench_world.h"
 
+#include "lb_command.h"
 #include "lb_entry.h"
 #include "lb_grace.h"
 #include "lb_ipv4.h"
@@ -99,7 +100,7 @@ void add_interface()
     add<char>("interface address", LBCMD_KEYTYPE_IFACE, key, nullptr, lbifaddr_setable_t{});
 }
 
-void add_cluster(int index, int ports, lbsel_algorighm_e udp)
+void add_cluster(int index, int ports, const shape_t &shape)
 {
     lbcmd_key_t key{};
     key.cfg.cluster = address(cluster_ip(index));
@@ -108,7 +109,7 @@ void add_cluster(int index, int ports, lbsel_algorighm_e udp)
     for (int port = 0; port < ports; port++) {
         key.cfg.port = static_cast<lb_u16_t>(FIRST_PORT + port);
         const lbport_addable_t algorithms{
-            .selectalg = LBSEL_ALGORIGHM_HASH, .udpselectalg = udp, .crossport = 0, ._pad = 0};
+            .selectalg = shape.tcp, .udpselectalg = shape.udp, .crossport = 0, ._pad = 0};
         add("port", LBCMD_KEYTYPE_CONFIG, key, &algorithms, lbport_setable_t{});
     }
 }
@@ -185,7 +186,7 @@ world::world(const shape_t &shape) : shape_(shape)
     }
     add_interface();
     for (int i = 0; i < shape.clusters; i++) {
-        add_cluster(i, i == shape.clusters - 1 ? shape.ports : 1, shape.udp);
+        add_cluster(i, i == shape.clusters - 1 ? shape.ports : 1, shape);
     }
     lbcmd_key_t key{};
     key.cfg.cluster = address(cluster_ip(shape.clusters - 1));
@@ -217,6 +218,14 @@ std::array<bytes_t, SERVERS> world::client_frames(lb_u8_t proto) const
             proto, cluster_ip(shape_.clusters - 1), first_sport + i, FIRST_PORT + shape_.ports - 1);
     }
     return frames;
+}
+
+lbport_obj_t *world::last_port() const
+{
+    lbcmd_key_t key{};
+    key.cfg.cluster = address(cluster_ip(shape_.clusters - 1));
+    key.cfg.port = static_cast<lb_u16_t>(FIRST_PORT + shape_.ports - 1);
+    return reinterpret_cast<lbport_obj_t *>(lbcmd_lookup(LBCMD_KEYTYPE_CONFIG, &key));
 }
 
 bytes_t world::foreign_frame() const

@@ -20,9 +20,14 @@ struct shape_t {
     int clusters = 1;
     int ports = 1; // of the last cluster; the others have one
     lbsel_algorighm_e udp = LBSEL_ALGORIGHM_HASH;
+    lbsel_algorighm_e tcp = LBSEL_ALGORIGHM_HASH;
 };
 
 constexpr int SERVERS = 3; // behind the last port of the last cluster, of weight 1
+
+// The benchmarks of tables and their records; whether one of them failed.
+void register_records();
+bool records_failed();
 
 // Lists are walked from the front, so the traffic goes to the cluster and the port that were added
 // last: the longest walk. Aborts the process with a message when the stack refuses something.
@@ -36,6 +41,8 @@ class world
 
     // Frames of 60 bytes to the last port, one for each server in turn.
     [[nodiscard]] std::array<bytes_t, SERVERS> client_frames(lb_u8_t proto) const;
+    // The port that they go to.
+    [[nodiscard]] lbport_obj_t *last_port() const;
     // To an address that is nobody's.
     [[nodiscard]] bytes_t foreign_frame() const;
     [[nodiscard]] bytes_t arp_request() const; // who has the last cluster?

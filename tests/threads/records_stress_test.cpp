@@ -158,10 +158,12 @@ TEST_F(RecordStress, KeepsEveryRecordInOnePlace)
 {
     std::atomic<std::uint64_t> received{0};
     std::vector<std::thread> threads;
+    threads.reserve(stress::WORKERS + 1);
     for (int i = 0; i < stress::WORKERS; i++) {
         threads.emplace_back([this, i, &received] {
             stress::rng random = random_for(i);
             std::vector<packets::bytes> load;
+            load.reserve(4000);
             for (int n = 0; n < 4000; n++) {
                 load.push_back(random_segment(random));
             }
@@ -213,6 +215,7 @@ TEST_F(RecordStress, MakesOneRecordForOneConnection)
     std::atomic<int> turn{0};
     std::atomic<int> done{0};
     std::vector<std::thread> threads;
+    threads.reserve(stress::WORKERS + 1);
     for (int i = 0; i < stress::WORKERS; i++) {
         threads.emplace_back([&turn, &done] {
             fake::frame buffer;
