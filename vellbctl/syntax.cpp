@@ -158,6 +158,12 @@ class tree
         return std::move(request_);
     }
 
+    [[nodiscard]] std::string usage_line(const command &what) const
+    {
+        const CLI::App *app = root_.get_subcommand(what.object);
+        return usage(*what.verb != '\0' ? *app->get_subcommand(what.verb) : *app);
+    }
+
     [[nodiscard]] words_t completions(const words_t &words) const
     {
         const CLI::App *at = &root_;
@@ -300,6 +306,11 @@ class tree
 request parse(const words_t &words)
 {
     return tree().parse(words);
+}
+
+std::string usage_line(const command &what)
+{
+    return tree().usage_line(what);
 }
 
 words_t completions(const words_t &words)
