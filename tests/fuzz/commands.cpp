@@ -110,9 +110,10 @@ void run_commands(const std::uint8_t *data, std::size_t size)
 
 bytes command_record(const bytes &command)
 {
-    bytes out = {1, static_cast<std::uint8_t>(command.size() >> 8),
-                 static_cast<std::uint8_t>(command.size())};
-    out.insert(out.end(), command.begin(), command.end());
+    bytes out(3 + command.size());
+    out[0] = 1;
+    packets::put16(out, 1, static_cast<std::uint16_t>(command.size()));
+    packets::set_at(out, 3, command);
     return out;
 }
 

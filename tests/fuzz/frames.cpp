@@ -193,11 +193,12 @@ void run_frames(world &stack, const std::uint8_t *data, std::size_t size)
 
 bytes frame_record(const bytes &frame, fake::link link)
 {
-    const std::size_t skip = link == fake::link::slip ? ETH : 0;
-    bytes out = {static_cast<std::uint8_t>(link == fake::link::slip ? 6 : 4),
-                 static_cast<std::uint8_t>((frame.size() - skip) >> 8),
-                 static_cast<std::uint8_t>(frame.size() - skip)};
-    out.insert(out.end(), frame.begin() + static_cast<long>(skip), frame.end());
+    const bool slip = link == fake::link::slip;
+    const bytes content(frame.begin() + (slip ? packets::ETH : 0), frame.end());
+    bytes out(3 + content.size());
+    out[0] = slip ? 6 : 4;
+    packets::put16(out, 1, static_cast<std::uint16_t>(content.size()));
+    packets::set_at(out, 3, content);
     return out;
 }
 

@@ -121,8 +121,8 @@ void add_config_seeds(std::vector<seed> &seeds)
 {
     constexpr auto CONFIG = LBCMD_KEYTYPE_CONFIG;
     lbexe_setable_t executor{};
-    executor.clientgateway = address("10.0.0.253");
-    executor.clientgateway_ipv6 = address("2001:db8::1");
+    executor.clientgateway = stack::ip("10.0.0.253");
+    executor.clientgateway_ipv6 = stack::ip("2001:db8::1");
     executor.ha.role = LBHA_ROLE_PRIMARY;
     const bytes cluster_add = bytes_of(lbclu_addable_t{});
     const bytes cluster_set = bytes_of(lbclu_setable_t{});
@@ -130,37 +130,37 @@ void add_config_seeds(std::vector<seed> &seeds)
     const bytes port_set = bytes_of(lbport_setable_t{});
     const bytes server_add = bytes_of(lbsrv_addable_t{});
     const bytes server_set = bytes_of(server_block(3));
-    add_four(seeds, "executor", CONFIG, config_key(""), {}, bytes_of(executor));
+    add_four(seeds, "executor", CONFIG, stack::cfgkey(""), {}, bytes_of(executor));
     for (const char *cluster : {CLUSTER, "10.0.0.101", "2001:db8::100"}) {
         const std::string name = std::string(cluster) == CLUSTER        ? "known-"
                                  : std::string(cluster) == "10.0.0.101" ? "new-"
                                                                         : "v6-";
-        add_four(seeds, name + "cluster", CONFIG, config_key(cluster), cluster_add, cluster_set);
-        add_four(seeds, name + "port", CONFIG, config_key(cluster, 80), port_add, port_set);
-        add_four(seeds, name + "server", CONFIG, config_key(cluster, 80, "10.0.0.11"), server_add,
-                 server_set);
+        add_four(seeds, name + "cluster", CONFIG, stack::cfgkey(cluster), cluster_add, cluster_set);
+        add_four(seeds, name + "port", CONFIG, stack::cfgkey(cluster, 80), port_add, port_set);
+        add_four(seeds, name + "server", CONFIG, stack::cfgkey(cluster, 80, "10.0.0.11"),
+                 server_add, server_set);
     }
-    add_four(seeds, "other-port", CONFIG, config_key(CLUSTER, 8080), port_add, port_set);
-    add_four(seeds, "empty-port", CONFIG, config_key(CLUSTER, 82), port_add, port_set);
-    add_four(seeds, "other-server", CONFIG, config_key(CLUSTER, 80, "10.0.0.13"), server_add,
+    add_four(seeds, "other-port", CONFIG, stack::cfgkey(CLUSTER, 8080), port_add, port_set);
+    add_four(seeds, "empty-port", CONFIG, stack::cfgkey(CLUSTER, 82), port_add, port_set);
+    add_four(seeds, "other-server", CONFIG, stack::cfgkey(CLUSTER, 80, "10.0.0.13"), server_add,
              server_set);
-    add_four(seeds, "heartbeat", CONFIG, config_key(CLUSTER, 0, "10.0.0.2"), {}, {});
-    add_four(seeds, "rule", CONFIG, config_key(CLUSTER, 80, "", 7), {}, {});
-    add_four(seeds, "useserver", CONFIG, config_key(CLUSTER, 80, "10.0.0.11", 7), {}, {});
+    add_four(seeds, "heartbeat", CONFIG, stack::cfgkey(CLUSTER, 0, "10.0.0.2"), {}, {});
+    add_four(seeds, "rule", CONFIG, stack::cfgkey(CLUSTER, 80, "", 7), {}, {});
+    add_four(seeds, "useserver", CONFIG, stack::cfgkey(CLUSTER, 80, "10.0.0.11", 7), {}, {});
 }
 
 void add_interface_seeds(std::vector<seed> &seeds)
 {
     constexpr auto IFACE = LBCMD_KEYTYPE_IFACE;
-    const bytes ifin = bytes_of(ethernet_block());
+    const bytes ifin = bytes_of(stack::ethernet(1, MTU));
     const bytes ifaddr = bytes_of(lbifaddr_setable_t{});
-    add_four(seeds, "collection", IFACE, interface_key(""), {}, bytes_of(lbifcol_setable_t{}));
-    add_four(seeds, "known-interface", IFACE, interface_key("eth0"), {}, ifin);
-    add_four(seeds, "new-interface", IFACE, interface_key("eth1"), {}, ifin);
-    add_four(seeds, "long-interface", IFACE, interface_key(std::string(32, 'x')), {}, ifin);
-    add_four(seeds, "known-address", IFACE, interface_key("eth0", "10.0.0.1/24"), {}, ifaddr);
-    add_four(seeds, "new-address", IFACE, interface_key("eth0", "10.0.3.1/24"), {}, ifaddr);
-    add_four(seeds, "v6-address", IFACE, interface_key("eth0", "2001:db8::1/64"), {}, ifaddr);
+    add_four(seeds, "collection", IFACE, stack::ifacekey(""), {}, bytes_of(lbifcol_setable_t{}));
+    add_four(seeds, "known-interface", IFACE, stack::ifacekey("eth0"), {}, ifin);
+    add_four(seeds, "new-interface", IFACE, stack::ifacekey("eth1"), {}, ifin);
+    add_four(seeds, "long-interface", IFACE, stack::ifacekey(std::string(32, 'x')), {}, ifin);
+    add_four(seeds, "known-address", IFACE, stack::ifacekey("eth0", "10.0.0.1/24"), {}, ifaddr);
+    add_four(seeds, "new-address", IFACE, stack::ifacekey("eth0", "10.0.3.1/24"), {}, ifaddr);
+    add_four(seeds, "v6-address", IFACE, stack::ifacekey("eth0", "2001:db8::1/64"), {}, ifaddr);
 }
 
 } // namespace

@@ -1,19 +1,11 @@
 // See world.h. One thread.
 #include "world.h"
 
-#include "lb_entry.h"
-#include "lb_executor.h"
 #include "lb_log.h"
 #include "lb_pbuf.h"
 #include "lb_port.h"
 
-#include <arpa/inet.h>
-
-#include <algorithm>
 #include <cstring>
-
-#include "fake_host.h"
-#include "packets.h"
 
 namespace fuzz
 {
@@ -33,36 +25,36 @@ struct item {
 
 item port(lb_u16_t number, lb_u8_t tcp, lb_u8_t udp)
 {
-    return {LBCMD_KEYTYPE_CONFIG, config_key(CLUSTER, number), bytes_of(port_block(tcp, udp)),
+    return {LBCMD_KEYTYPE_CONFIG, stack::cfgkey(CLUSTER, number), bytes_of(port_block(tcp, udp)),
             bytes_of(lbport_setable_t{})};
 }
 
 item server(lb_u16_t number, const std::string &addr, lb_u16_t weight)
 {
-    return {LBCMD_KEYTYPE_CONFIG, config_key(CLUSTER, number, addr), bytes_of(lbsrv_addable_t{}),
+    return {LBCMD_KEYTYPE_CONFIG, stack::cfgkey(CLUSTER, number, addr), bytes_of(lbsrv_addable_t{}),
             bytes_of(server_block(weight))};
 }
 
 std::vector<item> configuration()
 {
-    lbifin_setable_t ppp = ethernet_block();
+    lbifin_setable_t ppp = stack::ethernet(1, MTU);
     ppp.isPTP = LBIFIN_YN_YES;
     ppp.arp = LBIFIN_YN_NO;
     constexpr lb_u8_t HASH = LBSEL_ALGORIGHM_HASH;
     constexpr lb_u8_t UDPRR = LBSEL_ALGORIGHM_UDPRR;
     constexpr lb_u8_t CONNECTIONS = 2;
     return {
-        {LBCMD_KEYTYPE_IFACE, interface_key("eth0"), {}, bytes_of(ethernet_block())},
+        {LBCMD_KEYTYPE_IFACE, stack::ifacekey("eth0"), {}, bytes_of(stack::ethernet(1, MTU))},
         {LBCMD_KEYTYPE_IFACE,
-         interface_key("eth0", "10.0.0.1/24"),
+         stack::ifacekey("eth0", "10.0.0.1/24"),
          {},
          bytes_of(lbifaddr_setable_t{})},
-        {LBCMD_KEYTYPE_IFACE, interface_key("ppp0"), {}, bytes_of(ppp)},
+        {LBCMD_KEYTYPE_IFACE, stack::ifacekey("ppp0"), {}, bytes_of(ppp)},
         {LBCMD_KEYTYPE_IFACE,
-         interface_key("ppp0", "10.9.0.1/32"),
+         stack::ifacekey("ppp0", "10.9.0.1/32"),
          {},
-         bytes_of(lbifaddr_setable_t{address("10.9.0.2")})},
-        {LBCMD_KEYTYPE_CONFIG, config_key(CLUSTER), bytes_of(lbclu_addable_t{}),
+         bytes_of(lbifaddr_setable_t{stack::ip("10.9.0.2")})},
+        {LBCMD_KEYTYPE_CONFIG, stack::cfgkey(CLUSTER), bytes_of(lbclu_addable_t{}),
          bytes_of(lbclu_setable_t{})},
         port(80, HASH, UDPRR),
         server(80, "10.0.0.11", 1),
@@ -129,28 +121,24 @@ world::~world()
 void world::configure()
 {
     for (const item &i : configuration()) {
-        const int rc = add(i.keytype, i.key, i.add, i.set);
+        const int rc = command(LBCMD_ACTION_ADD, i.keytype, i.key, i.add, i.set);
         require(rc == LBCMD_RC_SUCCESS || rc == LBCMD_RC_ALREADYEXISTS,
                 "the configuration was refused");
     }
     lbexe_setable_t setable{};
-    setable.clientgateway = address("10.0.0.254");
-    prepare(LBCMD_ACTION_SET, LBCMD_KEYTYPE_CONFIG, config_key(""), {}, bytes_of(setable));
-    require(execute() == LBCMD_RC_SUCCESS, "the executor refused its settings");
+    setable.clientgateway = stack::ip("10.0.0.254");
+    require(command(LBCMD_ACTION_SET, LBCMD_KEYTYPE_CONFIG, stack::cfgkey(), {},
+                    bytes_of(setable)) == LBCMD_RC_SUCCESS,
+            "the executor refused its settings");
     (void)fake::take_sent(); // queries and an announcement
 }
 
 void world::finish()
 {
-    prepare(LBCMD_ACTION_SET, LBCMD_KEYTYPE_CONFIG, config_key(""), {},
-            bytes_of(lbexe_setable_t{}));
-    (void)execute(); // a client may have removed the executor
-    remove_below(LBCMD_KEYTYPE_CONFIG, config_key(""));
-    remove_below(LBCMD_KEYTYPE_IFACE, interface_key(""));
+    remove_all();
     lbpbuf_drain();
     for (int i = 0; i < TICKS_TO_REAP && lbll_size(&lbexecutor->cmdreaplist) != 0; i++) {
-        fake::advance_ms(500);
-        (void)lb_timer_entry();
+        tick_once();
     }
     (void)lb_timer_entry(); // grace of what the last tick has retired
     (void)lb_timer_entry();
@@ -173,8 +161,8 @@ void world::require_unharmed()
 
 void world::require_forwarding()
 {
-    fake::receive(arp_reply("10.0.0.11", 0x11));
-    fake::receive(arp_reply("10.0.0.12", 0x12));
+    fake::receive(packets::arp_reply("10.0.0.11", 0x11));
+    fake::receive(packets::arp_reply("10.0.0.12", 0x12));
     (void)fake::take_sent();
     packets::packet p;
     p.sport = 40001;
@@ -184,31 +172,16 @@ void world::require_forwarding()
     require(sent.size() == 1, "a good frame was not forwarded");
     packets::packet expected = p;
     expected.ttl--;
-    expected.ethsrc = station(1);
-    expected.ethdst = station(0x12);
+    expected.ethsrc = packets::mac_of(1);
+    expected.ethdst = packets::mac_of(0x12);
     require(sent[0].bytes == packets::build(expected), "a good frame was forwarded wrongly");
 }
 
 int world::execute()
 {
-    const int rc = lbcmd_entry(buffer_.get());
-    require(rc == buffer_->hdr.answer_rc, "the answer differs from the answer code");
+    const int rc = send();
+    require(rc == buffer().hdr.answer_rc, "the answer differs from the answer code");
     return rc;
-}
-
-void world::prepare(lbcmd_action_e action, lbcmd_keytype_e keytype, const lbcmd_key_t &key,
-                    const bytes &addable, const bytes &setable)
-{
-    lbcmd_bufhdr_t &hdr = buffer_->hdr;
-    hdr = lbcmd_bufhdr_t{};
-    hdr.lbversion = LBCMD_VERSION;
-    hdr.key = key;
-    hdr.keytype = keytype;
-    hdr.action = action;
-    hdr.addsize = static_cast<lb_u16_t>(addable.size());
-    hdr.setsize = static_cast<lb_u16_t>(setable.size());
-    std::copy(addable.begin(), addable.end(), buffer_->_x);
-    std::copy(setable.begin(), setable.end(), buffer_->_x + addable.size());
 }
 
 bytes world::objects()
@@ -217,85 +190,6 @@ bytes world::objects()
     append_objects(out, &lbexecutor->cfgcmdlist);
     append_objects(out, &lbexecutor->ifacecmdlist);
     return out;
-}
-
-int world::add(lbcmd_keytype_e keytype, const lbcmd_key_t &key, const bytes &addable,
-               const bytes &setable)
-{
-    prepare(LBCMD_ACTION_ADD, keytype, key, addable, setable);
-    return execute();
-}
-
-void world::remove_below(lbcmd_keytype_e keytype, const lbcmd_key_t &key)
-{
-    // Again and again, because a GET lists no more than fit.
-    for (;;) {
-        prepare(LBCMD_ACTION_GET, keytype, key);
-        if (execute() != LBCMD_RC_SUCCESS || buffer_->hdr.listsize == 0) {
-            break;
-        }
-        const lbcmd_bufhdr_t &hdr = buffer_->hdr;
-        std::vector<lbcmd_key_t> keys(hdr.listsize / sizeof(lbcmd_key_t));
-        std::memcpy(keys.data(), buffer_->_x + hdr.addsize + hdr.setsize + hdr.getsize,
-                    hdr.listsize);
-        for (const lbcmd_key_t &child : keys) {
-            remove_below(keytype, child);
-            prepare(LBCMD_ACTION_RM, keytype, child);
-            require(execute() == LBCMD_RC_SUCCESS, "an object without children was not removed");
-        }
-    }
-}
-
-lbip_addr_t address(const std::string &text)
-{
-    lbip_addr_t addr{};
-    if (text.empty()) {
-        return addr;
-    }
-    const std::size_t slash = text.find('/');
-    const std::string host = text.substr(0, slash);
-    if (slash != std::string::npos) {
-        addr.prefix = static_cast<lb_u8_t>(std::stoi(text.substr(slash + 1)));
-    }
-    const bool isv6 = host.find(':') != std::string::npos;
-    addr.version = isv6 ? 6 : 4;
-    require(inet_pton(isv6 ? AF_INET6 : AF_INET, host.c_str(), &addr.nboaddr) == 1, "bad address");
-    return addr;
-}
-
-lbcmd_key_t config_key(const std::string &cluster, lb_u16_t port, const std::string &server,
-                       lb_u16_t rule)
-{
-    lbcmd_key_t key{};
-    key.cfg.cluster = address(cluster);
-    key.cfg.port = port;
-    key.cfg.rule = rule;
-    key.cfg.server = address(server);
-    return key;
-}
-
-lbcmd_key_t interface_key(const std::string &name, const std::string &addr)
-{
-    lbcmd_key_t key{};
-    std::memset(&key, 0, sizeof(key));
-    std::memcpy(key.iface.name, name.data(), std::min(name.size(), std::size_t{LBIFACE_NAMELEN}));
-    key.iface.addr = address(addr);
-    return key;
-}
-
-lbifin_setable_t ethernet_block()
-{
-    lbifin_setable_t block{};
-    block.ethaddr.b[0] = 2;
-    block.ethaddr.b[5] = 1;
-    block.mtu_sys = MTU;
-    block.mtu_lb = MTU;
-    block.isup_sys = LBIFIN_YN_YES;
-    block.isup_lb = LBIFIN_YN_YES;
-    block.arp = LBIFIN_YN_YES;
-    block.loopback = LBIFIN_YN_NO;
-    block.isPTP = LBIFIN_YN_NO;
-    return block;
 }
 
 lbport_addable_t port_block(lb_u8_t tcp, lb_u8_t udp)
@@ -311,23 +205,6 @@ lbsrv_setable_t server_block(lb_u16_t weight)
     lbsrv_setable_t block{};
     block.weight = weight;
     return block;
-}
-
-std::array<std::uint8_t, 6> station(std::uint8_t last)
-{
-    return {2, 0, 0, 0, 0, last};
-}
-
-bytes arp_reply(const std::string &ip, std::uint8_t last)
-{
-    packets::arp reply;
-    reply.op = 2;
-    reply.srchw = station(last);
-    reply.srcip = ip;
-    reply.tgthw = station(1);
-    reply.tgtip = "10.0.0.1";
-    reply.ethdst = station(1);
-    return packets::build(reply);
 }
 
 } // namespace fuzz

@@ -3,21 +3,13 @@
 // framework: what is wrong is thrown, which is a failed test there and a crash for libFuzzer.
 #pragma once
 
-#include "lb_command.h"
-
-#include <array>
-#include <cstdint>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <vector>
-
-#include "prot/blocks.h"
+#include "stack_client.h"
 
 namespace fuzz
 {
 
-using bytes = std::vector<std::uint8_t>;
+using stack::bytes;
+using stack::bytes_of;
 
 // The stack did something that it must never do.
 struct fault : std::runtime_error {
@@ -42,7 +34,7 @@ inline void require(bool good, const char *what)
 constexpr const char *CLUSTER = "10.0.0.100";
 constexpr lb_u32_t MTU = 600;
 
-class world
+class world : public stack::client
 {
   public:
     // Starts the stack on a fresh host, with the fixed configuration.
@@ -61,42 +53,16 @@ class world
     // forwarded with nothing changed that need not be.
     void require_forwarding();
 
-    // Carries out the command that stands in buffer().
+    // Sends the command that stands in buffer(); the answer is the answer code.
     int execute();
-    lbcmd_buf_t &buffer() { return *buffer_; }
-    // Fills buffer() with a command.
-    void prepare(lbcmd_action_e action, lbcmd_keytype_e keytype, const lbcmd_key_t &key,
-                 const bytes &add = {}, const bytes &set = {});
 
     // All keys with their addable and settable blocks, in list order. Without the ports' cross-port
     // word, which a refused partner may change.
     static bytes objects();
     static void require_unharmed(); // nothing that the host has recorded as a fault
-
-  private:
-    int add(lbcmd_keytype_e keytype, const lbcmd_key_t &key, const bytes &addable,
-            const bytes &setable);
-    void remove_below(lbcmd_keytype_e keytype, const lbcmd_key_t &key);
-
-    std::unique_ptr<lbcmd_buf_t> buffer_ = std::make_unique<lbcmd_buf_t>();
 };
 
-lbip_addr_t address(const std::string &text); // "" for none; "10.0.0.1/24"
-lbcmd_key_t config_key(const std::string &cluster, lb_u16_t port = 0,
-                       const std::string &server = "", lb_u16_t rule = 0);
-lbcmd_key_t interface_key(const std::string &name, const std::string &addr = "");
-
-template <class T> bytes bytes_of(const T &block)
-{
-    const auto *p = reinterpret_cast<const std::uint8_t *>(&block);
-    return {p, p + sizeof(block)};
-}
-
-lbifin_setable_t ethernet_block();
 lbport_addable_t port_block(lb_u8_t tcp, lb_u8_t udp);
 lbsrv_setable_t server_block(lb_u16_t weight);
-bytes arp_reply(const std::string &ip, std::uint8_t last);
-// The hardware address 02:00:00:00:00:`last`.
-std::array<std::uint8_t, 6> station(std::uint8_t last);
 
 } // namespace fuzz

@@ -9,13 +9,11 @@
 #include "lx_host.h"
 #include "lx_pktbuf.h"
 
-#include <fcntl.h>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -229,21 +227,6 @@ TEST_F(lx_host, each_kind_of_frame_goes_its_way)
     }
 }
 
-TEST_F(lx_host, own_and_loopback_frames_leave_no_trace)
-{
-    EXPECT_EQ(run({{.pkttype = PACKET_OUTGOING}, {.hatype = ARPHRD_LOOPBACK}}), "");
-    EXPECT_TRUE(entries.empty());
-}
-
-TEST_F(lx_host, cut_frames_are_left_alone_and_reported_once_a_minute)
-{
-    mask_ = LB_LOG_FAILURE;
-    const std::string said = run({{.len = 1568, .cut = true}, {.len = 1568, .cut = true}});
-    EXPECT_TRUE(entries.empty());
-    EXPECT_NE(said.find("gro off lro off"), std::string::npos);
-    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
-}
-
 TEST_F(lx_host, failed_receive_is_not_taken_for_the_frame_before)
 {
     const std::string said = run({{}, {.error = ENOMEM}, {}});
@@ -258,15 +241,6 @@ TEST_F(lx_host, nothing_is_said_or_entered_once_it_stops)
     stopping = 1;
     EXPECT_EQ(run({{}}), "");
     EXPECT_TRUE(entries.empty());
-}
-
-TEST_F(lx_host, invalid_answers_are_named_and_the_buffer_kept)
-{
-    answer = [](lx_pktbuf_t *) { return entries.size() == 1 ? 0 : 7; };
-    const std::string said = run({{}, {}});
-    EXPECT_NE(said.find("invalid return code (0) from lbstack\n"), std::string::npos);
-    EXPECT_NE(said.find("invalid return code (7) from lbstack\n"), std::string::npos);
-    EXPECT_EQ(entries[0].buffer, entries[1].buffer);
 }
 
 // --- Who owns a buffer (leaks and double frees are AddressSanitizer's to see)
@@ -350,22 +324,6 @@ TEST_F(lx_host, raw_sends_find_their_socket_and_remember_the_destination)
     EXPECT_EQ(sent[3].bytes, "payl");
 }
 
-TEST_F(lx_host, sends_through_no_socket)
-{
-    mask_ = LB_LOG_FAILURE;
-    unsigned char six[16] = {0xfe, 0x80};
-    testing::internal::CaptureStdout();
-    os_xmitraw(payload, 7, nullptr, first, 17, nullptr);
-    os_xmitraw6(payload, 7, six, 17);
-    EXPECT_TRUE(sent.empty());
-    os_xmitraw6(payload, 0, six, 58);
-    EXPECT_EQ(sent.size(), 1U);
-    const std::string said = testing::internal::GetCapturedStdout();
-    EXPECT_NE(said.find("ERROR: send returned -99 instead of 7, errno="), std::string::npos);
-    EXPECT_NE(said.find("ERROR: send returned 0 instead of 7, errno="), std::string::npos);
-    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 2) << said;
-}
-
 TEST_F(lx_host, frames_with_and_without_a_header)
 {
     psfd = socket(AF_INET, SOCK_DGRAM, 0);
@@ -394,44 +352,7 @@ TEST_F(lx_host, frames_with_and_without_a_header)
     close(psfd);
 }
 
-TEST_F(lx_host, tun_device_that_cannot_be_attached_looks_open_but_is_closed)
-{
-    const int probe = open("/dev/net/tun", O_RDWR);
-    if (probe < 0) {
-        GTEST_SKIP() << "no tun device here";
-    }
-    close(probe);
-    char name[16] = "vell-test";
-    mask_ = 0;
-    const int fd = os_tunAlloc(name, 0); // of no type: refused
-    EXPECT_GE(fd, 0);
-    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-}
-
-TEST_F(lx_host, core_only_in_the_foreground)
-{
-    argforeground = 0;
-    os_core();
-    argforeground = 1;
-    EXPECT_EXIT(os_core(), testing::KilledBySignal(SIGABRT), "");
-}
-
 // --- Log -----------------------------------------------------------------------------------------
-
-TEST_F(lx_host, line_is_assembled_per_thread_and_leaves_whole)
-{
-    testing::internal::CaptureStdout();
-    os_print("%s", "abc");
-    std::thread([] {
-        os_print("other ");
-        os_print("thread\n");
-    }).join();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "other thread\n");
-    testing::internal::CaptureStdout();
-    os_print("%s", "");
-    os_print("%s\n", "def");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "abcdef\n");
-}
 
 TEST_F(lx_host, line_that_is_too_long_is_cut_and_the_next_starts_afresh)
 {
@@ -458,25 +379,6 @@ TEST_F(lx_host, line_that_is_too_long_is_cut_and_the_next_starts_afresh)
         os_print("next\n");
         EXPECT_EQ(testing::internal::GetCapturedStdout(), "next\n");
     }
-}
-
-TEST_F(lx_host, dumps)
-{
-    unsigned char bytes[18] = {0xff, 1};
-    sockaddr_ll sll = {};
-    sll.sll_family = 17;
-    sll.sll_ifindex = 26;
-    sll.sll_halen = 6;
-    sll.sll_addr[7] = 0xab;
-    testing::internal::CaptureStdout();
-    lx_dbg_bufprint("recv", bytes, 18);
-    lx_dbg_bufprint("empty", bytes, 0);
-    lx_dbg_printsll(&sll);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "000 recv returned 18\nff 01 00 00 00 00 00 00 00 00 00 00 00 00 00 00 \n00 00 \n"
-              "001 empty returned 0\n"
-              "lx_dbg_printsll fam=0x11 prot=0x0 ifindex=0x1a halen=0x6, "
-              "addr=00:00:00:00:00:00:00:ab\n");
 }
 
 } // namespace

@@ -1,42 +1,32 @@
 // When memory comes back: what must wait for whom, in the orders of events that are rare and hard
 // to meet by chance.
-#include <future>
-#include <thread>
+#include "lb_cluster.h"
+#include "lb_port.h"
+#include "lb_server.h"
 
+#include "puppet.h"
 #include "stack_fixture.h"
 
 namespace
 {
 
-// A thread that stays inside the stack for as long as it lives, as a worker with a packet does.
-class thread_inside
-{
-  public:
-    thread_inside() { entered_.get_future().wait(); }
+// As a worker with a packet: inside the stack for as long as it lives.
+struct thread_inside : puppet {
+    thread_inside()
+    {
+        act([] { lb_grace_enter(); });
+    }
     ~thread_inside()
     {
-        leave_.set_value();
-        thread_.join();
+        act([] { lb_grace_leave(); });
     }
     thread_inside(const thread_inside &) = delete;
     thread_inside &operator=(const thread_inside &) = delete;
-
-  private:
-    void stay()
-    {
-        const lb_grace_inside inside;
-        entered_.set_value();
-        leave_.get_future().wait();
-    }
-
-    std::promise<void> entered_{};
-    std::promise<void> leave_{};
-    std::thread thread_{[this] { stay(); }};
 };
 
-class ReapTest : public StackTest
-{
-};
+using ReapTest = StackTest;
+
+constexpr const char *C = "10.0.0.100";
 
 // The timer may be finding a route over an interface while that is removed, and publish it late. A
 // worker that takes that route uses the interface, even if nothing leads to the route any more
@@ -75,19 +65,88 @@ TEST_F(ReapTest, InterfaceOutlivesALateRouteThatWasTakenAndDropped)
 // Every object's age starts again at a step back, not one object's after the other.
 TEST_F(ReapTest, ClockStepBackDelaysAllRemovedObjectsOnce)
 {
-    ASSERT_ADDED(add_cluster("10.0.0.100"));
+    ASSERT_ADDED(add_cluster(C));
     const auto before = fake::live_allocations();
     for (lb_u16_t port = 1; port <= 20; port++) {
-        ASSERT_ADDED(add_port("10.0.0.100", port));
+        ASSERT_ADDED(add_port(C, port));
     }
     for (lb_u16_t port = 1; port <= 20; port++) {
-        ASSERT_EQ(rm_port("10.0.0.100", port), LBCMD_RC_SUCCESS);
+        ASSERT_EQ(rm_port(C, port), LBCMD_RC_SUCCESS);
     }
     fake::advance_s(-3600);
     tick(2);
     EXPECT_GT(fake::live_allocations(), before);
     tick(2);
     EXPECT_EQ(fake::live_allocations(), before);
+}
+
+TEST_F(ReapTest, NothingIsFreedWhileAReaderIsInside)
+{
+    ASSERT_ADDED(add_interface("eth0"));
+    ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
+    ASSERT_ADDED(add_cluster(C));
+    ASSERT_ADDED(add_port(C, 80));
+    ASSERT_ADDED(add_server(C, 80, "10.0.0.11"));
+    const struct {
+        const char *name;
+        lbcmd_keytype_e keytype;
+        lbcmd_key_t key;
+    } rows[] = {
+        {"server", LBCMD_KEYTYPE_CONFIG, stack::cfgkey(C, 80, "10.0.0.11")},
+        {"port", LBCMD_KEYTYPE_CONFIG, stack::cfgkey(C, 80)},
+        {"cluster", LBCMD_KEYTYPE_CONFIG, stack::cfgkey(C)},
+        {"address", LBCMD_KEYTYPE_IFACE, stack::ifacekey("eth0", "10.0.0.1/24")},
+        {"interface", LBCMD_KEYTYPE_IFACE, stack::ifacekey("eth0")},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        tick_once();
+        lbpbuf_drain();
+        const auto full = fake::live_allocations();
+        {
+            const thread_inside reader;
+            EXPECT_EQ(rm(row.keytype, row.key), LBCMD_RC_SUCCESS);
+            tick(10);
+            lbpbuf_drain();
+            EXPECT_EQ(fake::live_allocations(), full);
+        }
+        tick(1);
+        lbpbuf_drain();
+        EXPECT_LT(fake::live_allocations(), full);
+    }
+    EXPECT_EQ(fake::live_allocations(), 0);
+}
+
+// A port whose RM was refused stays linked until it is reaped, and its cluster with it. Both are
+// taken out before they are freed, and grace starts anew.
+TEST_F(ReapTest, RefusedRemovalsAreUnlinkedBeforeTheyAreFreed)
+{
+    ASSERT_ADDED(add_cluster(C));
+    ASSERT_ADDED(add_port(C, 80));
+    const auto find = [](const char *text) {
+        lbip_addr_t addr = stack::ip(text);
+        return static_cast<lbclu_obj_t *>(lbll_select1(&lbexecutor->clusterlist, &addr));
+    };
+    lbclu_obj_t *cluster = find(C);
+    lb_u16_t number = 80;
+    auto *port = static_cast<lbport_obj_t *>(lbll_select1(&cluster->portlist, &number));
+    // A reference that no server owns makes the port's removal refuse, and the port the cluster's.
+    auto stray = std::make_unique<lbsrv_obj_t>();
+    stray->srvref.server = stray.get();
+    ASSERT_EQ(lbll_addnode_rhs(&port->serverset.srvreflist, &stray->srvref), 0);
+    EXPECT_EQ(rm_port(C, 80), LBCMD_RC_FAILURE);
+    EXPECT_EQ(get_port(C, 80).rc, LBCMD_RC_OBJNOTFOUND) << "an RM takes it off the tree first";
+    EXPECT_EQ(rm_cluster(C), LBCMD_RC_FAILURE);
+    EXPECT_EQ(find(C), cluster) << "still linked";
+    tick(3);
+    EXPECT_EQ(lbll_size(&cluster->portlist), 0) << "three seconds old: unlinked";
+    EXPECT_EQ(lbll_size(&lbexecutor->cmdreaplist), 2) << "but not freed yet";
+    tick_once();
+    EXPECT_EQ(lbll_size(&lbexecutor->cmdreaplist), 1);
+    EXPECT_EQ(find(C), nullptr);
+    tick_once();
+    EXPECT_EQ(lbll_size(&lbexecutor->cmdreaplist), 0);
+    EXPECT_EQ(stray->srvref.refnode._list, nullptr);
 }
 
 } // namespace

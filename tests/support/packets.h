@@ -215,6 +215,22 @@ inline bytes build(const arp &a)
     return f;
 }
 
+constexpr mac mac_of(std::uint8_t last)
+{
+    return {2, 0, 0, 0, 0, last};
+}
+
+// A reply by which a neighbour makes its hardware address known to 10.0.0.1.
+inline bytes arp_reply(const std::string &ip, std::uint8_t last)
+{
+    return build(arp{.op = 2,
+                     .srchw = mac_of(last),
+                     .srcip = ip,
+                     .tgthw = mac_of(1),
+                     .tgtip = "10.0.0.1",
+                     .ethdst = mac_of(1)});
+}
+
 // The other direction: false if the frame is no ARP message for IPv4 over Ethernet of the right
 // length.
 inline bool parse(const bytes &f, arp &out)

@@ -4,59 +4,15 @@
 #include "lb_words.h"
 
 #include <atomic>
-#include <condition_variable>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "fake_fixture.h"
+#include "puppet.h"
 
 namespace
 {
-
-// A thread that does one thing after another, when told to.
-class puppet
-{
-  public:
-    puppet() : thread_([this] { run(); }) {}
-    ~puppet()
-    {
-        act({});
-        thread_.join();
-    }
-    // Returns when the thread has done it. An empty action ends the thread.
-    void act(std::function<void()> action)
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        action_ = std::move(action);
-        pending_ = true;
-        changed_.notify_all();
-        changed_.wait(lock, [this] { return !pending_; });
-    }
-
-  private:
-    void run()
-    {
-        for (bool more = true; more;) {
-            std::unique_lock<std::mutex> lock(mutex_);
-            changed_.wait(lock, [this] { return pending_; });
-            more = static_cast<bool>(action_);
-            if (more) {
-                action_();
-            }
-            pending_ = false;
-            changed_.notify_all();
-        }
-    }
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::function<void()> action_;
-    bool pending_ = false;
-    std::thread thread_;
-};
 
 struct object {
     lb_grace_node_t node;
@@ -137,17 +93,6 @@ TEST_F(GraceTest, WhoCameLaterIsNotWaitedFor)
     late.act([] { lb_grace_leave(); });
 }
 
-TEST_F(GraceTest, OneselfIsWaitedFor)
-{
-    lb_grace_t since;
-    {
-        const lb_grace_inside inside;
-        since = lb_grace_now();
-        EXPECT_FALSE(lb_grace_passed(since));
-    }
-    EXPECT_TRUE(lb_grace_passed(since));
-}
-
 TEST_F(GraceTest, SlotsAreGivenBackWhenThreadsEnd)
 {
     for (int i = 0; i < 200; i++) {
@@ -224,14 +169,6 @@ TEST_F(GraceTest, AMutexThatFailsLosesNothing)
         EXPECT_EQ(fake::live_allocations(), 0);
     }
     EXPECT_FALSE(fake::log_contains("is lost"));
-}
-
-TEST_F(GraceTest, InitialisationFails)
-{
-    ASSERT_EQ(lb_grace_exit(), 0);
-    fake::fail(fake::op::mutex_init, 1);
-    EXPECT_EQ(lb_grace_init(), 1);
-    ASSERT_EQ(lb_grace_init(), 0);
 }
 
 // Readers follow a published pointer while it is replaced and the old object freed. Freed memory is

@@ -27,25 +27,8 @@ class InterfaceTest : public StackTest
     }
 };
 
-TEST_F(InterfaceTest, KindFollowsFromNameAndAddress)
-{
-    lbcmd_key_t key = ifacekey();
-    EXPECT_EQ(_lbiface_keytype(&key.iface), LBIFACE_KEYTYPE_IFCOLLECTION);
-    key = ifacekey("eth0");
-    EXPECT_EQ(_lbiface_keytype(&key.iface), LBIFACE_KEYTYPE_IFINSTANCE);
-    key = ifacekey("eth0", "10.0.0.1");
-    EXPECT_EQ(_lbiface_keytype(&key.iface), LBIFACE_KEYTYPE_IPADDR);
-    key = ifacekey("", "10.0.0.1");
-    EXPECT_EQ(_lbiface_keytype(&key.iface), LBIFACE_KEYTYPE_UNKNOWN);
-    key = ifacekey("eth0", "0.0.0.0");
-    EXPECT_EQ(_lbiface_keytype(&key.iface), LBIFACE_KEYTYPE_UNKNOWN);
-}
-
 TEST_F(InterfaceTest, SelectsFarEndBeforeSubnetAndFirstOfEach)
 {
-    set_executor_log_mask(LB_LOG_IFCOL);
-    EXPECT_EQ(reachable_on("10.0.0.7"), "null");
-    EXPECT_TRUE(fake::log_contains("selectbyip returning null"));
     ASSERT_ADDED(add_interface("wide", stack::ethernet(1)));
     ASSERT_ADDED(add_ifaddr("wide", "10.0.0.1/8"));
     ASSERT_ADDED(add_interface("near", stack::ethernet(2)));
@@ -69,7 +52,6 @@ TEST_F(InterfaceTest, SelectsFarEndBeforeSubnetAndFirstOfEach)
     for (const auto &row : rows) {
         EXPECT_EQ(reachable_on(row.addr), row.name) << row.addr;
     }
-    EXPECT_TRUE(fake::log_contains("selectbyip returning ptp\n"));
     // A SET of the far end moves it.
     EXPECT_EQ(set(LBCMD_KEYTYPE_IFACE, ifacekey("ptp", "192.168.0.1"), lbifaddr_setable_t{}), 1);
     EXPECT_EQ(reachable_on("10.0.1.9"), "ptp2");
@@ -93,30 +75,13 @@ TEST_F(InterfaceTest, SourceIsTheAddressWhoseSubnetOrFarEndMatches)
     };
     for (const auto &row : rows) {
         lbip_addr_t to = ip(row.to);
-        const lbip_addr_t *subnet = lbifin_getsrcip(interface("eth0"), &to);
-        const lbip_addr_t *farend = lbifin_getsrcp2pip(interface("eth0"), &to);
-        const lbip_addr_t expected[] = {ip(row.subnet), ip(row.farend)};
-        EXPECT_EQ(subnet != nullptr, *row.subnet != '\0') << row.to;
-        EXPECT_EQ(farend != nullptr, *row.farend != '\0') << row.to;
-        EXPECT_TRUE(subnet == nullptr || lbip_isaddrequal(subnet, &expected[0])) << row.to;
-        EXPECT_TRUE(farend == nullptr || lbip_isaddrequal(farend, &expected[1])) << row.to;
+        const auto text = [](const lbip_addr_t *addr) {
+            const auto *b = addr != nullptr ? addr->nboaddr.v4 : nullptr;
+            return b != nullptr ? packets::to_text({b[0], b[1], b[2], b[3]}) : "";
+        };
+        EXPECT_EQ(text(lbifin_getsrcip(interface("eth0"), &to)), row.subnet) << row.to;
+        EXPECT_EQ(text(lbifin_getsrcp2pip(interface("eth0"), &to)), row.farend) << row.to;
     }
-}
-
-TEST_F(InterfaceTest, BytesOfTheBlockAreStoredAndRead)
-{
-    lbifin_setable_t setable = stack::ethernet(9, 9000);
-    setable.isPTP = LBIFIN_YN_UNDEFINED;
-    ASSERT_ADDED(add_interface("eth0", setable));
-    stack::interface_view view = get_interface("eth0");
-    EXPECT_EQ(std::memcmp(&view.setable, &setable, sizeof(setable)), 0);
-    EXPECT_TRUE(lbifin_doesarp(interface("eth0")));
-    EXPECT_FALSE(lbifin_isptp(interface("eth0")));
-    setable.isPTP = LBIFIN_YN_YES;
-    setable.arp = LBIFIN_YN_NO;
-    EXPECT_EQ(set_interface("eth0", setable), LBCMD_RC_SUCCESS);
-    EXPECT_FALSE(lbifin_doesarp(interface("eth0")));
-    EXPECT_TRUE(lbifin_isptp(interface("eth0")));
 }
 
 TEST_F(InterfaceTest, HostIsToldOfUpTo51Interfaces)
@@ -130,51 +95,10 @@ TEST_F(InterfaceTest, HostIsToldOfUpTo51Interfaces)
     const auto events = fake::iface_events();
     ASSERT_EQ(events.size(), 54U);
     EXPECT_EQ(events[0].interfaces, 1);
-    EXPECT_EQ(events[0].ifname, "eth1");
-    EXPECT_EQ(events[0].mac, (std::vector<std::uint8_t>{2, 0, 0, 0, 0, 3}));
     EXPECT_EQ(events[50].interfaces, 51);
     EXPECT_EQ(events[51].interfaces, 51);
     EXPECT_EQ(events[52].ifname, full.substr(0, 16));
     EXPECT_FALSE(events[53].added);
-    EXPECT_EQ(events[53].ifname, full.substr(0, 16));
-}
-
-TEST_F(InterfaceTest, MethodRefusesToRemoveAnInterfaceWithAddresses)
-{
-    ASSERT_ADDED(add_interface("eth0"));
-    ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
-    lbcmd_objhdr_t *obj = &interface("eth0")->cmdobj;
-    EXPECT_EQ(obj->remove(obj), LBCMD_RC_FAILURE);
-    EXPECT_TRUE(fake::log_contains("removal of ifaddr list failed."));
-    EXPECT_EQ(reachable_on("10.0.0.7"), "eth0");
-}
-
-TEST_F(InterfaceTest, RemovalTakesEffectAtOnce)
-{
-    ASSERT_ADDED(add_interface("eth0"));
-    ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
-    EXPECT_EQ(rm_ifaddr("eth0", "10.0.0.1/24"), LBCMD_RC_SUCCESS);
-    EXPECT_EQ(reachable_on("10.0.0.7"), "null");
-    EXPECT_TRUE(get_interface("eth0").children.empty());
-    EXPECT_EQ(rm_interface("eth0"), LBCMD_RC_SUCCESS);
-    ASSERT_ADDED(add_interface("eth0", stack::ethernet(2)));
-    ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
-    EXPECT_EQ(reachable_on("10.0.0.7"), "eth0");
-}
-
-// An interface that goes away must not be reached through the neighbours that were found on it.
-TEST_F(InterfaceTest, RemovalClearsNeighbours)
-{
-    ASSERT_ADDED(add_interface("eth0"));
-    ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
-    EXPECT_EQ(set_client_gateway("10.0.0.254"), LBCMD_RC_SUCCESS);
-    const lbneigh_obj_t *neigh = lb_peekptr(lbexecutor->clientgw_neigh);
-    ASSERT_NE(neigh, nullptr);
-    ASSERT_NE(lb_peekptr(neigh->route), nullptr);
-    EXPECT_EQ(rm_ifaddr("eth0", "10.0.0.1/24"), LBCMD_RC_SUCCESS);
-    EXPECT_EQ(rm_interface("eth0"), LBCMD_RC_SUCCESS);
-    EXPECT_EQ(lb_peekptr(neigh->route), nullptr);
-    tick(2);
 }
 
 // A thread that was inside when the interface was removed may have found a neighbour on it once

@@ -1,31 +1,18 @@
-// Log mask, line assembly, time differences, dumps and shared-word copies.
+// Log mask, time differences and shared-word copies.
 #include "lb_log.h"
 #include "lb_utils.h"
 #include "lb_words.h"
 
 #include <atomic>
 #include <cstring>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "fake_fixture.h"
 
 namespace
 {
 
-class LogTest : public FakeHostTest
-{
-};
-
-TEST_F(LogTest, EverySitePrintsUntilThereIsAMask)
-{
-    LB_LOG(LB_LOG_ARP, "first\n");
-    EXPECT_TRUE(fake::log_contains("first"));
-    set_log_mask(0);
-    LB_LOG(LB_LOG_ARP | LB_LOG_FAILURE, "second\n");
-    EXPECT_FALSE(fake::log_contains("second"));
-}
+using LogTest = FakeHostTest;
 
 TEST_F(LogTest, AnyCommonBitPrints)
 {
@@ -56,100 +43,6 @@ TEST_F(LogTest, DisabledSiteEvaluatesNothing)
     int evaluated = 0;
     LB_LOG(LB_LOG_LIST, "%d\n", ++evaluated);
     EXPECT_EQ(evaluated, 0);
-}
-
-TEST_F(LogTest, PrefixIsTimeSinceStart)
-{
-    LB_LOG(LB_LOG_LIST, "before\n");
-    EXPECT_EQ(fake::log_lines().at(0).rfind("0.000000 lb_log_test.cpp:", 0), 0U);
-    static lb_timeval_t start = {1000, 900000};
-    lbexeos_starttime = &start;
-    struct {
-        lb_s32_t secs;
-        lb_s32_t usecs;
-        const char *prefix;
-    } const rows[] = {
-        {1002, 100000, "1.200000 "},
-        {1000, 900007, "0.000007 "},
-        {998, 950000, "-1.-950000 "}, // the clock was set back
-    };
-    for (const auto &row : rows) {
-        fake::log_clear();
-        fake::set_time(row.secs, row.usecs);
-        LB_LOG(LB_LOG_LIST, "now\n");
-        EXPECT_EQ(fake::log_lines().at(0).rfind(row.prefix, 0), 0U) << fake::log_lines().at(0);
-    }
-}
-
-TEST_F(LogTest, PiecesLeaveAsOneLine)
-{
-    os_print("abc");
-    EXPECT_TRUE(fake::log_lines().empty());
-    os_print("def\n");
-    ASSERT_EQ(fake::log_lines().size(), 1U);
-    EXPECT_EQ(fake::log_lines()[0], "abcdef\n");
-}
-
-TEST_F(LogTest, LongLinesAreCut)
-{
-    const std::string longtext(2000, 'x');
-    os_print("%s", longtext.c_str());
-    ASSERT_EQ(fake::log_lines().size(), 1U) << "a full line leaves without its newline";
-    EXPECT_EQ(fake::log_lines()[0], std::string(1022, 'x'));
-    os_print("next\n");
-    EXPECT_EQ(fake::log_lines().at(1), "next\n");
-}
-
-TEST_F(LogTest, ThreadsDoNotMixTheirLines)
-{
-    constexpr int LINES = 300;
-    std::vector<std::thread> threads;
-    for (const char letter : {'a', 'b', 'c'}) {
-        threads.emplace_back([letter] {
-            const std::string half(20, letter);
-            for (int i = 0; i < LINES; i++) {
-                os_print("%s", half.c_str());
-                os_print("%s\n", half.c_str());
-            }
-        });
-    }
-    for (std::thread &t : threads) {
-        t.join();
-    }
-    const auto lines = fake::log_lines();
-    EXPECT_EQ(lines.size(), 3U * LINES);
-    for (const std::string &l : lines) {
-        EXPECT_EQ(l, std::string(40, l[0]) + "\n");
-    }
-}
-
-TEST_F(LogTest, ByteDump)
-{
-    struct {
-        const char *name;
-        std::string bytes;
-        std::vector<std::string> lines;
-    } const rows[] = {
-        {"nothing", "", {"\n"}},
-        {"printable and not", std::string("a\x1f~\x7f", 4), {"61[a] 1f[.] 7e[~] 7f[.] \n"}},
-        {"two blanks after eight",
-         std::string(8, '0'),
-         {"30[0] 30[0] 30[0] 30[0] 30[0] 30[0] 30[0] 30[0]   \n"}},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        fake::log_clear();
-        lb_byteprint(row.bytes.data(), static_cast<int>(row.bytes.size()));
-        EXPECT_EQ(fake::log_lines(), row.lines);
-    }
-    fake::log_clear();
-    lb_byteprint(std::string(17, ' ').data(), 17);
-    ASSERT_EQ(fake::log_lines().size(), 2U);
-    EXPECT_EQ(fake::log_lines()[0].size(), 16U * 6 + 2 + 1);
-    EXPECT_EQ(fake::log_lines()[1], "20[ ] \n");
-    fake::log_clear();
-    lb_byteprint(nullptr, 4);
-    EXPECT_EQ(fake::log_lines(), std::vector<std::string>{"lb_byteprint: null pointer\n"});
 }
 
 TEST_F(LogTest, TimeDifferences)

@@ -7,40 +7,26 @@
 namespace
 {
 
+using std::literals::operator""sv;
+
 TEST(vellb_address, parses_and_prints)
 {
-    struct row_t {
-        const char *text;
-        const char *printed; // null: refused
-    };
-    const row_t rows[] = {
+    const std::pair<const char *, const char *> good[] = {
         {"10.0.0.1", "10.0.0.1"},
         {"2001:DB8:0::1", "2001:db8::1"},
         {"[2001:db8::1]", "2001:db8::1"},
         {"::ffff:10.0.0.1", "::ffff:10.0.0.1"},
-        {"", nullptr},
-        {"10.0.0", nullptr},
-        {"10.0.0.256", nullptr},
-        {"010.0.0.1", nullptr},
-        {"10.0.0.1 ", nullptr},
-        {"[10.0.0.1]", nullptr},
-        {"[]", nullptr},
-        {"[2001:db8::1", nullptr},
-        {"localhost", nullptr},
-        {"2001:db8::1%eth0", nullptr},
     };
-    for (const row_t &row : rows) {
-        const auto addr = vellb::parse_address(row.text);
-        EXPECT_EQ(addr.has_value(), row.printed != nullptr) << row.text;
-        if (addr && row.printed != nullptr) {
-            EXPECT_EQ(vellb::address_text(*addr), row.printed);
-        }
+    for (const auto &[text, printed] : good) {
+        const auto addr = vellb::parse_address(text);
+        ASSERT_TRUE(addr.has_value()) << text;
+        EXPECT_EQ(vellb::address_text(*addr), printed);
     }
-}
-
-TEST(vellb_address, an_embedded_nul_does_not_end_the_word)
-{
-    EXPECT_FALSE(vellb::parse_address(std::string_view("10.0.0.1\0x", 10)));
+    for (const std::string_view bad :
+         {"10.0.0.1\0x"sv, ""sv, "10.0.0"sv, "10.0.0.256"sv, "010.0.0.1"sv, "10.0.0.1 "sv,
+          "[10.0.0.1]"sv, "[]"sv, "[2001:db8::1"sv, "localhost"sv, "2001:db8::1%eth0"sv}) {
+        EXPECT_FALSE(vellb::parse_address(bad)) << bad;
+    }
 }
 
 TEST(vellb_address, prefixes)
@@ -141,22 +127,6 @@ TEST(vellb_names, a_mask_in_words_means_the_same_mask)
                                 0x40000ULL, 0x8000000ULL}) {
         std::string bad;
         EXPECT_EQ(vellb::mask_from(vellb::mask_text(mask), 0x77, bad), mask) << bad;
-    }
-}
-
-TEST(vellb_names, neighbours_in_words)
-{
-    const std::pair<int, const char *> rows[] = {
-        {0, "none"},
-        {1, "reachable"},
-        {3, "asking 1 of 3"},
-        {6 | 64, "dead, servers down"},
-        {2 | 16, "verifying, no interface"},
-        {0x20, "cannot transmit"},
-        {7, "unknown"},
-    };
-    for (const auto &[state, text] : rows) {
-        EXPECT_EQ(vellb::neighbour_text(static_cast<lb_u8_t>(state)), text);
     }
 }
 

@@ -153,24 +153,6 @@ TEST(vellb_command, texts_without_an_end_stay_within_their_field)
     EXPECT_EQ(vellb::block_text("a\033[2Jb\0c", 8), "a?[2Jb");
 }
 
-TEST(vellb_command, keys_in_words)
-{
-    const auto config = [](const lbcmd_key_t &key) {
-        return vellb::key_text(LBCMD_KEYTYPE_CONFIG, key);
-    };
-    lbcmd_key_t heartbeat = vellb::cluster_key(ip("10.0.0.1"));
-    heartbeat.cfg.server = ip("10.0.0.2");
-    lbcmd_key_t odd = vellb::cluster_key(ip("10.0.0.1"));
-    odd.cfg.rule = 1;
-    EXPECT_EQ(config({}), "the executor");
-    EXPECT_EQ(config(vellb::port_key(ip("2001:db8::1"), 80)), "port [2001:db8::1]:80");
-    EXPECT_EQ(config(heartbeat), "heartbeat 10.0.0.1 to 10.0.0.2");
-    EXPECT_EQ(config(odd), "unknown object");
-    EXPECT_EQ(vellb::key_text(LBCMD_KEYTYPE_IFACE,
-                              vellb::address_key(std::string(40, 'x'), ip("10.0.0.1"))),
-              "address 10.0.0.1 of interface " + std::string(32, 'x'));
-}
-
 // --- The road to the daemon ----------------------------------------------------------------------
 
 vellb::fault_e kind_of(const std::string &path, std::string &message)

@@ -107,11 +107,6 @@ class fake_daemon
             objects_.push_back(std::move(what));
         }
     }
-    bool has(lbcmd_keytype_e keytype, const lbcmd_key_t &key)
-    {
-        const std::lock_guard held(mutex_);
-        return find(keytype, key) != nullptr;
-    }
 
   private:
     static bool same(lbcmd_keytype_e keytype, const lbcmd_key_t &a, const lbcmd_key_t &b)
