@@ -33,11 +33,11 @@ nobody holds the lock of its directory). `python3 -m lab clean` does the last by
         net.client.run(["curl", "-s", f"http://{net.CLUSTER}/"])
 """
 
-from lab.core import Lab, LabError, Terminated, build_dir, wait_until
+from lab.core import Lab, LabError, Terminated, build_dir, sanitized, wait_until
 from lab.daemon import Daemon
 from lab.frames import Capture, Injector
 from lab.node import Node, Segment, mac_of
 from lab.topology import Basic, Routed
 
 __all__ = ["Basic", "Capture", "Daemon", "Injector", "Lab", "LabError", "Node", "Routed", "Segment",
-           "Terminated", "build_dir", "mac_of", "wait_until"]
+           "Terminated", "build_dir", "mac_of", "sanitized", "wait_until"]

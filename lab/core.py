@@ -40,6 +40,13 @@ def build_dir():
     return path if path.is_absolute() else REPO / path
 
 
+def sanitized():
+    """Whether the programs carry a sanitizer: they are slower then, and find leaks when they end."""
+    cache = build_dir() / "CMakeCache.txt"
+    return cache.exists() and re.search(r"^VELL_SANITIZE:\w+=\S", cache.read_text(encoding="utf-8"),
+                                        re.MULTILINE) is not None
+
+
 def run(argv, check=True, timeout=60, **kwargs):
     """Runs a command to its end and returns it with its output as text; a failure tells all."""
     argv = [str(a) for a in argv]

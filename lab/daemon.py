@@ -169,6 +169,20 @@ class Daemon:
 
         wait_until(there, timeout, f"{address} to be {state}", interval=0.05)
 
+    def clear(self):
+        """Removes every object and waits until their memory is free: what is left, leaked."""
+        self.ctl("executor", "set", "--log-mask", "+reaping", "--client-gateway", "none")
+        shown = self.ctl_json("show")
+        for cluster in shown["clusters"]:
+            self.ctl("cluster", "rm", cluster["cluster"], "--recursive")
+        for interface in shown["interfaces"]:
+            self.ctl("interface", "rm", interface["interface"], "--recursive")
+        # Servers are freed after three seconds, what they referred to three seconds after that.
+        mark = self.mark()
+        idle = re.compile("reaping 0 nodes")
+        wait_until(lambda: sum(bool(idle.search(line.text)) for line in self.lines[mark:]) >= 12, 30,
+                   "twelve ticks with nothing to free")
+
     def command(self, *args, **kwargs):
         """One command by hand, see lab.command.request; the parsed answer."""
         return command.call(self.socket, *args, **kwargs)

@@ -11,7 +11,7 @@ import time
 import pytest
 from packets import IP, UDP, Ether
 
-from lab import Basic, Node, Segment, build_dir, command, mac_of, wait_until
+from lab import Basic, Node, Segment, command, mac_of, sanitized, wait_until
 
 MASK = 0xA00  # failures, and what is reaped
 # One arena without caches, never trimmed: its size stays where the same work has brought it before,
@@ -33,12 +33,6 @@ def make_net(lab):
     far = Node(lab, "far")
     far.attach(back, f"{FAR}/24")
     return net
-
-
-def sanitized():
-    """Whether the build under test carries a sanitizer."""
-    cache = (build_dir() / "CMakeCache.txt").read_text(encoding="utf-8")
-    return re.search(r"^VELL_SANITIZE:\w+=\S", cache, re.MULTILINE) is not None
 
 
 COUNT, PER_SECOND = (30_000, 3_000) if sanitized() else (100_000, 10_000)
