@@ -166,6 +166,13 @@ class StackTest : public FakeHostTest, protected stack::client
         change(setable);
         return set(LBCMD_KEYTYPE_CONFIG, stack::cfgkey(), setable);
     }
+    int set_port(const std::string &cluster, lb_u16_t port,
+                 const std::function<void(lbport_setable_t &)> &change)
+    {
+        lbport_setable_t setable = get_port(cluster, port).setable;
+        change(setable);
+        return set(LBCMD_KEYTYPE_CONFIG, stack::cfgkey(cluster, port), setable);
+    }
     int set_server(const std::string &cluster, lb_u16_t port, const std::string &server,
                    const std::function<void(lbsrv_setable_t &)> &change)
     {
