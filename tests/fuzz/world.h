@@ -27,7 +27,7 @@ inline void require(bool good, const char *what)
 // 10.9.0.1 and the far end 10.9.0.2; the client gateway 10.0.0.254; and the cluster 10.0.0.100:
 //   80    HASH, UDPRR    servers 10.0.0.11 and 10.0.0.12
 //   81    UDPRR, UDPRR   servers 10.0.0.11 (weight 2), 10.0.0.12 (weight 0)
-//   53    HASH, a UDP algorithm that has no chooser
+//   53    HASH, a UDP algorithm whose table the port lacks
 //   82    HASH           no server
 //   83    HASH           a server that no interface reaches
 //   84    HASH           a server at the far end of ppp0

@@ -85,11 +85,11 @@ TEST_F(ConnectionTest, TellsConnectionsApartByAddressAndPort)
 {
     std::set<std::string> seen;
     int next = 11;
-    for (const char *client : {"10.9.0.1", "10.9.0.2"}) {
+    for (const char *who : {"10.9.0.1", "10.9.0.2"}) {
         // Equal in the low 12 bits, which choose the bucket.
         for (const std::uint16_t sport : {40000, 40000 + 4096, 40001}) {
-            EXPECT_EQ(tcp(SYN, sport, client), next);
-            EXPECT_EQ(tcp(ACK, sport, client), next);
+            EXPECT_EQ(tcp(SYN, sport, who), next);
+            EXPECT_EQ(tcp(ACK, sport, who), next);
             next = next == 13 ? 11 : next + 1;
         }
     }
@@ -396,8 +396,8 @@ class AffinityTest : public RecordFixture
             ASSERT_ADDED(make_server(443, last));
         }
     }
-    int at80(const std::string &client, std::uint16_t sport = 1) { return tcp(ACK, sport, client); }
-    int at443(const std::string &client) { return tcp(ACK, 1, client, 443); }
+    int at80(const std::string &who, std::uint16_t sport = 1) { return tcp(ACK, sport, who); }
+    int at443(const std::string &who) { return tcp(ACK, 1, who, 443); }
 };
 
 TEST_F(AffinityTest, ReturnsAClientToItsServer)

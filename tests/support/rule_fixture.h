@@ -57,7 +57,8 @@ class RuleFixture : public StackTest
 
     int add_rule(int rule, const lbrul_setable_t &setable = settings(LBRUL_TYPE_TRUE))
     {
-        return add(LBCMD_KEYTYPE_CONFIG, rule_key(rule), lbrul_addable_t{}, setable);
+        return add(LBCMD_KEYTYPE_CONFIG, rule_key(rule), stack::bytes_of(lbrul_addable_t{}),
+                   stack::bytes_of(setable));
     }
     int set_rule(int rule, const lbrul_setable_t &setable)
     {
@@ -66,8 +67,8 @@ class RuleFixture : public StackTest
     int rm_rule(int rule) { return rm(LBCMD_KEYTYPE_CONFIG, rule_key(rule)); }
     int use(int rule, int last)
     {
-        return add(LBCMD_KEYTYPE_CONFIG, use_key(rule, last), lbusrv_addable_t{},
-                   lbusrv_setable_t{});
+        return add(LBCMD_KEYTYPE_CONFIG, use_key(rule, last), stack::bytes_of(lbusrv_addable_t{}),
+                   stack::bytes_of(lbusrv_setable_t{}));
     }
     int disuse(int rule, int last) { return rm(LBCMD_KEYTYPE_CONFIG, use_key(rule, last)); }
     int weigh(int last, lb_u16_t weight)
@@ -76,7 +77,7 @@ class RuleFixture : public StackTest
                           [weight](lbsrv_setable_t &setable) { setable.weight = weight; });
     }
 
-    rule_view get_rule(int rule) { return get<rule_view>(LBCMD_KEYTYPE_CONFIG, rule_key(rule)); }
+    rule_view get_rule(int rule) { return get<rule_view>(rule_key(rule)); }
     lb_u64_t fired(int rule) { return get_rule(rule).getable.timesfired; }
     lb_u16_t uses_of(int last) { return get_server(C, 80, address(last)).getable.useservercount; }
 

@@ -58,8 +58,9 @@ TEST_F(RuleTest, WithoutUseServersItDropsEveryPacket)
     ASSERT_ADDED(add_port(C, 53));
     ASSERT_ADDED(add_server(C, 53, "10.0.0.11"));
     ASSERT_ADDED(add_rule(1));
-    ASSERT_ADDED(add(LBCMD_KEYTYPE_CONFIG, stack::cfgkey(C, 53, "", 1), lbrul_addable_t{},
-                     settings(LBRUL_TYPE_TRUE)));
+    ASSERT_ADDED(add(LBCMD_KEYTYPE_CONFIG, stack::cfgkey(C, 53, "", 1),
+                     stack::bytes_of(lbrul_addable_t{}),
+                     stack::bytes_of(settings(LBRUL_TYPE_TRUE))));
     const auto freed = fake::unheld_frees();
     EXPECT_EQ(route(), NOWHERE);
     EXPECT_EQ(route({.dport = 53, .proto = packets::UDP}), NOWHERE);
@@ -156,21 +157,20 @@ TEST_F(RuleTest, NewConnectionsFollowItAndOldOnesStay)
     }
     ASSERT_ADDED(set_server(C, 81, address(12), [](lbsrv_setable_t &b) { b.weight = 0; }));
     const auto at81 = [](int last) { return stack::cfgkey(C, 81, last ? address(last) : "", 1); };
-    ASSERT_ADDED(add(LBCMD_KEYTYPE_CONFIG, at81(0), lbrul_addable_t{},
-                     settings(LBRUL_TYPE_PORTACTIVE, 2, 2)));
+    ASSERT_ADDED(add(LBCMD_KEYTYPE_CONFIG, at81(0), stack::bytes_of(lbrul_addable_t{}),
+                     stack::bytes_of(settings(LBRUL_TYPE_PORTACTIVE, 2, 2))));
     const auto connect = [](std::uint16_t sport) { return route({.sport = sport, .dport = 81}); };
     EXPECT_EQ(connect(1000), 11);
     EXPECT_EQ(connect(1001), 11);
     ASSERT_ADDED(set_server(C, 81, address(12), [](lbsrv_setable_t &b) { b.weight = 1; }));
-    ASSERT_ADDED(add(LBCMD_KEYTYPE_CONFIG, at81(12), lbusrv_addable_t{}, lbusrv_setable_t{}));
+    ASSERT_ADDED(add(LBCMD_KEYTYPE_CONFIG, at81(12), stack::bytes_of(lbusrv_addable_t{}),
+                     stack::bytes_of(lbusrv_setable_t{})));
     tick_once();
     EXPECT_EQ(connect(1002), 12);
     EXPECT_EQ(connect(1003), 12) << "two open ones are known until the next tick";
     EXPECT_EQ(route({.sport = 1000, .dport = 81, .flags = 0x10}), 11);
     tick_once();
-    const auto fired = [&] {
-        return get<rule_view>(LBCMD_KEYTYPE_CONFIG, at81(0)).getable.timesfired;
-    };
+    const auto fired = [&] { return get<rule_view>(at81(0)).getable.timesfired; };
     EXPECT_EQ(fired(), 2U);
     (void)connect(1004);
     EXPECT_EQ(fired(), 2U) << "four are too many";
@@ -218,7 +218,8 @@ TEST_F(RuleTest, KeepsWhatItWasGiven)
     const rule_view view = get_rule(3);
     EXPECT_EQ(std::memcmp(&view.setable, &setable, sizeof(setable)), 0);
     EXPECT_EQ(add_rule(3), LBCMD_RC_ALREADYEXISTS);
-    EXPECT_EQ(add(LBCMD_KEYTYPE_CONFIG, stack::cfgkey(C, 81, "", 3), lbrul_addable_t{}, setable),
+    EXPECT_EQ(add(LBCMD_KEYTYPE_CONFIG, stack::cfgkey(C, 81, "", 3),
+                  stack::bytes_of(lbrul_addable_t{}), stack::bytes_of(setable)),
               LBCMD_RC_PARENTDNE);
     EXPECT_EQ(rm_port(C, 80), LBCMD_RC_HASCHILD);
 }

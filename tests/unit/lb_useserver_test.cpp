@@ -64,7 +64,7 @@ TEST_F(UseServerTest, IsListedUnderItsRuleAndItsServer)
     EXPECT_EQ(bytes(ofrule[1]), bytes(use_key(1, 11)));
     ASSERT_EQ(get_server(C, 80, address(11)).children.size(), 1U);
     EXPECT_EQ(bytes(get_server(C, 80, address(11)).children[0]), bytes(use_key(1, 11)));
-    EXPECT_EQ(get<useserver_view>(LBCMD_KEYTYPE_CONFIG, use_key(1, 11)).rc, LBCMD_RC_SUCCESS);
+    EXPECT_EQ(get<useserver_view>(use_key(1, 11)).rc, LBCMD_RC_SUCCESS);
 }
 
 TEST_F(UseServerTest, WeightSumOfTheRuleFollowsEveryChange)

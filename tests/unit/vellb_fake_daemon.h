@@ -108,6 +108,12 @@ class fake_daemon
         }
     }
 
+    bool has(lbcmd_keytype_e keytype, const lbcmd_key_t &key)
+    {
+        const std::lock_guard held(mutex_);
+        return find(keytype, key) != nullptr;
+    }
+
   private:
     static bool same(lbcmd_keytype_e keytype, const lbcmd_key_t &a, const lbcmd_key_t &b)
     {
