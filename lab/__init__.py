@@ -37,8 +37,7 @@ from lab.core import Lab, LabError, Terminated, build_dir, wait_until
 from lab.daemon import Daemon
 from lab.frames import Capture, Injector
 from lab.node import Node, Segment, mac_of
-from lab.sessions import LongSessions
 from lab.topology import Basic, Routed
 
-__all__ = ["Basic", "Capture", "Daemon", "Injector", "Lab", "LabError", "LongSessions", "Node", "Routed",
-           "Segment", "Terminated", "build_dir", "mac_of", "wait_until"]
+__all__ = ["Basic", "Capture", "Daemon", "Injector", "Lab", "LabError", "Node", "Routed", "Segment",
+           "Terminated", "build_dir", "mac_of", "wait_until"]

@@ -18,8 +18,9 @@ sys.dont_write_bytecode = True
 import steps  # noqa: E402
 
 sys.path.insert(0, str(steps.REPO))
-from lab import Basic, Lab, LabError, LongSessions, mac_of, wait_until  # noqa: E402
+from lab import Basic, Lab, LabError, mac_of, wait_until  # noqa: E402
 from lab.core import RUN  # noqa: E402
+from lab.sessions import LongSessions  # noqa: E402
 
 LOGS = steps.REPO / "build/demo"
 WEIGHTS = (2, 2, 1)

@@ -9,7 +9,8 @@ import time
 
 import pytest
 
-from lab import LongSessions, wait_until
+from lab import wait_until
+from lab.sessions import LongSessions
 
 ECHO, STICKY_ECHO = 7, 9  # connection; connections whose server is the client's
 WEB, SHOP, TILL, RULED = 80, 81, 82, 83  # connection; two that are affinity's; connection
