@@ -1,5 +1,6 @@
 """Shows vellb2 at work: HTTP requests from a client to a cluster address that no host owns are
-spread over three real web servers, and answered by them directly.
+spread over three real web servers, and answered by them directly; then long sessions stay with their
+servers while one of these is drained.
 
 Needs root. Installs missing packages, builds the daemon and vellbctl, makes a small network of
 namespaces on this machine, and takes it away again. Nothing is plugged into the host's network.
@@ -17,11 +18,14 @@ sys.dont_write_bytecode = True
 import steps  # noqa: E402
 
 sys.path.insert(0, str(steps.REPO))
-from lab import Basic, Lab, LabError, mac_of  # noqa: E402
+from lab import Basic, Lab, LabError, mac_of, wait_until  # noqa: E402
 from lab.core import RUN  # noqa: E402
+from lab.sessions import LongSessions  # noqa: E402
 
 LOGS = steps.REPO / "build/demo"
 WEIGHTS = (2, 2, 1)
+ECHO, SESSIONS, VISITS = 7, 12, 30
+DRAINED = "server2"
 
 
 def command(node, words, show=True):
@@ -119,6 +123,78 @@ def explain(net):
   the answers never passed the forwarder.""")
 
 
+def configure_echo(net):
+    """A port whose connections keep their server."""
+    command(net.forwarder, f"port add {net.CLUSTER}:{ECHO} --algorithm connection")
+    for number in (1, 2, 3):
+        command(net.forwarder, f"server add {net.CLUSTER}:{ECHO} {net.server_address(number)} --weight 1")
+
+
+def look(net, sessions, title):
+    """How things are: what the clients say, and what the forwarder counts."""
+    before = sessions.show()
+    new = sessions.visit(ECHO, VISITS)
+    try:
+        wait_until(lambda: all(now.ended or now.blocks > then.blocks + 1
+                               for then, now in zip(before, sessions.show())), 10, "data")
+    except LabError as e:
+        raise steps.StepFailed("a session no longer carries data") from e
+    found = sessions.show()
+    ended = [s.ended for s in found if s.ended]
+    if ended:
+        raise steps.StepFailed(f"{len(ended)} of {len(found)} sessions ended: {ended[0]}")
+    open_on = collections.Counter(s.server for s in found)
+
+    def counted():
+        shown = net.daemon.ctl_json("server", "show", f"{net.CLUSTER}:{ECHO}")["servers"]
+        active = {s["server"]: s["connections"]["active"] for s in shown}
+        return active if sum(active.values()) == len(found) else None
+
+    active = wait_until(counted, 10, "the short connections to be over")
+    return {"title": title, "sessions": open_on, "new": new, "active": active,
+            "carried": sum(s.blocks for s in found)}
+
+
+def report_sessions(net, looks):
+    """What stayed and what moved; raises when it is not what the forwarder promises."""
+    print("\n" + " " * 11 + "".join(f"   {one['title']:<23}" for one in looks).rstrip())
+    print(f"  {'server':<9}" + f"   {'sessions':>8} {'(active)':>8} {'new':>5}" * len(looks))
+    for number in (1, 2, 3):
+        name, address = f"server{number}", net.server_address(number)
+        print(f"  {name:<9}" + "".join(f"   {one['sessions'][name]:>8} {one['active'][address]:>8} "
+                                       f"{one['new'][name]:>5}" for one in looks))
+    before, drained, back = looks
+    if not before["sessions"] == drained["sessions"] == back["sessions"]:
+        raise steps.StepFailed("sessions changed their server")
+    if drained["new"][DRAINED] or not (before["new"][DRAINED] and back["new"][DRAINED]):
+        raise steps.StepFailed(f"new connections went where they should not: {drained['new']}")
+    for one in looks:
+        if any(one["active"][net.server_address(i)] != one["sessions"][f"server{i}"] for i in (1, 2, 3)):
+            raise steps.StepFailed(f"the forwarder counts other sessions than there are: {one['active']}")
+    print(f"""
+  What happened: {SESSIONS} sessions carried {back['carried']} blocks of numbered data without a fault. {DRAINED}'s weight
+  fell to 0 and came back; its sessions stayed with it, as the clients say and as the forwarder counts
+  (active), while {VISITS} new connections each time went to those with weight.""")
+
+
+def show_sessions(net):
+    """The second scene: long sessions, and a server that is drained under them."""
+    print("\n  Connections that stay: a second port, whose algorithm remembers each connection's server.\n")
+    configure_echo(net)
+    weight = f"server set {net.CLUSTER}:{ECHO} {net.server_address(int(DRAINED[-1]))} --weight"
+    with steps.Step(f"{SESSIONS} sessions opened, each with data on its way all the time"):
+        sessions = LongSessions(net, [ECHO])
+        sessions.open(ECHO, SESSIONS)
+    looks = [look(net, sessions, "before")]
+    command(net.forwarder, f"{weight} 0")
+    looks.append(look(net, sessions, f"{DRAINED} has weight 0"))
+    for line in command(net.forwarder, f"server show {net.CLUSTER}:{ECHO}").splitlines():
+        print(f"    {line}".rstrip())
+    command(net.forwarder, f"{weight} 1")
+    looks.append(look(net, sessions, "weight 1 again"))
+    report_sessions(net, looks)
+
+
 def keep(net, lab):
     """Stays up until Ctrl-C."""
     print(f"""
@@ -156,6 +232,7 @@ def show(args):
             for line in command(net.forwarder, "show").splitlines():
                 print(f"    {line}")
             explain(net)
+            show_sessions(net)
             if args.keep:
                 keep(net, lab)
             status = net.daemon.stop()
