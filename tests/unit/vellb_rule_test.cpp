@@ -62,7 +62,7 @@ class vellbctl_rules : public testing::Test
 TEST_F(vellbctl_rules, wrong_words_are_named)
 {
     const char *const rows[][2] = {
-        {"rule add 10.0.0.100:80 5", "--type is missing"},
+        {"rule add 10.0.0.100:80 5", "--type is required"},
         {"rule add 10.0.0.100:80 0 --type true", "RULE: '0' is not a number from 1 to 65535"},
         {"rule add 10.0.0.100:80 65536 --type true", "'65536' is not a number"},
         {"rule add 10.0.0.100:80 5 --type ture", "(did you mean 'true'?)"},
@@ -74,8 +74,8 @@ TEST_F(vellbctl_rules, wrong_words_are_named)
         {"rule add 10.0.0.100:80 5 --type port-active --range -10", "'-10' is not a range"},
         {"rule add 10.0.0.100:80 5 --type port-active --range 1-4294967296", "is not a range"},
         {"rule set 10.0.0.100:80 5", "nothing to set"},
-        {"use-server add 10.0.0.100:80 5", "SERVER is missing"},
-        {"use-server set 10.0.0.100:80 5 10.0.0.11", "nothing that can be done with a use-server"},
+        {"use-server add 10.0.0.100:80 5", "SERVER is required"},
+        {"use-server set 10.0.0.100:80 5 10.0.0.11", "unknown command 'set' after 'use-server'"},
     };
     for (const auto &[line, message] : rows) {
         const result_t got = run(line);
