@@ -119,7 +119,6 @@ RAW = {
     "IPv6 cluster": ((command.ADD, command.config_key(V6), command.CONFIG, bytes(8), bytes(280)), 10),
     "IPv6 server": ((command.ADD, command.config_key(CLUSTER, 80, 0, V6), command.CONFIG, bytes(56),
                      bytes(704)), 10),
-    "rule": ((command.ADD, command.config_key(CLUSTER, 80, 1)), 10),
     "heartbeat": ((command.ADD, command.config_key("10.0.0.2", 0, 0, "10.0.0.3")), 10),
     "settings one byte short": ((command.SET, command.config_key(CLUSTER, 80), command.CONFIG, b"",
                                  bytes(23)), 10),

@@ -120,7 +120,7 @@ TEST_F(ForwardTest, WhatBecomesOfAPacket)
         {"ICMP to another", packet({.dst = "10.0.0.101", .proto = 1}), INTACT, "notforus"},
         {"port that is not configured", packet({.dport = 81}), DISCARDED, "not a lb port"},
         {"port without servers", packet({.dport = 443}), DISCARDED, "hash-no-servers"},
-        {"UDP without a table", packet({.dport = 53, .proto = UDP}), ERROR, "no connection table"},
+        {"UDP without a table", packet({.dport = 53, .proto = UDP}), ERROR, "no affinity table"},
         {"TCP to the same port", packet({.dport = 53}), FORWARDED, "hash-fwd"},
         {"first fragment", packet({.fragoff = MF}), DISCARDED, "frag-discard-norecord"},
         {"last fragment", packet({.proto = UDP, .fragoff = 185}), DISCARDED,
