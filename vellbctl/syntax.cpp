@@ -178,15 +178,15 @@ class tree
     }
 
   private:
-    void add(CLI::App &app, const option &spec)
+    void add(CLI::App &app, const option &row)
     {
-        const bool flag = spec.value == nullptr;
-        CLI::Option *opt = flag ? app.add_flag(spec.name) : app.add_option(spec.name);
-        opt->description(spec.meaning)->required(spec.required)->type_name(flag ? "" : spec.value);
-        if (spec.repeats) {
+        const bool flag = row.value == nullptr;
+        CLI::Option *opt = flag ? app.add_flag(row.name) : app.add_option(row.name);
+        opt->description(row.meaning)->required(row.required)->type_name(flag ? "" : row.value);
+        if (row.repeats) {
             opt->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
         }
-        opt->each([this, opt, flag, take = spec.take](const std::string &word) {
+        opt->each([this, opt, flag, take = row.take](const std::string &word) {
             // What begins with dashes is the next option.
             if (flag ? word != "true" : word.starts_with("--")) {
                 throw usage_error(fmt::format("{} {}", opt->get_name(),

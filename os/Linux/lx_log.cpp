@@ -189,6 +189,8 @@ void os_print(const char *fmt, ...)
     const int room = LX_LINESIZE - 1 - line->used;
     va_list args;
     va_start(args, fmt);
+    // clang 14 does not see that va_start() sets it.
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
     const int n = std::vsnprintf(at, static_cast<std::size_t>(room), fmt, args);
     va_end(args);
     if (n < room && (n <= 0 || at[n - 1] != '\n')) {
