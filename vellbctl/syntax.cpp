@@ -62,8 +62,9 @@ std::string usage(const CLI::App &app)
     text = root ? "usage: vellbctl" : "usage: vellbctl " + name_of(app);
     size_t line_start = 0;
     for (const CLI::Option *each : app.get_options()) {
-        std::string word = option_text(*each);
-        word = each->get_required() ? " " + word : " [" + word + "]";
+        const std::string shown = option_text(*each);
+        const auto word =
+            each->get_required() ? fmt::format(" {}", shown) : fmt::format(" [{}]", shown);
         if (text.size() - line_start + word.size() > WIDTH) {
             line_start = text.size() + 1;
             text += "\n           ";
