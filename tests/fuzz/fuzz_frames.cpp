@@ -6,7 +6,7 @@ namespace
 {
 
 constexpr int INPUTS_PER_WORLD = 500;
-fuzz::world *stack = nullptr; // not destroyed at exit: the fake host is gone by then
+fuzz::world *shared = nullptr; // not destroyed at exit: the fake host is gone by then
 int left = 0;
 
 } // namespace
@@ -14,13 +14,13 @@ int left = 0;
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     if (left-- == 0) {
-        if (stack != nullptr) {
-            stack->finish();
-            delete stack; // there is one stack in a process
+        if (shared != nullptr) {
+            shared->finish();
+            delete shared; // there is one shared in a process
         }
-        stack = new fuzz::world;
+        shared = new fuzz::world;
         left = INPUTS_PER_WORLD;
     }
-    fuzz::run_frames(*stack, data, size);
+    fuzz::run_frames(*shared, data, size);
     return 0;
 }
