@@ -1,13 +1,14 @@
 // The version-neutral IP layer: decides by destination and protocol which module takes a packet,
 // and helps everyone with addresses.
 //
-// Every receive worker enters at once. The look-up of the cluster takes the cluster list's lock; no
-// lock is held while the packet goes on. Nothing is kept here.
+// Every receive worker enters at once. The look-ups of the cluster and of the return address take
+// the lock of their list; no lock is held while the packet goes on. Nothing is kept here.
 #include "lb_ip.h"
 
 #include "lb_executor.h"
 #include "lb_icmp.h"
 #include "lb_linkedlist.h"
+#include "lb_nat.h"
 #include "lb_pbuf.h"
 #include "lb_tcpudp.h"
 
@@ -93,8 +94,28 @@ int _lbip_forcluster(lbpbuf_obj_t *pkt)
     return LB_PACKETRC_CONSUMED;
 }
 
-int _lbip_forothers(lbpbuf_obj_t *pkt)
+// The return address that a TCP packet is for, or null. Without NAT servers it costs a look at the
+// list's size.
+lb_retaddr_obj_t *_lbip_returnaddress(lbpbuf_obj_t *pkt, lbip_addr_t *dst)
 {
+    lbll_list_t *addresses = &lbexecutor->retaddrlist;
+    if (lbll_size(addresses) == 0 || pkt->ipfuncs->getproto(pkt) != LBIP_PROTO_TCP) {
+        return nullptr;
+    }
+    return static_cast<lb_retaddr_obj_t *>(lbll_select1(addresses, dst));
+}
+
+int _lbip_forothers(lbpbuf_obj_t *pkt, lbip_addr_t *dst)
+{
+    lb_retaddr_obj_t *retaddr = _lbip_returnaddress(pkt, dst);
+    if (retaddr != nullptr && pkt->frag_offset != 0) {
+        return static_cast<int>(lb_nat_fragment_entry(pkt, retaddr));
+    }
+    if (retaddr != nullptr && lbtcpudp_pbuf_getdport(pkt) >= EXC_EPT_FIRSTPORT) {
+        LB_LOG(LB_LOG_SELECT, "This is a NAT return packet and a TCP, not UDP,ICMP,ICMP6. Calling "
+                              "lb_nat_entry.\n");
+        return static_cast<int>(lb_nat_entry(pkt, retaddr));
+    }
     if (pkt->ipfuncs->getproto(pkt) == LBIP_PROTO_ICMP) {
         return lbicmp_pbuf_entry(pkt);
     }
@@ -109,7 +130,7 @@ int lbip_pbuf_entry(lbpbuf_obj_t *pkt)
 {
     lbip_addr_t *dst = pkt->ipfuncs->getdaddr(pkt);
     pkt->cluster = static_cast<lbclu_obj_t *>(lbll_select1(&lbexecutor->clusterlist, dst));
-    return pkt->cluster != nullptr ? _lbip_forcluster(pkt) : _lbip_forothers(pkt);
+    return pkt->cluster != nullptr ? _lbip_forcluster(pkt) : _lbip_forothers(pkt, dst);
 }
 
 int lbip_isaddrequal(const lbip_addr_t *a, const lbip_addr_t *b)

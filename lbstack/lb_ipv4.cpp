@@ -112,6 +112,11 @@ int _lbipv4_pbuf_tcpchksum(lbpbuf_obj_t *pkt)
     return 0;
 }
 
+void _lbipv4_pbuf_hdrchksum(lbpbuf_obj_t *pkt)
+{
+    lb_put16(pkt->p.v4->csum, lbipv4_checksum(pkt->p.raw));
+}
+
 lbneigh_obj_t *_lbipv4_pbuf_getclientgwneigh(lbpbuf_obj_t * /*pkt*/)
 {
     return lb_peekptr(lbexecutor->clientgw_neigh);
@@ -318,4 +323,5 @@ const lbpbuf_ipfuncs_prv_s lbipv4_funcs = {
     .setdaddr = _lbipv4_pbuf_setdaddr,
     .tcpchksum = _lbipv4_pbuf_tcpchksum,
     .getclientgwneigh = _lbipv4_pbuf_getclientgwneigh,
+    .hdrchksum = _lbipv4_pbuf_hdrchksum,
 };

@@ -305,10 +305,10 @@ bool _lbneigh_learn(lbpbuf_obj_t *pkt)
     return true;
 }
 
-// Answers a request for a cluster: CONSUMED, or INTACT when it is not for us to answer.
-int _lbneigh_reply(lbpbuf_obj_t *pkt, lbip_addr_t *cluster)
+// Answers a request for an address of ours: CONSUMED, or INTACT when it is not for us to answer.
+int _lbneigh_reply(lbpbuf_obj_t *pkt, lbip_addr_t *own)
 {
-    lbifin_obj_t *ifin = lbifcol_selectbyip(cluster);
+    lbifin_obj_t *ifin = lbifcol_selectbyip(own);
     unsigned char *asker = pkt->neighfuncs->getsrchw(pkt, nullptr);
     if (lbha_isstandby() || ifin == nullptr || !lbifin_doesarp(ifin) ||
         !_lbneigh_isstation(asker)) {
@@ -316,14 +316,13 @@ int _lbneigh_reply(lbpbuf_obj_t *pkt, lbip_addr_t *cluster)
     }
     const lbip_addr_t *asking = pkt->neighfuncs->getsrcip(pkt);
     lb_xmithandle_t handle = {};
-    if (_lbneigh_gethandle(ifin, cluster, asking, &handle) != 0) {
+    if (_lbneigh_gethandle(ifin, own, asking, &handle) != 0) {
         LB_LOG(LB_LOG_NEIGH | LB_LOG_FAILURE, "error getting transmit handle for %.*s\n", NAMELEN,
                _lbneigh_ifname(ifin));
         return LB_PACKETRC_INTACT;
     }
     const lbeth_addr_align_t shost = lb_peek(ifin->setable.ethaddr);
-    lbarp_send(LBNEIGH_TYPE_REPLY, asker, shost.b, cluster->nboaddr.v4, asking->nboaddr.v4,
-               &handle);
+    lbarp_send(LBNEIGH_TYPE_REPLY, asker, shost.b, own->nboaddr.v4, asking->nboaddr.v4, &handle);
     os_packetfree(pkt->osopaque);
     return LB_PACKETRC_CONSUMED;
 }
@@ -334,12 +333,17 @@ int _lbneigh_request(lbpbuf_obj_t *pkt)
         LB_LOG(LB_LOG_NEIGH, "request is for a *target*, so update\n");
     }
     lbip_addr_t *target = pkt->neighfuncs->gettgtip(pkt);
-    if (lbll_select1(&lbexecutor->clusterlist, target) == nullptr) {
-        LB_LOG(LB_LOG_NEIGH, "request not for cluster\n");
-        return LB_PACKETRC_INTACT;
+    if (lbll_select1(&lbexecutor->clusterlist, target) != nullptr) {
+        LB_LOG(LB_LOG_NEIGH, "request for a *cluster*; send reply\n");
+        return _lbneigh_reply(pkt, target);
     }
-    LB_LOG(LB_LOG_NEIGH, "request for a *cluster*; send reply\n");
-    return _lbneigh_reply(pkt, target);
+    // No host owns a return address either: nobody else would answer.
+    if (lbll_select1(&lbexecutor->retaddrlist, target) != nullptr) {
+        LB_LOG(LB_LOG_NEIGH, "request for a *return address*; send reply\n");
+        return _lbneigh_reply(pkt, target);
+    }
+    LB_LOG(LB_LOG_NEIGH, "request not for cluster\n");
+    return LB_PACKETRC_INTACT;
 }
 
 // --- State machine -------------------------------------------------------------------------------

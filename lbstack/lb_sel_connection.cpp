@@ -4,14 +4,20 @@
 // removed.
 //
 // Workers choose, the timer thread ages, the command thread adds and removes ports and servers. The
-// lock of a server's `active` list guards all three lists; under it a bucket, the reuse list or the
-// replication queue is locked. Servers are chosen and resets sent without a lock.
+// lock of a server's `active` list guards all three lists; under it a bucket, a return address's
+// ports, the reuse list or the replication queue is locked. Servers are chosen and resets sent
+// without a lock.
+//
+// A record of a NAT server owns a port of the server's return address from before it enters the
+// table until it leaves. Answers find it by that port, even before it has entered: so it names its
+// server only while it is in the table, where the server's removal sweeps it away.
 #include "lb_sel_connection.h"
 
 #include "lb_cluster.h"
 #include "lb_executor.h"
 #include "lb_ip.h"
 #include "lb_log.h"
+#include "lb_nat.h"
 #include "lb_pbuf.h"
 #include "lb_port.h"
 #include "lb_utils.h"
@@ -69,28 +75,42 @@ bool replicates(const lbport_obj_t *port)
                                strategy == LBHA_REPLICATIONSTRATEGY_CRARREP);
 }
 
-// --- NAT servers' ports. There are no NAT servers yet: a server with the flag is refused.
+// --- NAT servers' ports --------------------------------------------------------------------------
 
-// Takes a source port for a connection to a NAT server: 0, or 1 when none is to be had.
+// Takes a source port for a connection to a NAT server: 0, or 1 when none is to be had. The record
+// has its key.
 int takenatport(lbsel_cr_obj_t *cr, const lbsrv_obj_t *server)
 {
     cr->natkey.natport = 0;
-    if (lb_peek(server->addable.nat) == 0) {
+    if (server->retaddrobj == nullptr) {
         return 0;
     }
-    LB_LOG(FAILURE, "Could not get nat port \n");
-    return 1;
+    LB_LOG(TRACE, "cr->server->retaddrobj = %x\n", lb_log_low32(server->retaddrobj));
+    if (EXC_EPTGetPort(&server->retaddrobj->ept, cr) != 0) {
+        LB_LOG(FAILURE, "Could not get nat port \n");
+        return 1;
+    }
+    LB_LOG(TRACE, "got nat port %d \n", cr->natkey.natport);
+    return 0;
 }
 
-void freenatport(lbsel_cr_obj_t *cr)
+// Gives the record's port back to its server's return address, if it has one.
+void freenatport(lbsel_cr_obj_t *cr, const lbsrv_obj_t *server)
 {
+    if (cr->natkey.natport == 0) {
+        return;
+    }
+    if (!lb_ept_freeif(&server->retaddrobj->ept, cr->natkey.natport, cr)) {
+        LB_LOG(FAILURE, "NAT port %d is not its connection's\n", cr->natkey.natport);
+    }
     cr->natkey.natport = 0;
 }
 
+// What a record does when it leaves the table, under its server's lock.
 void _lbsel_ct_forget(void *record)
 {
     auto *cr = static_cast<lbsel_cr_obj_t *>(record);
-    freenatport(cr);
+    freenatport(cr, lb_peekptr(cr->server)); // before it stops naming the server
     lb_pokeptr(cr->server, nullptr);
 }
 
@@ -197,21 +217,27 @@ int settle(lbpbuf_obj_t *pkt, lbsel_ct_obj_t *ct, lbsrv_obj_t *server, lbsel_cr_
         lbsel_list_append(&server->sel.active, step->target, cr) == 0) {
         pkt->_select_prv.selrecord = cr;
         pkt->_select_prv.selrecordkind = LBPBUF_SELRECORD_CONNECTION;
+        pkt->_select_prv.natport = cr->natkey.natport;
         return 0;
     }
     LB_LOG(FAILURE, "add to ct failed\n");
     (void)lbht_rmnode(&ct->lookup, cr); // what it refuses it reports
+    _lbsel_ct_forget(cr);
     return 1;
+}
+
+// Whether the record is in the table, for this server. Only then may it be looked at.
+bool isof(lbsrv_obj_t *server, const lbsel_cr_obj_t *cr) LB_NEEDS(server->sel.active)
+{
+    const lbll_list_t *list = lb_peekptr(cr->expirelist._list);
+    return list == &server->sel.active || list == &server->sel.preest || list == &server->sel.fin;
 }
 
 // Whether the record that was found is still this connection's, on this server.
 bool isstill(lbsrv_obj_t *server, const lbsel_cr_obj_t *cr, const lbsel_cr_obj_key_t *key)
     LB_NEEDS(server->sel.active)
 {
-    const lbll_list_t *list = lb_peekptr(cr->expirelist._list);
-    return (list == &server->sel.active || list == &server->sel.preest ||
-            list == &server->sel.fin) &&
-           isequal(&cr->crkey, key);
+    return isof(server, cr) && isequal(&cr->crkey, key);
 }
 
 // Whether the packet belongs to a connection that its drained server shall not keep. While every
@@ -327,11 +353,15 @@ outcome_e enter(lbpbuf_obj_t *pkt, lbsel_ct_obj_t *ct, lbsrv_obj_t *server, lbse
         lbll_guard held(&server->sel.active);
         cr->state = confirmed ? LBSEL_CR_STATE_ACTIVE : LBSEL_CR_STATE_PREEST;
         if (lb_peek(server->sel.removed) == 0) {
+            lb_pokeptr(cr->server, server);
             inserted = lbsel_insert(&ct->lookup, &cr->crkey, cr);
         }
         if (inserted == LBSEL_INSERT_DONE) {
             lb_stat_inc(server->getable.selstats.lifetime);
             failed = settle(pkt, ct, server, cr, &step);
+        } else {
+            freenatport(cr, server);
+            lb_pokeptr(cr->server, nullptr);
         }
     }
     if (inserted == LBSEL_INSERT_DONE && failed == 0) {
@@ -375,7 +405,6 @@ outcome_e begin(lbpbuf_obj_t *pkt, lbsel_ct_obj_t *ct, lbsel_at_obj_t *at,
         }
         return ANSWERED; // the affinity table has dropped the packet itself
     }
-    lb_pokeptr(cr->server, server);
     if (takenatport(cr, server) != 0) {
         giveback(ct, cr);
         (void)lbsel_discard(pkt, "Failed to get NAT port");
@@ -646,6 +675,24 @@ lbsrv_obj_t *_lbsel_ct_chooseserver(lbpbuf_obj_t *pkt, lbsel_ct_obj_t *ct, lbsel
     return lbsel_error(pkt, "connection keeps changing");
 }
 
+bool lbsel_ct_natowner(lbsrv_obj_t *server, const lbsel_cr_obj_t *cr,
+                       const lb_retaddr_obj_t *retaddr, lb_u16_t natport, lbsel_natowner_t *owner)
+{
+    if (server->retaddrobj != retaddr) {
+        return false; // the record has moved to another server meanwhile
+    }
+    lbll_guard held(&server->sel.active);
+    if (!isof(server, cr) || cr->natkey.natport != natport ||
+        !lb_ept_owns(&retaddr->ept, natport, cr)) {
+        return false;
+    }
+    owner->client = cr->crkey.sip;
+    owner->clientport = cr->crkey.sport;
+    owner->cluster = server->config.key.cfg.cluster;
+    owner->cr = cr;
+    return true;
+}
+
 lbsel_cr_obj_t *_lbsel_ct_getnewcr(lbsel_ct_obj_t *ct)
 {
     bool reused = false;
@@ -664,7 +711,7 @@ lbsel_cr_obj_t *_lbsel_ct_getnewcr(lbsel_ct_obj_t *ct)
 
 void _lbsel_ct_returncr(lbsel_ct_obj_t *ct, lbsel_cr_obj_t *cr)
 {
-    _lbsel_ct_forget(cr);
+    lb_pokeptr(cr->server, nullptr);
     void *record = cr;
     lbsel_pool_give(&ct->pool, &record, 1);
 }
@@ -672,7 +719,7 @@ void _lbsel_ct_returncr(lbsel_ct_obj_t *ct, lbsel_cr_obj_t *cr)
 int rep_enqueuecr(lbsel_cr_obj_t *cr)
 {
     lbsrv_obj_t *server = lb_peekptr(cr->server);
-    const lb_u16_t natport = lb_peek(server->addable.nat) != 0 ? cr->natkey.natport : lb_u16_t{0};
+    const lb_u16_t natport = server->retaddrobj != nullptr ? cr->natkey.natport : lb_u16_t{0};
     return lbha_replication_enqueue(&server->config.key.cfg, &cr->crkey.sip, cr->crkey.sport,
                                     LBSEL_CR_STATE_ACTIVE, natport);
 }

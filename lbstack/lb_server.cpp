@@ -1,8 +1,11 @@
 // Servers. The module owns a server's life: its neighbour entry is held from its init to its reap,
 // so whoever still has the server while it is being removed can send to it.
 //
+// A NAT server is reached through its router and has a return address, which it uses until its
+// records are gone and whose memory it holds until it is freed itself.
+//
 // Init, get, set and remove run on the command thread, reap on the timer thread; workers read
-// linked servers without a lock. Only lists are locked, one at a time. NAT, IPv6, encapsulated and
+// linked servers without a lock. Only lists are locked, one at a time. IPv6, encapsulated and
 // collocated servers are refused: what would carry their packets does not exist yet.
 
 #include "lb_server.h"
@@ -10,6 +13,7 @@
 #include "lb_executor.h"
 #include "lb_ip.h"
 #include "lb_log.h"
+#include "lb_nat.h"
 #include "lb_port.h"
 #include "lb_select.h"
 #include "lb_utils.h"
@@ -37,6 +41,24 @@ bool wantsencapsulation(lb_u8_t encapflags, lb_u8_t collocated)
     return (encapflags & LBSRV_ENCAPFLAG_ENCAPSULATE) != 0 || collocated != 0;
 }
 
+// The addresses that a NAT server needs: 0, or 1 after telling what is wrong.
+int checknat(const lbsrv_addable_t *addable)
+{
+    if (lbip_isaddrvalid(&addable->returnaddress) != LBIP_VALID_YES) {
+        LB_LOG(LB_LOG_SERVER | LB_LOG_EVENT, "NAT server's return address is not valid\n");
+        return 1;
+    }
+    if (lbip_isaddrvalid(&addable->routeraddress) != LBIP_VALID_YES) {
+        LB_LOG(LB_LOG_SERVER | LB_LOG_EVENT, "NAT server's router address is not valid\n");
+        return 1;
+    }
+    if (addable->returnaddress.version != 4 || addable->routeraddress.version != 4) {
+        LB_LOG(LB_LOG_SERVER | LB_LOG_EVENT, "IPv6 NAT servers are not available\n");
+        return 1;
+    }
+    return 0;
+}
+
 // Whether the server is of a kind that can be served: 0, or 1 after telling why not.
 int checkkind(const lbsrv_obj_t *srv)
 {
@@ -49,8 +71,7 @@ int checkkind(const lbsrv_obj_t *srv)
         LB_LOG(LB_LOG_SERVER | LB_LOG_EVENT, "IPv6 servers are not available\n");
         return 1;
     }
-    if (srv->addable.nat != 0) {
-        LB_LOG(LB_LOG_SERVER | LB_LOG_EVENT, "NAT servers are not available\n");
+    if (srv->addable.nat != 0 && checknat(&srv->addable) != 0) {
         return 1;
     }
     if (wantsencapsulation(srv->setable.encapflags, srv->setable.Collocated)) {
@@ -64,6 +85,55 @@ int checkkind(const lbsrv_obj_t *srv)
 void setencapmtu(lbsrv_obj_t *srv)
 {
     lb_poke(srv->neigh->encapmtu, lb_peek(srv->setable.encapmtu));
+}
+
+// Who the server's frames are addressed to.
+const lbip_addr_t *nexthopof(const lbsrv_obj_t *srv)
+{
+    return srv->addable.nat != 0 ? &srv->addable.routeraddress : &srv->config.key.cfg.server;
+}
+
+// Gives up the use of the return address, once: the server's records are gone.
+void dropreturnaddress(lbsrv_obj_t *srv)
+{
+    if (srv->usesretaddr != 0) {
+        srv->usesretaddr = 0;
+        lbrat_drop(srv->retaddrobj);
+    }
+}
+
+void releasereturnaddress(lbsrv_obj_t *srv)
+{
+    if (srv->retaddrobj != nullptr) {
+        dropreturnaddress(srv);
+        lbrat_letgo(srv->retaddrobj);
+    }
+}
+
+// Takes what the server needs of others: 0, or 1 after giving back what was had.
+int takeothers(lbsrv_obj_t *srv)
+{
+    if (srv->addable.nat != 0) {
+        srv->retaddrobj = lbrat_take(&srv->addable.returnaddress);
+        if (srv->retaddrobj == nullptr) {
+            return 1;
+        }
+        srv->usesretaddr = 1;
+    }
+    srv->neigh = lbneigh_addnode(nexthopof(srv));
+    if (srv->neigh == nullptr) {
+        LB_LOG(LB_LOG_SERVER | LB_LOG_FAILURE, "init neigh addnode failed\n");
+        releasereturnaddress(srv);
+        return 1;
+    }
+    return 0;
+}
+
+// Gives all of that back. Nobody uses the server any more.
+void releaseothers(lbsrv_obj_t *srv)
+{
+    lbneigh_rmnode(nexthopof(srv));
+    releasereturnaddress(srv);
 }
 
 // Unlinks the server from both of the port's lists where it is linked: the number of failures.
@@ -108,6 +178,7 @@ int _lbsrv_cmd_rm(lbcmd_objhdr_t *obj)
         lbport_weightsums(port);
     }
     removerecords(srv);
+    dropreturnaddress(srv);
     return LBCMD_RC_SUCCESS;
 }
 
@@ -124,6 +195,7 @@ int _lbsrv_cmd_reap(lbcmd_objhdr_t *obj, int age)
             LB_LOG(LB_LOG_SERVER | LB_LOG_FAILURE, "removal of server from list failed\n");
         }
         removerecords(srv);
+        dropreturnaddress(srv);
         obj->grace = lb_grace_now();
         return 0;
     }
@@ -132,7 +204,7 @@ int _lbsrv_cmd_reap(lbcmd_objhdr_t *obj, int age)
         obj->grace = lb_grace_now();
         return 0;
     }
-    lbneigh_rmnode(&obj->key.cfg.server);
+    releaseothers(srv);
     os_memfree(srv);
     return 1;
 }
@@ -193,18 +265,13 @@ int lbsrv_init(lbcfg_key_t *key, lbport_obj_t *parent, lbsrv_obj_t *srv, void *a
     os_memcpy(&srv->addable, addable, sizeof(srv->addable));
     os_memcpy(&srv->setable, vsetable, sizeof(srv->setable));
     srv->encapflags = srv->setable.encapflags;
-    if (checkkind(srv) != 0) {
-        return 1;
-    }
-    srv->neigh = lbneigh_addnode(&key->server);
-    if (srv->neigh == nullptr) {
-        LB_LOG(LB_LOG_SERVER | LB_LOG_FAILURE, "init neigh addnode failed\n");
+    if (checkkind(srv) != 0 || takeothers(srv) != 0) {
         return 1;
     }
     setencapmtu(srv);
     if (const auto srvinit = algorithmof(srv)->srvinit; srvinit != nullptr && srvinit(srv) != 0) {
         LB_LOG(LB_LOG_SERVER | LB_LOG_FAILURE, "select init failed\n");
-        lbneigh_rmnode(&key->server);
+        releaseothers(srv);
         return 1;
     }
     LB_LOG(LB_LOG_SERVER, "init returning %d\n", 0);

@@ -26,6 +26,7 @@ struct lbpbuf_ipfuncs_prv_s {
     int (*setdaddr)(lbpbuf_obj_t *pkt, const lbip_addr_t *addr);
     int (*tcpchksum)(lbpbuf_obj_t *pkt);                   // 0; -1 when the lengths are unusable
     lbneigh_obj_t *(*getclientgwneigh)(lbpbuf_obj_t *pkt); // null without a client gateway
+    void (*hdrchksum)(lbpbuf_obj_t *pkt); // sums the IP header alone, where the version has a sum
 };
 
 // The ICMP errors of an IP version: data is what they quote. Both return 0.
@@ -99,8 +100,9 @@ struct lbpbuf_obj_s {
     struct {
         lbip_addr_t sel_clientip;
         lb_u16_t sel_clientport_hbo;
+        lb_u16_t natport; // the connection's towards a NAT server, host order; 0 without one
         lbpbuf_selrecord_e selrecordkind;
-        lb_u8_t _pad[5];
+        lb_u8_t _pad[3];
         void *selrecord; // a record of that kind, or null; it may change hands once chosen
     } _select_prv;
     lb_u32_t frag_id;

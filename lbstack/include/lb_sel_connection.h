@@ -34,11 +34,10 @@ struct alignas(LBSEL_CACHELINE) lbsel_cr_obj_s {
     lb_u8_t _pad;
     lbsrv_obj_t *server;       // lb_peekptr; null while the record is in no table
     lbll_node_t expirelist;    // in the server's preest, active or fin, or in reuse
-    lbht_node_t nathtnode;     // in no table: the NAT port table finds records by their port
+    lbht_node_t nathtnode;     // in no table: a return address's port table is an array
     lb_timeval_t timestamp;    // the last packet
     lb_timeval_t reptimestamp; // the last replication
 };
-using lbsel_cr_obj_t = lbsel_cr_obj_s;
 static_assert(sizeof(lbsel_cr_obj_t) == 2 * LBSEL_CACHELINE);
 static_assert(offsetof(lbsel_cr_obj_t, expirelist) == LBSEL_CACHELINE);
 
@@ -59,8 +58,23 @@ extern const lbsel_funcs_t lbsel_ctat_funcs;
 [[nodiscard]] lbsrv_obj_t *_lbsel_ct_chooseserver(lbpbuf_obj_t *pkt, lbsel_ct_obj_t *ct,
                                                   lbsel_at_obj_t *at);
 
+// Whose answers come to a NAT port.
+struct lbsel_natowner_s {
+    lbip_addr_t client;
+    lb_u16_t clientport;      // host order
+    lbip_addr_t cluster;      // where the client thinks that it is talking to
+    const lbsel_cr_obj_t *cr; // for messages; it may have changed hands since
+};
+using lbsel_natowner_t = lbsel_natowner_s;
+// Whether the record that was found for a port, and the server that it named, are still what owns
+// it on that return address; if so, who that is. No lock is held.
+[[nodiscard]] bool lbsel_ct_natowner(lbsrv_obj_t *server, const lbsel_cr_obj_t *cr,
+                                     const lb_retaddr_obj_t *retaddr, lb_u16_t natport,
+                                     lbsel_natowner_t *owner);
+
 // A cleared record that is in no table and on no list, or null.
 [[nodiscard]] lbsel_cr_obj_t *_lbsel_ct_getnewcr(lbsel_ct_obj_t *ct);
+// Gives back a record that is in no table, on no list, and owns no port.
 void _lbsel_ct_returncr(lbsel_ct_obj_t *ct, lbsel_cr_obj_t *cr);
 // Queues the record for the partner. The server's `active` list is locked.
 int rep_enqueuecr(lbsel_cr_obj_t *cr);

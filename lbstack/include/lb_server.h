@@ -26,10 +26,11 @@ struct lbsrv_obj_s {
     alignas(8) lbsrv_setable_t setable; // read by workers: lb_peek
     alignas(8) lbsrv_getable_t getable;
     lbport_obj_t *parent;
-    lbneigh_obj_t *neigh; // set before the server is linked, never changed
-    void *retaddrobj;
+    lbneigh_obj_t *neigh;         // set before the server is linked, never changed
+    lb_retaddr_obj_t *retaddrobj; // a NAT server's, else null; as long as neigh
     lbsrv_ref_t srvref;
-    lb_u8_t encapflags; // the last that were accepted; command thread
+    lb_u8_t encapflags;  // the last that were accepted; command thread
+    lb_u8_t usesretaddr; // counted in retaddrobj's refcount; command thread, then its reaper
 };
 
 // Fills a freshly allocated object: 0, or 1 (what it took is given back then).

@@ -59,6 +59,8 @@ struct lbifin_obj_s;
 struct lbifaddr_obj_s;
 struct lbneigh_obj_s;
 struct lbfrag_table_s;
+struct lbsel_cr_obj_s;
+struct lb_retaddr_obj_s;
 
 using lbll_list_t = lbll_list_s;
 using lbll_node_t = lbll_node_s;
@@ -78,3 +80,5 @@ using lbifin_obj_t = lbifin_obj_s;
 using lbifaddr_obj_t = lbifaddr_obj_s;
 using lbneigh_obj_t = lbneigh_obj_s;
 using lbfrag_table_t = lbfrag_table_s;
+using lbsel_cr_obj_t = lbsel_cr_obj_s;
+using lb_retaddr_obj_t = lb_retaddr_obj_s;
