@@ -3,6 +3,7 @@
 // reuse list. Lists are consistent, counts agree, and no two records have one key.
 #pragma once
 
+#include "lb_nat.h"
 #include "lb_port.h"
 #include "lb_sel_affinity.h"
 #include "lb_sel_connection.h"
@@ -64,12 +65,37 @@ inline bool on_a_list_of(const lbsel_ar_obj_t *ar, const lbsrv_obj_t *server)
     return ar->expirelist._list == &server->sel.arlist;
 }
 
+// A record owns the port that it names, on its own server's return address, or none.
+inline void check_natport(const lbsel_cr_obj_t *cr)
+{
+    const lbsrv_obj_t *server = cr->server;
+    if (server == nullptr || server->retaddrobj == nullptr) {
+        EXPECT_EQ(cr->natkey.natport, 0);
+        return;
+    }
+    EXPECT_TRUE(lb_ept_owns(&server->retaddrobj->ept, cr->natkey.natport, cr));
+}
+inline void check_natport(const lbsel_ar_obj_t * /*ar*/) {}
+
+// The other way round: whose every port is.
+inline void check_natports(lb_retaddr_obj_t *retaddr)
+{
+    for (int slot = 0; slot < EXC_EPT_SLOTS; slot++) {
+        const lbsel_cr_obj_t *cr = retaddr->ept.ucBusyPorts[slot];
+        if (cr != nullptr) {
+            EXPECT_EQ(cr->natkey.natport, slot + EXC_EPT_FIRSTPORT);
+            EXPECT_NE(cr->htnode._list, nullptr) << "a port of a record that is in no table";
+        }
+    }
+}
+
 template <class Record, class Table> census check(Table &table)
 {
     census counted;
     std::set<std::string> keys;
     for (Record *record : all<Record>(table.pool)) {
         counted.total++;
+        check_natport(record);
         if (record->htnode._list == nullptr) {
             EXPECT_EQ(record->expirelist._list, &table.pool.reuse)
                 << "in neither, and not reusable";

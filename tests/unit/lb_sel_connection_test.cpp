@@ -56,7 +56,7 @@ TEST_F(ConnectionTableTest, HandsOutClearedRecords)
     used->crkey = {.sip = stack::ip("10.9.0.1"), .sport = 7, ._pad = 0};
     used->state = LBSEL_CR_STATE_RST;
     used->timestamp = used->reptimestamp = {.secs = 1, .usecs = 2};
-    used->natkey.natport = 1025;
+    used->natkey.natport = 1025; // as a connection that has given it back may leave it
     used->server = reinterpret_cast<lbsrv_obj_t *>(ct);
     for (lbsel_cr_obj_t *record : records) {
         _lbsel_ct_returncr(ct, record);

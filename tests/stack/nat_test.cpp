@@ -1,0 +1,292 @@
+// NAT through the whole stack: which client an answer reaches and what it looks like there, what
+// becomes of everything else that is sent to a return address, how long a connection keeps its
+// port, and how long a return address lives.
+#include "nat_fixture.h"
+
+namespace
+{
+
+using packets::bytes;
+using packets::ETH;
+
+class NatTest : public NatFixture
+{
+  protected:
+    void SetUp() override
+    {
+        NatFixture::SetUp();
+        ASSERT_ADDED(make_natserver(11));
+    }
+    lb_proto_stats_t stats() { return get_executor().getable.ipv4stats; }
+    static int busy() { return EXC_EPTCountPorts(&retaddr()->ept); }
+};
+
+TEST_F(NatTest, AnAnswerReachesItsClient)
+{
+    ASSERT_TRUE(segment(SYN, 40000, "10.9.0.1"));
+    ASSERT_TRUE(segment(SYN, 40001, "10.9.0.2"));
+    const lb_u64_t before = stats().fwd;
+    fake::frame host;
+    const bytes frame = packets::build(answer(1026));
+    EXPECT_EQ(fake::receive_into(host, frame.data(), frame.size()), LB_PACKETRC_CONSUMED);
+    EXPECT_EQ(host.frees(), 1);
+    EXPECT_EQ(stats().fwd, before + 1);
+    const auto sent = fake::take_sent();
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].ifname, "eth0");
+    packets::packet expected = answer(40001);
+    expected.src = C;
+    expected.dst = "10.9.0.2";
+    expected.ethdst = packets::mac_of(254);
+    expected.ethsrc = packets::mac_of(1);
+    EXPECT_EQ(sent[0].bytes, packets::build(expected)) << "the TTL as it was";
+    EXPECT_EQ(answered(answer(1025)), "10.9.0.1:40000");
+    EXPECT_EQ(stats().in, stats().fwd + stats().notforus + stats().discard + stats().err);
+}
+
+TEST_F(NatTest, WhatBecomesOfPacketsForAReturnAddress)
+{
+    ASSERT_TRUE(segment(SYN, 40000));
+    const auto with = [](std::uint16_t port, std::uint8_t proto, std::uint16_t fragoff = 0) {
+        packets::packet p = answer(port);
+        p.proto = proto;
+        p.fragoff = fragoff;
+        return packets::build(p);
+    };
+    const auto cut = [&with](std::size_t len, std::size_t total) {
+        bytes frame = with(1025, packets::TCP);
+        frame.resize(ETH + len);
+        packets::put16(frame, ETH + 2, static_cast<std::uint16_t>(total));
+        packets::mend_ip(frame);
+        return frame;
+    };
+    using stat = lb_u32_t lb_proto_stats_t::*;
+    const stat notforus = &lb_proto_stats_t::notforus;
+    const stat discard = &lb_proto_stats_t::discard;
+    const stat err = &lb_proto_stats_t::err;
+    const struct {
+        const char *name;
+        bytes frame;
+        stat counter; // null: sent to the client
+        const char *log;
+    } rows[] = {
+        {"an answer", with(1025, packets::TCP), nullptr, "calling os_packetxmit"},
+        {"first fragment", with(1025, packets::TCP, 0x2000), nullptr, "calling os_packetxmit"},
+        {"later fragment", with(1025, packets::TCP, 0x2004), discard, "frag-discard-norecord"},
+        {"last fragment", with(1025, packets::TCP, 4), discard, "frag-discard-norecord"},
+        {"nobody's port", with(1026, packets::TCP), discard,
+         "CR not found in NAT return path Port: 1026 RA: 10.1.0.200\n"},
+        {"the last port", with(65535, packets::TCP), discard, "Port: 65535 RA: 10.1.0.200\n"},
+        {"a port that is never handed out", with(1024, packets::TCP), notforus, "notforus"},
+        {"port 80", with(80, packets::TCP), notforus, "notforus"},
+        {"UDP", with(1025, packets::UDP), notforus, "notforus"},
+        {"fragment of UDP", with(1025, packets::UDP, 4), notforus, "notforus"},
+        {"no ports", cut(23, 23), notforus, "notforus"},
+        {"no whole TCP header", cut(39, 39), err, "nat-return-badinput"},
+        {"longer than what came", cut(47, 48), err, "nat-return-badinput"},
+    };
+    set_executor_log_mask(LB_LOG_SELECT | LB_LOG_IP | LB_LOG_FRAGMENT);
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        fake::log_clear();
+        const lb_proto_stats_t before = stats();
+        const bool intact = row.counter == notforus;
+        EXPECT_EQ(fake::receive(row.frame), intact ? LB_PACKETRC_INTACT : LB_PACKETRC_CONSUMED);
+        EXPECT_EQ(fake::take_sent().size(), row.counter == nullptr ? 1U : 0U);
+        const lb_proto_stats_t after = stats();
+        EXPECT_EQ(after.fwd, before.fwd + (row.counter == nullptr ? 1 : 0));
+        for (const stat each : {notforus, discard, err}) {
+            EXPECT_EQ(after.*each, before.*each + (row.counter == each ? 1 : 0));
+        }
+        EXPECT_TRUE(fake::log_contains(row.log));
+    }
+}
+
+TEST_F(NatTest, NeedsAClientGateway)
+{
+    ASSERT_TRUE(segment(SYN, 40000));
+    lbifin_setable_t ptp = stack::ethernet(1);
+    ptp.isPTP = LBIFIN_YN_YES;
+    ASSERT_EQ(set_interface("eth0", ptp), LBCMD_RC_SUCCESS);
+    (void)fake::take_sent();
+    fake::receive(packets::build(answer(1025)));
+    const auto sent = fake::take_sent();
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_FALSE(sent[0].has_eth);
+    const auto refused = [this] {
+        const lb_u64_t frees = fake::unheld_frees();
+        const lb_u32_t err = stats().err;
+        EXPECT_EQ(answered(answer(1025)), "");
+        EXPECT_EQ(fake::unheld_frees(), frees + 1);
+        EXPECT_EQ(stats().err, err + 1);
+    };
+    ASSERT_EQ(rm_ifaddr("eth0", "10.0.0.1/24"), LBCMD_RC_SUCCESS);
+    ASSERT_EQ(rm_interface("eth0"), LBCMD_RC_SUCCESS);
+    refused();
+    ASSERT_EQ(set_client_gateway(""), LBCMD_RC_SUCCESS);
+    refused();
+    EXPECT_EQ(fake::log_count("NAT return : no neigh to forward!"), 2);
+}
+
+TEST_F(NatTest, AConnectionKeepsItsPortUntilItGoes)
+{
+    const auto open = [](std::uint16_t sport) {
+        EXPECT_TRUE(segment(SYN, sport));
+        EXPECT_TRUE(segment(ACK, sport));
+    };
+    ASSERT_TRUE(segment(SYN, 40000)); // 1025 never opens
+    open(40001);                      // 1026 is reset
+    open(40002);                      // 1027 stays
+    open(40003);                      // 1028 begins anew
+    EXPECT_TRUE(segment(RST, 40001));
+    EXPECT_TRUE(segment(FIN | ACK, 40003));
+    EXPECT_TRUE(segment(SYN, 40003));
+    EXPECT_TRUE(segment(ACK, 40003));
+    wait_ms(31000);
+    EXPECT_EQ(answered(answer(1025)), "") << "expired";
+    EXPECT_EQ(answered(answer(1026)), "10.9.0.1:40001") << "its last words";
+    wait_ms(91000);
+    EXPECT_EQ(answered(answer(1026)), "") << "expired";
+    EXPECT_EQ(answered(answer(1027)), "10.9.0.1:40002");
+    EXPECT_EQ(answered(answer(1028)), "10.9.0.1:40003");
+    EXPECT_EQ(busy(), 2);
+    EXPECT_EQ(fake::log_count("CR not found in NAT return path Port: "), 2);
+    // A recycled record has a port of its own.
+    ASSERT_TRUE(segment(SYN, 40004));
+    EXPECT_EQ(answered(answer(1029)), "10.9.0.1:40004");
+    EXPECT_EQ(answered(answer(1026)), "");
+    // Its server is drained, so the next packet resets the connection.
+    ASSERT_ADDED(make_server(80, 12));
+    ASSERT_EQ(set_port(C, 80, [](lbport_setable_t &s) { s.reset = 1; }), LBCMD_RC_SUCCESS);
+    ASSERT_EQ(set_server(C, 80, server_ip(11), [](lbsrv_setable_t &s) { s.weight = 0; }),
+              LBCMD_RC_SUCCESS);
+    (void)segment(ACK, 40002);
+    EXPECT_EQ(owner(1027), nullptr);
+    ASSERT_TRUE(segment(SYN, 40005)) << "to a server without NAT";
+    EXPECT_EQ(busy(), 2);
+}
+
+TEST_F(NatTest, TwoServersShareAReturnAddress)
+{
+    ASSERT_ADDED(make_natserver(12));
+    lb_retaddr_obj_t *shared = retaddr();
+    ASSERT_NE(shared, nullptr);
+    EXPECT_EQ(shared->refcount, 2U);
+    EXPECT_EQ(lbll_size(&lbexecutor->retaddrlist), 1);
+    for (const std::uint16_t sport : {std::uint16_t{40000}, std::uint16_t{40001}}) {
+        ASSERT_TRUE(segment(SYN, sport));
+    }
+    const bool firston11 = lb_ept_owns(&shared->ept, 1025, owner(1025)) &&
+                           owner(1025)->server->config.key.cfg.server.nboaddr.v4[3] == 11;
+    const lb_u16_t gone = firston11 ? 1025 : 1026;
+    const auto stays = static_cast<lb_u16_t>(gone == 1025 ? 1026 : 1025);
+    const std::string staying = "10.9.0.1:" + std::to_string(40000 + stays - 1025);
+    ASSERT_EQ(rm_server(C, 80, server_ip(11)), LBCMD_RC_SUCCESS);
+    EXPECT_EQ(shared->refcount, 1U);
+    EXPECT_EQ(answered(answer(gone)), "");
+    EXPECT_EQ(answered(answer(stays, 12)), staying);
+    tick(5);
+    EXPECT_EQ(answered(answer(stays, 12)), staying) << "after the other has been freed";
+    ASSERT_EQ(rm_server(C, 80, server_ip(12)), LBCMD_RC_SUCCESS);
+    EXPECT_EQ(retaddr(), nullptr);
+    EXPECT_EQ(fake::receive(packets::build(answer(stays, 12))), LB_PACKETRC_INTACT);
+    // Its servers may still be in use by who is inside the stack, so the next has its own object.
+    ASSERT_ADDED(make_natserver(13));
+    EXPECT_NE(retaddr(), shared);
+    tick(5);
+    ASSERT_TRUE(segment(SYN, 40002));
+    EXPECT_EQ(answered(answer(1025, 13)), "10.9.0.1:40002");
+}
+
+TEST_F(NatTest, ExhaustedPortsRefuseNewConnectionsAlone)
+{
+    ASSERT_TRUE(segment(SYN, 40000));
+    lbsel_cr_obj_t placeholder{};
+    EXC_EphemeralPortTable *ept = &retaddr()->ept;
+    for (int port = 1026; port <= 65535; port++) {
+        ASSERT_EQ(EXC_EPTGetPort(ept, &placeholder), 0);
+    }
+    const std::string before = drops();
+    EXPECT_FALSE(segment(SYN, 40001));
+    EXPECT_EQ(before, "0 0");
+    EXPECT_EQ(drops(), "1 0");
+    EXPECT_TRUE(fake::log_contains("Could not get nat port"));
+    EXPECT_EQ(lbll_size(&natserver(11)->sel.preest), 1) << "no record is left";
+    EXPECT_EQ(answered(answer(1025)), "10.9.0.1:40000");
+    for (int port = 1026; port <= 65535; port++) {
+        ASSERT_EQ(EXC_EPTFreePort(ept, static_cast<lb_u16_t>(port)), 0);
+    }
+    EXPECT_TRUE(segment(SYN, 40001));
+}
+
+TEST_F(NatTest, ReturnAddressesAnswerArp)
+{
+    const bytes request = packets::build(packets::arp{.srcip = "10.1.0.254", .tgtip = R});
+    EXPECT_EQ(fake::receive(request), LB_PACKETRC_CONSUMED);
+    auto sent = fake::take_sent();
+    ASSERT_EQ(sent.size(), 1U);
+    packets::arp reply;
+    ASSERT_TRUE(packets::parse(sent[0].bytes, reply));
+    EXPECT_EQ(sent[0].ifname, "eth1");
+    EXPECT_EQ(reply.op, 2);
+    EXPECT_EQ(reply.srcip, R);
+    EXPECT_EQ(reply.srchw, packets::mac_of(2));
+    lb_poke(lbexecutor->getable.ha.state, LBHA_STATE_STANDBY);
+    EXPECT_EQ(fake::receive(request), LB_PACKETRC_INTACT);
+    lb_poke(lbexecutor->getable.ha.state, LBHA_STATE_NA);
+    ASSERT_EQ(rm_server(C, 80, server_ip(11)), LBCMD_RC_SUCCESS);
+    EXPECT_EQ(fake::receive(request), LB_PACKETRC_INTACT);
+    EXPECT_TRUE(fake::take_sent().empty());
+}
+
+TEST_F(NatTest, AServerThatCannotBeMadeLeavesNothing)
+{
+    const std::int64_t blocks = fake::live_allocations();
+    const std::int64_t locks = fake::live_mutexes();
+    const auto refused = [&](const lbsrv_addable_t &addable) {
+        EXPECT_EQ(make_natserver(12, addable), LBCMD_RC_FAILURE);
+        tick(1); // grace
+        EXPECT_EQ(fake::live_allocations(), blocks);
+        EXPECT_EQ(fake::live_mutexes(), locks);
+        EXPECT_EQ(retaddr()->refcount, 1U);
+        EXPECT_EQ(lbll_size(&lbexecutor->retaddrlist), 1);
+    };
+    set_executor_log_mask(LB_LOG_FAILURE | LB_LOG_EVENT);
+    refused(natted("", ROUTER));
+    refused(natted("0.0.0.0", ROUTER));
+    EXPECT_EQ(fake::log_count("NAT server's return address is not valid"), 2);
+    refused(natted(R, ""));
+    EXPECT_EQ(fake::log_count("NAT server's router address is not valid"), 1);
+    refused(natted("2001:db8::1", ROUTER));
+    refused(natted(R, "2001:db8::1"));
+    EXPECT_EQ(fake::log_count("IPv6 NAT servers are not available"), 2);
+    const struct {
+        fake::op what;
+        int last; // of how many that a new return address and a new router cost
+    } faults[] = {{fake::op::alloc, 3}, {fake::op::mutex_init, 4}};
+    for (const auto &fault : faults) {
+        for (int n = 1; n <= fault.last; n++) {
+            fake::fail(fault.what, n);
+            refused(natted("10.1.0.201", "10.1.0.253"));
+            EXPECT_FALSE(fake::fail_pending(fault.what)) << n;
+        }
+    }
+}
+
+// A rule that uses the server makes its removal refuse: it goes when it is reaped.
+TEST_F(NatTest, RefusedRemovalGivesUpTheReturnAddressWhenReaped)
+{
+    ASSERT_TRUE(segment(SYN, 40000));
+    natserver(11)->getable.useservercount = 1;
+    EXPECT_EQ(rm_server(C, 80, server_ip(11)), LBCMD_RC_FAILURE);
+    EXPECT_EQ(answered(answer(1025)), "10.9.0.1:40000") << "in use as before";
+    EXPECT_EQ(retaddr()->refcount, 1U);
+    lbip_addr_t router = stack::ip(ROUTER);
+    tick(3);
+    EXPECT_EQ(retaddr(), nullptr);
+    EXPECT_NE(lbneigh_lookup(&router), nullptr);
+    tick(1);
+    EXPECT_EQ(lbneigh_lookup(&router), nullptr);
+}
+
+} // namespace
