@@ -90,21 +90,26 @@ enum outcome_e {
     ANSWERED, // the packet has its server, or has been dropped
 };
 
-// The packet's server, from what its record names: the packet may have come to either port, and
-// tables can be shared by more ports than two.
+// A client's server on the port, from what its record names: the record may have been made on
+// either port, and tables can be shared by more ports than two. Null without one.
+lbsrv_obj_t *_lbsel_at_serveron(const lbport_obj_t *port, lbsrv_obj_t *server,
+                                lbsrv_obj_t *crossport)
+{
+    if (server->parent == port) {
+        return server;
+    }
+    if (crossport != nullptr && crossport->parent != port) {
+        crossport = _lbsel_at_twin(server, lbport_number(port));
+    }
+    const bool usable =
+        crossport != nullptr && crossport->parent == port && lb_peek(crossport->sel.removed) == 0;
+    return usable ? crossport : nullptr;
+}
+
 outcome_e _lbsel_at_answer(lbpbuf_obj_t *pkt, lbsrv_obj_t *server, lbsrv_obj_t *crossport,
                            const char *label)
 {
-    if (server->parent == pkt->port) {
-        pkt->server = server;
-    } else {
-        if (crossport != nullptr && crossport->parent != pkt->port) {
-            crossport = _lbsel_at_twin(server, lbport_number(pkt->port));
-        }
-        const bool usable = crossport != nullptr && crossport->parent == pkt->port &&
-                            lb_peek(crossport->sel.removed) == 0;
-        pkt->server = usable ? crossport : nullptr;
-    }
+    pkt->server = _lbsel_at_serveron(pkt->port, server, crossport);
     if (pkt->server == nullptr) {
         (void)lbsel_error(pkt, nullptr);
         return ANSWERED;
@@ -381,6 +386,36 @@ lbsrv_obj_t *lbsel_at_chooseserver(lbpbuf_obj_t *pkt, lbsel_at_obj_t *at)
         }
     }
     return lbsel_error(pkt, "affinity keeps changing");
+}
+
+lbsrv_obj_t *lbsel_at_findserver(lbport_obj_t *port, const lbip_addr_t *client)
+{
+    lbsel_at_obj_t *at = _lbsel_at_ofport(port);
+    if (at == nullptr) {
+        return nullptr;
+    }
+    lbsel_ar_key_t key = {.sip = *client};
+    for (int tries = 0; tries < LBSEL_TRIES; tries++) {
+        auto *ar = static_cast<lbsel_ar_obj_t *>(lbht_select1(&at->lookup, &key));
+        if (ar == nullptr) {
+            return nullptr;
+        }
+        lbsrv_obj_t *server = lb_peekptr(ar->server);
+        if (server == nullptr) {
+            continue; // retired since it was found
+        }
+        lbsrv_obj_t *crossport = nullptr;
+        bool still = false;
+        {
+            lbll_guard held(&server->sel.arlist);
+            still = _lbsel_at_isstill(server, ar, &key);
+            crossport = lb_peekptr(ar->crossportServer);
+        }
+        if (still) {
+            return _lbsel_at_serveron(port, server, crossport);
+        }
+    }
+    return nullptr;
 }
 
 void lbsel_at_detachport(lbport_obj_t *port)

@@ -693,6 +693,31 @@ bool lbsel_ct_natowner(lbsrv_obj_t *server, const lbsel_cr_obj_t *cr,
     return true;
 }
 
+lbsrv_obj_t *lbsel_ct_findserver(lbport_obj_t *port, const lbip_addr_t *client,
+                                 lb_u16_t clientport_hbo)
+{
+    lbsel_ct_obj_t *ct = tableof(port);
+    if (ct == nullptr) {
+        return nullptr;
+    }
+    lbsel_cr_obj_key_t key = {.sip = *client, .sport = clientport_hbo, ._pad = 0};
+    for (int tries = 0; tries < LBSEL_TRIES; tries++) {
+        auto *cr = static_cast<lbsel_cr_obj_t *>(lbht_select1(&ct->lookup, &key));
+        if (cr == nullptr) {
+            return nullptr;
+        }
+        lbsrv_obj_t *server = lb_peekptr(cr->server);
+        if (server == nullptr) {
+            continue; // retired since it was found
+        }
+        lbll_guard held(&server->sel.active);
+        if (isstill(server, cr, &key)) {
+            return server;
+        }
+    }
+    return nullptr;
+}
+
 lbsel_cr_obj_t *_lbsel_ct_getnewcr(lbsel_ct_obj_t *ct)
 {
     bool reused = false;

@@ -41,6 +41,9 @@ extern const lbsel_funcs_t lbsel_at_funcs;
 // The server of the packet's client on the packet's port, chosen and recorded if the client is new;
 // null when the packet has been dropped, counted and freed. No lock is held.
 [[nodiscard]] lbsrv_obj_t *lbsel_at_chooseserver(lbpbuf_obj_t *pkt, lbsel_at_obj_t *at);
+// The server of a client on the port, null without a record of the client. Nothing is made, moved
+// or noted. No lock is held.
+[[nodiscard]] lbsrv_obj_t *lbsel_at_findserver(lbport_obj_t *port, const lbip_addr_t *client);
 // A removed port lets go of a table that others still use.
 void lbsel_at_detachport(lbport_obj_t *port);
 

@@ -57,6 +57,10 @@ extern const lbsel_funcs_t lbsel_ctat_funcs;
 // counted and freed. The packet's selrecord is the connection's. No lock is held.
 [[nodiscard]] lbsrv_obj_t *_lbsel_ct_chooseserver(lbpbuf_obj_t *pkt, lbsel_ct_obj_t *ct,
                                                   lbsel_at_obj_t *at);
+// The server of a client's connection to the port, null without one. Nothing is made, moved or
+// noted. No lock is held.
+[[nodiscard]] lbsrv_obj_t *lbsel_ct_findserver(lbport_obj_t *port, const lbip_addr_t *client,
+                                               lb_u16_t clientport_hbo);
 
 // Whose answers come to a NAT port.
 struct lbsel_natowner_s {
