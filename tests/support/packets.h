@@ -188,6 +188,45 @@ inline bytes build(const packet &p)
     return f;
 }
 
+// What an ICMP error quotes of a packet that a server sent: its header and `data` bytes behind it.
+inline bytes quote(const packet &p, std::size_t data = 8)
+{
+    const bytes f = build(p);
+    return {f.begin() + ETH, f.begin() + static_cast<long>(ETH + 20 + p.options + data)};
+}
+
+// An ICMP message: the outer packet's addresses and header fields are those of `outer`.
+struct icmp {
+    std::uint8_t type = 3;
+    std::uint8_t code = 1;
+    std::uint16_t mtu = 0; // the last two bytes of the header
+    bytes body = {};
+    packet outer = {};
+};
+
+inline void mend_icmp(bytes &frame, std::size_t ip = ETH)
+{
+    const std::size_t at = ip + static_cast<std::size_t>(frame.at(ip) & 15) * 4;
+    put16(frame, at + 2, 0);
+    put16(frame, at + 2, checksum(frame, at, ip + get16(frame, ip + 2)));
+}
+
+inline bytes build(const icmp &m)
+{
+    packet outer = m.outer;
+    outer.proto = 1;
+    outer.payload = 8 + m.body.size();
+    bytes f = build(outer);
+    const std::size_t at = ETH + 20 + outer.options;
+    std::fill(f.begin() + static_cast<long>(at), f.end(), 0);
+    f[at] = m.type;
+    f[at + 1] = m.code;
+    put16(f, at + 6, m.mtu);
+    set_at(f, at + 8, m.body);
+    mend_icmp(f);
+    return f;
+}
+
 struct arp {
     std::uint16_t op = 1;
     mac srchw = {2, 0, 0, 0, 0, 0x50};

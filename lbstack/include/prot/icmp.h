@@ -4,6 +4,9 @@
 #include "prot/bytes.h"
 
 constexpr lb_u8_t LBICMP_TYPE_UNREACHABLE = 3;
+constexpr lb_u8_t LBICMP_TYPE_SOURCEQUENCH = 4;
+constexpr lb_u8_t LBICMP_TYPE_REDIRECT = 5;
+constexpr lb_u8_t LBICMP_TYPE_ECHOREQUEST = 8;
 constexpr lb_u8_t LBICMP_TYPE_TIMEEXCEEDED = 11;
 constexpr int LBICMP_CODE_FRAGNEEDED = 4;
 
