@@ -38,7 +38,17 @@ constexpr label LABELS[] = {
     {"request for a *cluster*", "ARP: request for the cluster"},
     {"request not for cluster", "ARP: request for others"},
     {"no station's", "ARP: group address not learnt"},
-    {"badinput", "IPv4: bad header"},
+    {"dIP sP:dP ERROR badinput", "IPv4: bad header"},
+    {"10.0.0.100 sP:dP ERROR badinput", "ICMP: for the cluster, can't be read"},
+    {"10.0.0.1 sP:dP ERROR badinput", "ICMP: about a tunnel, can't be read"},
+    {"icmp-unhandled-type", "ICMP: other type"},
+    {"this is not the first fragment", "ICMP: quotes a later fragment"},
+    {"icmp-no-port-match", "ICMP: quotes an unknown port"},
+    {"no-existing-record", "ICMP: quotes no connection"},
+    {"icmp-no-servers", "ICMP: echo, no server"},
+    {"icmp-fwd", "ICMP: echo to a server"},
+    {"reset server encapmtu", "ICMP: about a tunnel, too long"},
+    {"server marked as unreachable", "ICMP: about a tunnel, unreachable"},
     {"badip4chksum", "IPv4: bad checksum"},
     {"frag-discard-norecord", "IP: fragment for the cluster"},
     {"DISCARD proto", "IP: other protocol for the cluster"},
@@ -81,8 +91,9 @@ bool is_hop_of(const bytes &out, const bytes &ip)
 } // namespace
 
 const std::vector<std::string> FRAME_PLACES = [] {
-    std::vector<std::string> places = {"link: no entry", "link: IPv6", "link: SLIP", "IP: others'",
-                                       "IP: others' ICMP"};
+    std::vector<std::string> places = {"link: no entry",   "link: IPv6",
+                                       "link: SLIP",       "IP: others'",
+                                       "IP: others' ICMP", "ICMP: error to a server"};
     for (const label &l : LABELS) {
         places.emplace_back(l.place);
     }
@@ -99,7 +110,6 @@ frame_feeder::frame_feeder(bool count) : counting_(count)
 
 void frame_feeder::feed(const bytes &frame, fake::link link)
 {
-    const lb_u64_t icmp_before = lb_peek(lbexecutor->getable.icmpstats.in);
     const int rc = fake::receive_into(buffer_, frame.data(), frame.size(), link);
     const bool consumed = rc == LB_PACKETRC_CONSUMED;
     require(buffer_.frees() == (consumed ? 1 : 0), "the buffer was not freed exactly once");
@@ -111,7 +121,6 @@ void frame_feeder::feed(const bytes &frame, fake::link link)
     world::require_unharmed();
     if (counting_) {
         count(rc, link);
-        places_["IP: others' ICMP"] += lb_peek(lbexecutor->getable.icmpstats.in) - icmp_before;
     }
 }
 
@@ -159,11 +168,14 @@ void frame_feeder::count(int rc, fake::link link)
     places_["link: IPv6"] = lb_peek(lbexecutor->getable.ipv6stats.in);
     places_["IP: others'"] = lb_peek(lbexecutor->getable.ipv4stats.notforus) -
                              lb_peek(lbexecutor->getable.icmpstats.notforus);
+    places_["IP: others' ICMP"] = lb_peek(lbexecutor->getable.icmpstats.notforus);
     for (const std::string &line : fake::log_lines()) {
         for (const label &l : LABELS) {
             places_[l.place] += line.find(l.text) != std::string::npos ? 1 : 0;
         }
     }
+    places_["ICMP: error to a server"] =
+        lb_peek(lbexecutor->getable.icmpstats.fwd) - places_["ICMP: echo to a server"];
     fake::log_clear();
 }
 
@@ -221,6 +233,9 @@ void mend_checksums(bytes &frame, fake::link link)
     if ((proto == packets::TCP || proto == packets::UDP) && end <= frame.size() &&
         end >= ip + hdrlen + transport) {
         packets::mend_transport(frame, ip);
+    }
+    if (proto == 1 && end <= frame.size() && end >= ip + hdrlen + ICMP_HEADER) {
+        packets::mend_icmp(frame, ip);
     }
 }
 

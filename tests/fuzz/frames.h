@@ -38,12 +38,12 @@ class frame_feeder
 
 // One input of the fuzz target: records of a control byte, a length of two bytes (high first) and
 // as many bytes of frame. The control byte: bits 0 and 1 choose the link (2: SLIP, 3: no frame, but
-// the length is tenths of a second that pass); bit 2 has the IPv4 header checksum mended.
+// the length is tenths of a second that pass); bit 2 has the IPv4 and inner checksums mended.
 // Afterwards the stack must still forward.
 void run_frames(world &stack, const std::uint8_t *data, std::size_t size);
 bytes frame_record(const bytes &frame, fake::link link);
 
-// Computes the checksums anew of what looks like IPv4, and of the TCP or UDP within.
+// Computes the checksums anew of what looks like IPv4, and of the TCP, UDP or ICMP within.
 void mend_checksums(bytes &frame, fake::link link);
 
 } // namespace fuzz

@@ -89,6 +89,49 @@ void add_special_packets(std::vector<seed> &seeds)
     seeds.push_back({"tcp-checksum-0", summless});
 }
 
+// A message whose body quotes what a server at CLUSTER answered to the client of the TCP seeds.
+seed error(const std::string &name, std::uint8_t type, std::uint16_t port,
+           std::uint8_t proto = packets::TCP, std::uint16_t fragoff = 0)
+{
+    const packets::packet quoted = {.src = CLUSTER,
+                                    .dst = "10.0.0.50",
+                                    .sport = port,
+                                    .dport = 40000,
+                                    .proto = proto,
+                                    .fragoff = fragoff};
+    return {name, packets::build(packets::icmp{.type = type, .body = packets::quote(quoted)})};
+}
+
+seed tunnel_error(const std::string &name, std::uint8_t proto, std::uint8_t code,
+                  const std::string &farend)
+{
+    packets::icmp m = {.code = code,
+                       .mtu = 1400,
+                       .body = packets::quote({.dst = farend, .proto = proto}),
+                       .outer = {.dst = "10.0.0.1"}};
+    return {name, packets::build(m)};
+}
+
+void add_icmp(std::vector<seed> &seeds)
+{
+    seeds.push_back({"icmp-echo", packets::build(packets::icmp{.type = 8, .body = bytes(32)})});
+    seeds.push_back({"icmp-timestamp", packets::build(packets::icmp{.type = 13})});
+    packets::icmp later = {.type = 8, .body = bytes(32)};
+    later.outer.fragoff = 185;
+    seeds.push_back({"icmp-later-fragment", packets::build(later)});
+    for (const std::uint8_t type : {3, 4, 5, 11}) {
+        seeds.push_back(error("icmp-error-" + std::to_string(type), type, 85));
+    }
+    seeds.push_back(error("icmp-about-hash", 3, 80));
+    seeds.push_back(error("icmp-about-udp", 3, 80, packets::UDP));
+    seeds.push_back(error("icmp-about-no-table", 3, 53, packets::UDP));
+    seeds.push_back(error("icmp-about-icmp", 3, 80, 1));
+    seeds.push_back(error("icmp-about-later-fragment", 3, 85, packets::TCP, 185));
+    seeds.push_back(tunnel_error("tunnel-gre-too-long", 47, 4, "10.0.0.11"));
+    seeds.push_back(tunnel_error("tunnel-ipip-unreachable", 4, 1, "10.0.0.11"));
+    seeds.push_back(tunnel_error("tunnel-unknown", 4, 1, "10.0.0.99"));
+}
+
 // --- Commands ------------------------------------------------------------------------------------
 
 seed command(const std::string &name, lbcmd_action_e action, lbcmd_keytype_e keytype,
@@ -183,10 +226,11 @@ std::vector<seed> frame_seeds()
         {"vlan-tcp", tagged(packets::build(to(80)))},
         {"runt", bytes(9)},
     };
-    for (const std::uint16_t port : {80, 81, 82, 83, 84}) {
+    for (const std::uint16_t port : {80, 81, 82, 83, 84, 85}) {
         seeds.push_back(frame("tcp-" + std::to_string(port), to(port)));
     }
     add_special_packets(seeds);
+    add_icmp(seeds);
     return seeds;
 }
 

@@ -69,6 +69,9 @@ std::vector<item> configuration()
         server(83, "192.0.2.7", 1),
         port(84, HASH, UDPRR),
         server(84, "10.9.0.2", 1),
+        port(85, CONNECTIONS, UDPRR),
+        server(85, "10.0.0.11", 1),
+        server(85, "10.0.0.12", 1),
     };
 }
 

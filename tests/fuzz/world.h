@@ -31,6 +31,7 @@ inline void require(bool good, const char *what)
 //   82    HASH           no server
 //   83    HASH           a server that no interface reaches
 //   84    HASH           a server at the far end of ppp0
+//   85    CONNECTION     servers 10.0.0.11 and 10.0.0.12
 constexpr const char *CLUSTER = "10.0.0.100";
 constexpr lb_u32_t MTU = 600;
 
