@@ -84,9 +84,12 @@ int lbpbuf_pullup(lbpbuf_obj_t *pkt, int totlen)
 
 int lbpbuf_hold(lbpbuf_obj_t *pkt)
 {
-    // Whoever holds a packet sends it as it stands later; a host that can't pull it up has it
-    // contiguous already.
-    (void)lbpbuf_pullup(pkt, pkt->buflen);
+    // Whoever holds a packet sends it as it stands later, so a host that keeps packets in pieces
+    // puts them together now; what a host can't put together never came.
+    if (const int totlen = pkt->ipfuncs->gettotlen(pkt); totlen > pkt->buflen) {
+        (void)lbpbuf_pullup(pkt, totlen);
+    }
+    os_packethold(pkt->osopaque);
     return LB_PACKETRC_HELD;
 }
 

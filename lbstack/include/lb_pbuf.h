@@ -119,7 +119,9 @@ void lbpbuf_free(lbpbuf_obj_t *pkt);
 void lbpbuf_drain();
 // 1 when `totlen` bytes are contiguous now, 0 when the host can't. `ulp` keeps its distance to `p`.
 [[nodiscard]] int lbpbuf_pullup(lbpbuf_obj_t *pkt, int totlen);
-int lbpbuf_hold(lbpbuf_obj_t *pkt); // LB_PACKETRC_HELD
+// Keeps the packet and the host's buffer beyond the entry; before another thread can find it.
+// LB_PACKETRC_HELD.
+int lbpbuf_hold(lbpbuf_obj_t *pkt);
 
 // The packet's length where it can be believed (header <= total <= received), else -1.
 [[nodiscard]] int lbpbuf_usablelen(lbpbuf_obj_t *pkt);

@@ -89,6 +89,11 @@ void os_removeiface(const char *ifacename, const void *ethaddr);
 // that received it still owns it and will reuse it.
 void os_packetfree(lb_osopaque_t osopaque);
 
+// The stack keeps a received buffer beyond the entry that it was handed to. Called by the thread
+// that received it, before any other thread can find the packet: from then on the buffer is freed
+// by whoever comes second, os_packetfree() or the worker when its entry has returned.
+void os_packethold(lb_osopaque_t osopaque);
+
 // Makes room for a link header in front of a frame that has none: sets *ppethaddr and returns 0, or
 // returns 1 when there is one already or no room.
 int os_headroom(int headroom, void **ppethaddr, void **ppproto, void **pposopaque);

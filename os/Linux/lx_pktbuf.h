@@ -10,12 +10,22 @@
 constexpr int LX_HEADROOM = 32;   // free bytes in front of a received frame
 constexpr int LX_FRAMEMAX = 1568; // the longest frame that fits
 
-// Who has a buffer. The stack may publish a packet that it holds, and another thread may be done
-// with it, before the worker has even heard that it is held: so whoever comes second frees it.
+// Who has a buffer. A packet that the stack holds can be found, sent and released by another thread
+// before the worker has even heard that it is held; so worker and release each exchange the word
+// for their own, and whoever comes second has the buffer:
+//
+//   OWNED -> MARKED     os_packethold(), by the worker itself, before the packet can be found
+//   MARKED -> HELD      the entry returned first; the release that follows frees
+//   MARKED -> RELEASED  the release came first; the worker has the buffer back for its next frame
+//   OWNED -> RELEASED   the ordinary end of a frame that was never held
+//   OWNED -> HELD       an entry that says held without having marked it
+//
+// Neither side touches the buffer after its exchange unless that told it that it came second.
 enum lx_held_e : lb_u8_t {
     LX_OWNED = 0,    // the worker's, which reuses it
     LX_HELD = 1,     // the stack's, which frees it through os_packetfree()
     LX_RELEASED = 2, // the stack is done with it, and the worker hasn't let go of it yet
+    LX_MARKED = 3,   // the stack's, and the worker hasn't let go of it yet
 };
 
 struct lx_pktbuf_s {

@@ -210,19 +210,23 @@ int lx_classify(lx_pktbuf_t *pkt, const lx_frameinfo_t *info)
 // The buffer for the next round: this one, or NULL when it is the stack's now.
 lx_pktbuf_t *lx_settle(lx_pktbuf_t *pkt, int rc)
 {
+    // What the worker marked itself it sees, whatever the entry answers: the stack may still find a
+    // buffer that it was told to keep.
+    const bool marked = lx_heldword(pkt).load(std::memory_order_acquire) == LX_MARKED;
     switch (rc) {
     case LX_NOT_ENTERED:
     case LB_PACKETRC_CONSUMED:
-    case LB_PACKETRC_INTACT: return pkt;
-    case LB_PACKETRC_HELD: {
-        lb_u8_t owned = LX_OWNED;
-        if (lx_heldword(pkt).compare_exchange_strong(owned, LX_HELD, std::memory_order_acq_rel)) {
-            return nullptr;
-        }
-        return pkt; // released already by another thread: the worker comes second and reuses it
+    case LB_PACKETRC_INTACT:
+    case LB_PACKETRC_HELD: break;
+    default: LB_LOG(LX_LOG_FAILURE, "invalid return code (%d) from lbstack\n", rc); break;
     }
-    default: LB_LOG(LX_LOG_FAILURE, "invalid return code (%d) from lbstack\n", rc); return pkt;
+    if (!marked && rc != LB_PACKETRC_HELD) {
+        return pkt;
     }
+    // Where it was released already, by another thread, the worker comes second: instead of freeing
+    // the buffer it has it back. Otherwise the buffer may be gone from here on.
+    const lb_u8_t before = lx_heldword(pkt).exchange(LX_HELD, std::memory_order_acq_rel);
+    return before == LX_RELEASED ? pkt : nullptr;
 }
 
 } // namespace
@@ -255,10 +259,19 @@ void os_packetfree(lb_osopaque_t osopaque)
     if (pkt == nullptr) {
         return; // a packet that the stack made itself
     }
-    // A buffer that its worker still owns is only marked; the worker takes the mark off when it
-    // reuses it.
+    // A buffer that its worker hasn't let go of is only marked; the worker, coming second, takes
+    // the mark off when it reuses it.
     if (lx_heldword(pkt).exchange(LX_RELEASED, std::memory_order_acq_rel) == LX_HELD) {
         std::free(pkt);
+    }
+}
+
+void os_packethold(lb_osopaque_t osopaque)
+{
+    auto *pkt = static_cast<lx_pktbuf_t *>(osopaque);
+    if (pkt != nullptr) {
+        // Whoever finds the packet finds it through a lock that is taken later.
+        lx_heldword(pkt).store(LX_MARKED, std::memory_order_relaxed);
     }
 }
 

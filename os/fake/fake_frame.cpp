@@ -130,29 +130,42 @@ void frame::settle(int rc)
     case LB_PACKETRC_HELD: break;
     default: record_fault("invalid disposition " + std::to_string(rc)); return;
     }
-    detail::held_frames.fetch_add(1, std::memory_order_relaxed);
-    // Another thread may have freed it before it was marked: who comes second does the work.
-    if (state_.exchange(HELD, std::memory_order_acq_rel) == RELEASED) {
+    // Another thread may have freed it before: who comes second does the work.
+    switch (state_.exchange(HELD, std::memory_order_acq_rel)) {
+    case MARKED: return;
+    case RELEASED:
         state_.store(RELEASED, std::memory_order_relaxed);
         bury();
+        return;
+    default: record_fault("a frame was held without being marked"); return;
     }
 }
 
 void frame::bury()
 {
-    detail::held_frames.fetch_sub(1, std::memory_order_relaxed);
     if (on_heap_) {
         ASAN_POISON_MEMORY_REGION(buf_, sizeof(buf_));
         add_grave(this);
     }
 }
 
+void frame::hold_by_stack()
+{
+    detail::held_frames.fetch_add(1, std::memory_order_relaxed);
+    if (state_.exchange(MARKED, std::memory_order_relaxed) != OWNED) {
+        record_fault("a frame was held that is not its worker's");
+    }
+}
+
 void frame::free_by_stack()
 {
-    const int before = state_.exchange(RELEASED, std::memory_order_acq_rel);
     frees_.fetch_add(1, std::memory_order_relaxed);
-    switch (before) {
-    case HELD: bury(); break;
+    switch (state_.exchange(RELEASED, std::memory_order_acq_rel)) {
+    case HELD:
+        detail::held_frames.fetch_sub(1, std::memory_order_relaxed);
+        bury();
+        break;
+    case MARKED: detail::held_frames.fetch_sub(1, std::memory_order_relaxed); break;
     case OWNED: detail::unheld_frees.fetch_add(1, std::memory_order_relaxed); break;
     default: record_fault("a received frame was freed twice"); break;
     }
@@ -182,6 +195,21 @@ int receive(const void *bytes, std::size_t len, link type)
     return rc;
 }
 
+int worker::receive(const void *bytes, std::size_t len, link type)
+{
+    if (buffer_ == nullptr) {
+        buffer_ = std::make_unique<frame>();
+    }
+    frame *raw = buffer_.release(); // the stack's, unless it says otherwise
+    raw->on_heap_ = true;
+    raw->load(bytes, len);
+    const int rc = raw->dispatch(type);
+    if (rc != LB_PACKETRC_HELD) {
+        buffer_.reset(raw);
+    }
+    return rc;
+}
+
 } // namespace fake
 
 void os_packetfree(lb_osopaque_t osopaque)
@@ -192,6 +220,16 @@ void os_packetfree(lb_osopaque_t osopaque)
         return;
     }
     f->free_by_stack();
+}
+
+void os_packethold(lb_osopaque_t osopaque)
+{
+    fake::frame *f = fake::frame::from_opaque(osopaque);
+    if (f == nullptr) {
+        fake::record_fault("os_packethold of something that was never received");
+        return;
+    }
+    f->hold_by_stack();
 }
 
 int os_headroom(int headroom, void **ppethaddr, void **ppproto, void **pposopaque)

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace fake
@@ -49,13 +50,16 @@ class frame
     // For the host services alone.
     [[nodiscard]] static frame *from_opaque(lb_osopaque_t osopaque); // null if it is none
     void free_by_stack();
+    void hold_by_stack();
     [[nodiscard]] bool has_headroom(const void *proto, int headroom) const;
     // Records a fault if `len` bytes from `start` begin in this buffer and end beyond the frame.
     void check_bounds(const void *start, int len) const;
 
   private:
     friend int receive(const void *bytes, std::size_t len, link type);
-    enum ownership : int { OWNED, HELD, RELEASED };
+    friend class worker;
+    // As on the real host: MARKED until the worker has let go of a frame that the stack keeps.
+    enum ownership : int { OWNED, HELD, RELEASED, MARKED };
     static constexpr std::uint64_t MAGIC = 0x66616b656672616d;
 
     int call_entry(link type);
@@ -84,5 +88,21 @@ inline int receive_into(frame &buffer, const void *bytes, std::size_t len,
     buffer.load(bytes, len);
     return buffer.dispatch(type);
 }
+
+// A receive worker with its buffer, which it reuses until the stack holds it.
+class worker
+{
+  public:
+    int receive(const void *bytes, std::size_t len, link type = link::ethernet);
+    int receive(const std::vector<std::uint8_t> &bytes, link type = link::ethernet)
+    {
+        return receive(bytes.data(), bytes.size(), type);
+    }
+    // The buffer of the last frame; null when the stack has it.
+    [[nodiscard]] frame *buffer() { return buffer_.get(); }
+
+  private:
+    std::unique_ptr<frame> buffer_;
+};
 
 } // namespace fake

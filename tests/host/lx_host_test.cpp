@@ -265,20 +265,80 @@ TEST_F(lx_host, buffers_are_reused_until_the_stack_holds_one)
     os_packetfree(nullptr);
 }
 
-TEST_F(lx_host, held_and_released_before_the_worker_knows)
+TEST_F(lx_host, whoever_comes_second_has_the_buffer)
 {
-    // The stack publishes the packet, another thread is done with it, and only then the entry
-    // returns: the worker comes second, and has the buffer back.
-    answer = [](lx_pktbuf_t *pkt) -> int {
-        if (entries.size() == 1) {
-            std::thread(os_packetfree, pkt).join();
+    // The stack publishes the packet, another thread is done with it before the entry has returned:
+    // the worker comes second, and has the buffer back.
+    const struct {
+        const char *name;
+        bool marked, released;
+        int rc;
+        bool back;
+    } table[] = {
+        {"marked and kept", true, false, LB_PACKETRC_HELD, false},
+        {"marked and released", true, true, LB_PACKETRC_HELD, true},
+        {"released unmarked", false, true, LB_PACKETRC_HELD, true},
+        {"marked, then dropped after all", true, true, LB_PACKETRC_CONSUMED, true},
+        {"marked and kept, whatever is said", true, false, LB_PACKETRC_CONSUMED, false},
+        {"kept, an answer that is none", true, false, LB_PACKETRC_UNDEFINED, false},
+    };
+    for (const auto &each : table) {
+        SCOPED_TRACE(each.name);
+        stopping = 0;
+        entries.clear();
+        answer = [&each](lx_pktbuf_t *pkt) -> int {
+            if (entries.size() > 1) {
+                return LB_PACKETRC_CONSUMED;
+            }
+            if (each.marked) {
+                os_packethold(pkt);
+            }
+            if (each.released) {
+                std::thread(os_packetfree, pkt).join();
+            }
+            return each.rc;
+        };
+        run({{}, {}});
+        ASSERT_EQ(entries.size(), 2U);
+        EXPECT_EQ(entries[0].buffer == entries[1].buffer, each.back);
+        if (!each.back) {
+            os_packetfree(entries[0].buffer);
         }
+    }
+    os_packethold(nullptr);
+}
+
+// The worker's return and the release at the same moment, over and over.
+TEST_F(lx_host, worker_and_release_race_for_the_buffer)
+{
+    constexpr int ROUNDS = 500;
+    std::atomic<lx_pktbuf_t *> published{nullptr};
+    std::atomic<bool> over{false};
+    std::thread releaser([&published, &over] {
+        while (!over.load()) {
+            if (lx_pktbuf_t *pkt = published.exchange(nullptr); pkt != nullptr) {
+                os_packetfree(pkt);
+            } else {
+                std::this_thread::yield();
+            }
+        }
+    });
+    answer = [&published](lx_pktbuf_t *pkt) -> int {
+        while (published.load() != nullptr) { // the one before is still to be taken
+            std::this_thread::yield();
+        }
+        os_packethold(pkt);
+        published.store(pkt);
         return LB_PACKETRC_HELD;
     };
-    run({{}, {}});
-    ASSERT_EQ(entries.size(), 2U);
-    EXPECT_EQ(entries[0].buffer, entries[1].buffer);
-    os_packetfree(entries[1].buffer);
+    mask_ = 0;
+    run(std::deque<frame_t>(ROUNDS));
+    while (published.load() != nullptr) {
+        std::this_thread::yield();
+    }
+    over = true;
+    releaser.join();
+    EXPECT_EQ(entries.size(), static_cast<std::size_t>(ROUNDS));
 }
 
 TEST_F(lx_host, headroom)
