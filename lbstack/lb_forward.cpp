@@ -10,6 +10,7 @@
 
 #include "lb_cluster.h"
 #include "lb_executor.h"
+#include "lb_fragment.h"
 #include "lb_pbuf.h"
 #include "lb_port.h"
 #include "lb_server.h"
@@ -103,6 +104,9 @@ int lbsel_send(lbpbuf_obj_t *pkt)
     if (pkt == nullptr) {
         LB_LOG(LB_LOG_SELECT | LB_LOG_FAILURE, "no pkt to forward!\n");
         return LB_PACKETRC_CONSUMED;
+    }
+    if (pkt->frag_mf != 0 && pkt->frag_offset == 0) {
+        lbfrag_pbuf_firstfragment(pkt);
     }
     const lbsrv_obj_t *server = pkt->server;
     lbneigh_route_t *route = server->neigh != nullptr ? lb_peekptr(server->neigh->route) : nullptr;

@@ -6,6 +6,7 @@
 #include "lb_ip.h"
 
 #include "lb_executor.h"
+#include "lb_fragment.h"
 #include "lb_icmp.h"
 #include "lb_linkedlist.h"
 #include "lb_nat.h"
@@ -66,25 +67,14 @@ bool _lbip_onnetof6(const lbip_addr_t *ip, const lbip_addr_t *net)
     return lbip_isaddrequal(&maskedip, &maskednet) != 0;
 }
 
-// Without a record of the first fragment nobody knows which server the others follow, and no host
-// owns a cluster address: a fragment for one ends here.
-int _lbip_dropfragment(lbpbuf_obj_t *pkt)
-{
-    lb_stat_inc(pkt->stats->discard);
-    lbpbuf_trace(LB_LOG_FRAGMENT | LB_LOG_DISCARDED, pkt, "frag-discard-norecord");
-    os_packetfree(pkt->osopaque);
-    return LB_PACKETRC_CONSUMED;
-}
-
 int _lbip_forcluster(lbpbuf_obj_t *pkt)
 {
     switch (pkt->ipfuncs->getproto(pkt)) {
     case LBIP_PROTO_TCP:
     case LBIP_PROTO_UDP:
-        if (pkt->frag_offset != 0 || pkt->frag_mf != 0) {
-            return _lbip_dropfragment(pkt);
-        }
-        return lbtcpudp_pbuf_entry(pkt);
+        // A first fragment has the ports, so it goes the way of a whole packet, and the others
+        // after it.
+        return pkt->frag_offset != 0 ? lbfrag_pbuf_entry(pkt) : lbtcpudp_pbuf_entry(pkt);
     case LBIP_PROTO_ICMP: return lbicmp_pbuf_entry(pkt);
     default: break;
     }

@@ -61,6 +61,7 @@ struct lbneigh_obj_s;
 struct lbfrag_table_s;
 struct lbsel_cr_obj_s;
 struct lb_retaddr_obj_s;
+struct lbfrag_record_s;
 
 using lbll_list_t = lbll_list_s;
 using lbll_node_t = lbll_node_s;
@@ -82,3 +83,4 @@ using lbneigh_obj_t = lbneigh_obj_s;
 using lbfrag_table_t = lbfrag_table_s;
 using lbsel_cr_obj_t = lbsel_cr_obj_s;
 using lb_retaddr_obj_t = lb_retaddr_obj_s;
+using lbfrag_record_t = lbfrag_record_s;

@@ -44,6 +44,26 @@ template <class T> inline T lb_take_next(T &seed)
     return std::atomic_ref<T>(seed).fetch_add(1, std::memory_order_relaxed);
 }
 
+// Takes `amount` of a budget: false, and nothing is taken, if more than `limit` would be taken
+// then.
+template <class T>
+inline bool lb_budget_take(T &taken, std::type_identity_t<T> amount, std::type_identity_t<T> limit)
+{
+    T before = std::atomic_ref<T>(taken).load(std::memory_order_relaxed);
+    do {
+        if (before + amount > limit) {
+            return false;
+        }
+    } while (!std::atomic_ref<T>(taken).compare_exchange_weak(before, before + amount,
+                                                              std::memory_order_relaxed));
+    return true;
+}
+
+template <class T> inline void lb_budget_give(T &taken, std::type_identity_t<T> amount)
+{
+    std::atomic_ref<T>(taken).fetch_sub(amount, std::memory_order_relaxed);
+}
+
 // Pointers to objects that are published to readers without a lock: what the object held before it
 // was published is seen by who reads the pointer.
 template <class T> inline T *lb_peekptr(T *const &pointer)

@@ -3,6 +3,7 @@
 
 #include "lb_entry.h"
 #include "lb_executor.h"
+#include "lb_fragment.h"
 #include "lb_log.h"
 
 #include <algorithm>
@@ -21,6 +22,7 @@ constexpr int ETH_IPV4 = 0x0800;
 constexpr int ETH_ARP = 0x0806;
 constexpr std::size_t ARP_FRAME = 42;
 constexpr std::size_t ICMP_HEADER = 8;
+constexpr lb_u64_t HELD_FRAMES = 16; // so few that some find no room
 
 // What a line of the log says about the way of a frame.
 struct label {
@@ -50,7 +52,9 @@ constexpr label LABELS[] = {
     {"reset server encapmtu", "ICMP: about a tunnel, too long"},
     {"server marked as unreachable", "ICMP: about a tunnel, unreachable"},
     {"badip4chksum", "IPv4: bad checksum"},
-    {"frag-discard-norecord", "IP: fragment for the cluster"},
+    {"frag-discard-norecord", "fragment: no room to hold it"},
+    {"frag-fwd", "fragment: after its first"},
+    {"forward-saved-frag", "fragment: held until its first"},
     {"DISCARD proto", "IP: other protocol for the cluster"},
     {"pullup failed", "TCP/UDP: header incomplete"},
     {"not a lb port", "TCP/UDP: unknown port"},
@@ -80,6 +84,9 @@ bool is_prefix(const bytes &part, std::size_t from, const bytes &whole)
 bool is_hop_of(const bytes &out, const bytes &ip)
 {
     const std::size_t hdrlen = static_cast<std::size_t>(ip.at(0) & 15) * 4;
+    if (out.size() < hdrlen || ip.size() < hdrlen) {
+        return false;
+    }
     bytes expected = ip;
     expected.at(8)--;
     std::copy(out.begin() + 10, out.begin() + 12, expected.begin() + 10);
@@ -91,9 +98,9 @@ bool is_hop_of(const bytes &out, const bytes &ip)
 } // namespace
 
 const std::vector<std::string> FRAME_PLACES = [] {
-    std::vector<std::string> places = {"link: no entry",   "link: IPv6",
-                                       "link: SLIP",       "IP: others'",
-                                       "IP: others' ICMP", "ICMP: error to a server"};
+    std::vector<std::string> places = {
+        "link: no entry",          "link: IPv6",    "link: SLIP", "IP: others'", "IP: others' ICMP",
+        "ICMP: error to a server", "fragment: held"};
     for (const label &l : LABELS) {
         places.emplace_back(l.place);
     }
@@ -102,6 +109,7 @@ const std::vector<std::string> FRAME_PLACES = [] {
 
 frame_feeder::frame_feeder(bool count) : counting_(count)
 {
+    lbfrag_setbudget(HELD_FRAMES * LBFRAG_HELDCHARGE);
     if (count) {
         fake::log_discard(false);
         lb_poke(lbexecutor->setable.log_mask, COUNTING_MASK);
@@ -110,31 +118,73 @@ frame_feeder::frame_feeder(bool count) : counting_(count)
 
 void frame_feeder::feed(const bytes &frame, fake::link link)
 {
-    const int rc = fake::receive_into(buffer_, frame.data(), frame.size(), link);
-    const bool consumed = rc == LB_PACKETRC_CONSUMED;
-    require(buffer_.frees() == (consumed ? 1 : 0), "the buffer was not freed exactly once");
-    if (!consumed) {
-        require(std::equal(buffer_.bytes(), buffer_.bytes() + buffer_.length(), frame.begin()),
+    const int rc = worker_.receive(frame, link);
+    bytes received(frame.begin(), frame.begin() + std::min<long>(static_cast<long>(frame.size()),
+                                                                 fake::frame::CAPACITY));
+    if (rc == LB_PACKETRC_HELD) {
+        require(worker_.buffer() == nullptr, "a held buffer is still the worker's");
+        held_.emplace_back(received.begin() + (link == fake::link::slip ? 0 : ETH), received.end());
+    } else {
+        const bool consumed = rc == LB_PACKETRC_CONSUMED;
+        const fake::frame &buffer = *worker_.buffer();
+        require(buffer.frees() == (consumed ? 1 : 0), "the buffer was not freed exactly once");
+        require(consumed || std::equal(received.begin(), received.end(), buffer.bytes()),
                 "a frame that is the host's was changed");
     }
-    check_sent(bytes(frame.begin(), frame.begin() + buffer_.length()), link);
+    check_sent(received, link);
     world::require_unharmed();
     if (counting_) {
         count(rc, link);
     }
 }
 
+// A packet that was held before and is sent now, each once. (One that was given up stays noted
+// until none is held.)
+bool frame_feeder::was_held(const fake::sent_frame &out)
+{
+    if (out.how != fake::via::packet) {
+        const auto quoted = [&out](const bytes &ip) {
+            return out.bytes.size() > ICMP_HEADER && is_prefix(out.bytes, ICMP_HEADER, ip);
+        };
+        return out.how == fake::via::raw4 && std::any_of(held_.begin(), held_.end(), quoted);
+    }
+    const bytes packet(out.bytes.begin() + (out.has_eth ? ETH : 0), out.bytes.end());
+    const auto found = packet.size() < 20
+                           ? held_.end()
+                           : std::find_if(held_.begin(), held_.end(), [&packet](const bytes &ip) {
+                                 return is_hop_of(packet, ip);
+                             });
+    if (found == held_.end()) {
+        return false;
+    }
+    held_.erase(found);
+    return true;
+}
+
 void frame_feeder::check_sent(const bytes &frame, fake::link link)
 {
-    const std::size_t header = link == fake::link::slip ? 0 : ETH;
-    const auto sent = fake::take_sent();
-    require(sent.size() <= 1, "one frame had more than one sent");
-    if (sent.empty()) {
-        return;
+    auto sent = fake::take_sent();
+    if (!sent.empty()) {
+        // The packet itself is the last one; those that waited for it go before.
+        const fake::sent_frame last = sent.back();
+        sent.pop_back();
+        for (const fake::sent_frame &out : sent) {
+            require(was_held(out), "sent besides the packet and those that waited for it");
+        }
+        if (!was_held(last)) { // or the packet could not go on itself
+            check_one(frame, link, last);
+        }
     }
+    if (fake::held_frames() == 0) {
+        held_.clear();
+    }
+}
+
+void frame_feeder::check_one(const bytes &frame, fake::link link, const fake::sent_frame &out)
+{
+    const std::size_t header = link == fake::link::slip ? 0 : ETH;
     require(frame.size() >= header, "something was sent for a frame without a link header");
     const bytes ip(frame.begin() + static_cast<long>(header), frame.end());
-    const fake::sent_frame &out = sent[0];
     if (out.how == fake::via::raw4) {
         check_answer(ip, out.bytes);
         return;
@@ -164,6 +214,7 @@ void frame_feeder::check_answer(const bytes &ip, const bytes &message)
 void frame_feeder::count(int rc, fake::link link)
 {
     places_["link: no entry"] += rc == fake::NOT_DISPATCHED ? 1 : 0;
+    places_["fragment: held"] += rc == LB_PACKETRC_HELD ? 1 : 0;
     places_["link: SLIP"] += link == fake::link::slip ? 1 : 0;
     places_["link: IPv6"] = lb_peek(lbexecutor->getable.ipv6stats.in);
     places_["IP: others'"] = lb_peek(lbexecutor->getable.ipv4stats.notforus) -
@@ -202,6 +253,10 @@ void run_frames(world &stack, const std::uint8_t *data, std::size_t size)
         }
         feeder.feed(frame, link);
     }
+    // The next input knows nothing of what this one's fragments left behind.
+    fake::advance_s(2 * static_cast<std::int64_t>(LBFRAG_TIMEOUT_S));
+    (void)lb_timer_entry();
+    require(fake::held_frames() == 0, "a fragment was held too long");
     stack.require_forwarding();
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "fake_frame.h"
+#include "fake_host.h"
 #include "world.h"
 
 namespace fuzz
@@ -28,11 +29,14 @@ class frame_feeder
 
   private:
     void check_sent(const bytes &frame, fake::link link);
+    void check_one(const bytes &frame, fake::link link, const fake::sent_frame &out);
+    bool was_held(const fake::sent_frame &out);
     void check_answer(const bytes &ip, const bytes &message);
     void count(int rc, fake::link link);
 
     bool counting_;
-    fake::frame buffer_{};
+    fake::worker worker_{};
+    std::vector<bytes> held_{}; // packets that the stack may still send
     reached places_{};
 };
 

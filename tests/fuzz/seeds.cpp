@@ -63,9 +63,14 @@ void add_special_packets(std::vector<seed> &seeds)
     p = to(80);
     p.fragoff = 0x2000;
     seeds.push_back(frame("tcp-first-fragment", p));
-    p = to(53, packets::UDP);
-    p.fragoff = 0x0010;
+    p = to(80, packets::UDP);
+    p.fragoff = 0x2000;
+    seeds.push_back(frame("udp-first-fragment", p));
+    p.fragoff = 0x2010;
     seeds.push_back(frame("udp-later-fragment", p));
+    p.fragoff = 0x0020;
+    p.id = 2;
+    seeds.push_back(frame("udp-last-fragment", p));
     p = to(80);
     p.dst = "10.0.0.77";
     seeds.push_back(frame("tcp-to-others", p));

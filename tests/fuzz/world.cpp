@@ -145,6 +145,7 @@ void world::finish()
     }
     (void)lb_timer_entry(); // grace of what the last tick has retired
     (void)lb_timer_entry();
+    lbpbuf_drain(); // a table that was reaped has freed what it held
     require(lb_exit() == 0, "the stack did not stop");
     require(fake::live_allocations() == 0, "memory leaked");
     require(fake::live_mutexes() == 0, "a mutex was never destroyed");

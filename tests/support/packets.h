@@ -227,6 +227,26 @@ inline bytes build(const icmp &m)
     return f;
 }
 
+// Cuts a frame's IP packet as a sender does for a link of that MTU (RFC 791, 3.2).
+inline std::vector<bytes> fragments(const bytes &frame, std::size_t mtu = 1500)
+{
+    const std::size_t body = ETH + 20;
+    const std::size_t piece = (mtu - 20) / 8 * 8;
+    std::vector<bytes> out;
+    for (std::size_t at = body; at < frame.size(); at += piece) {
+        const std::size_t end = std::min(frame.size(), at + piece);
+        bytes f(frame.begin(), frame.begin() + static_cast<long>(body));
+        f.insert(f.end(), frame.begin() + static_cast<long>(at),
+                 frame.begin() + static_cast<long>(end));
+        const std::size_t more = end < frame.size() ? 0x2000 : 0;
+        put16(f, ETH + 2, static_cast<std::uint16_t>(f.size() - ETH));
+        put16(f, ETH + 6, static_cast<std::uint16_t>(more | (at - body) / 8));
+        mend_ip(f);
+        out.push_back(std::move(f));
+    }
+    return out;
+}
+
 struct arp {
     std::uint16_t op = 1;
     mac srchw = {2, 0, 0, 0, 0, 0x50};

@@ -83,7 +83,9 @@ packets::bytes random_packet(rng &random)
     const std::uint8_t protos[] = {packets::TCP, packets::TCP, packets::UDP, packets::UDP, 1, 50};
     p.proto = protos[below(random, 6)];
     p.ttl = static_cast<std::uint8_t>(below(random, 6) == 0 ? 1 : 64);
-    p.fragoff = static_cast<std::uint16_t>(below(random, 12) == 0 ? 0x2000 : 0);
+    const std::uint16_t fragoffs[] = {0x2000, 0x2010, 0x0020};
+    p.fragoff = below(random, 12) == 0 ? fragoffs[below(random, 3)] : std::uint16_t{0};
+    p.id = static_cast<std::uint16_t>(below(random, 4));
     p.payload = static_cast<std::size_t>(below(random, 10) == 0 ? 1400 : below(random, 100));
     return packets::build(p);
 }
@@ -137,10 +139,10 @@ void work(rng random, const std::atomic<bool> &stop)
     for (int i = 0; i < 500; i++) {
         loads.push_back(random_load(random));
     }
-    fake::frame buffer;
+    fake::worker worker;
     while (!stop) {
         const load &next = any(random, loads);
-        (void)fake::receive_into(buffer, next.bytes.data(), next.bytes.size(), next.link);
+        (void)worker.receive(next.bytes, next.link);
     }
 }
 
