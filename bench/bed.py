@@ -38,6 +38,7 @@ class Way:
     """One way of forwarding, in a node of its own. Subclasses say how."""
 
     title = ""
+    tcp = False  # The generator sends TCP openings instead of UDP datagrams.
 
     def __init__(self, lab, bed, number):
         self.number = number
@@ -99,11 +100,14 @@ class Way:
 
 
 class Vellb2(Way):
-    """vellb2, rewriting hardware addresses, with a number of workers."""
+    """vellb2 with a number of workers, in one of its modes: direct (rewriting hardware addresses),
+    nat, ipip or gre."""
 
-    def __init__(self, lab, bed, number, workers):
+    def __init__(self, lab, bed, number, workers, mode="direct"):
         self.workers = workers
-        self.title = f"vellb2 -n {workers}"
+        self.mode = mode
+        self.tcp = mode == "nat"
+        self.title = f"vellb2 -n {workers}" + ("" if mode == "direct" else f", {mode}")
         self.daemon = None
         super().__init__(lab, bed, number)
 
@@ -112,9 +116,21 @@ class Vellb2(Way):
         port = f"{self.cluster}:80"
         self.daemon.ctl("interface", "sync")
         self.daemon.ctl("cluster", "add", self.cluster)
-        self.daemon.ctl("port", "add", port, "--udp-algorithm", "hash")
+        if self.tcp:
+            self.daemon.ctl("port", "add", port, "--algorithm", "connection")
+        else:
+            self.daemon.ctl("port", "add", port, "--udp-algorithm", "hash")
+        if self.mode in ("ipip", "gre"):
+            self._know_servers()  # The kernel finds the tunnels' ends.
         for host in SERVERS:
-            self.daemon.ctl("server", "add", port, self.address(1, host), "--weight", "1")
+            self.daemon.ctl("server", "add", port, self.address(1, host), "--weight", "1",
+                            *self._mode_options(host))
+
+    def _mode_options(self, host):
+        if self.mode == "nat":
+            return ("--nat", "--return-address", self.address(1, 200),
+                    "--router-address", self.address(1, host))
+        return () if self.mode == "direct" else ("--encap", self.mode)
 
     def processes(self):
         return [self.daemon.pid]
@@ -135,7 +151,10 @@ class Routing(Way):
 class Nftables(Way):
     """Destination NAT by nftables, connection by connection in turn to three servers."""
 
-    title = "nftables DNAT"
+    def __init__(self, lab, bed, number, tcp=False):
+        self.tcp = tcp
+        self.title = "nftables DNAT, TCP" if tcp else "nftables DNAT"
+        super().__init__(lab, bed, number)
 
     def start(self):
         self._know_servers()
@@ -143,11 +162,12 @@ class Nftables(Way):
         self.node.run(["nft", "-f", "-"], input=f"""table ip balancer {{
   chain prerouting {{
     type nat hook prerouting priority dstnat;
-    ip daddr {self.cluster} udp dport 80 dnat to numgen inc mod 3 map {{ {choice} }}
+    ip daddr {self.cluster} {"tcp" if self.tcp else "udp"} dport 80 dnat to numgen inc mod 3 map {{ {choice} }}
   }}
 }}
 """)
-        self.node.sysctl(net__ipv4__ip_forward=1)
+        # The generator leaves transport checksums open.
+        self.node.sysctl(net__ipv4__ip_forward=1, net__netfilter__nf_conntrack_checksum=0)
 
 
 class Bed:
@@ -160,6 +180,9 @@ class Bed:
         self.ways = [Vellb2(lab, self, i, n) for i, n in enumerate((4,) if quick else (1, 2, 4), start=1)]
         self.ways.append(Routing(lab, self, len(self.ways) + 1))
         self.ways.append(Nftables(lab, self, len(self.ways) + 1))
+        for mode in ("ipip", "gre", "nat"):
+            self.ways.append(Vellb2(lab, self, len(self.ways) + 1, 1, mode))
+        self.ways.append(Nftables(lab, self, len(self.ways) + 1, tcp=True))
         if len(cores) > 1:
             os.sched_setaffinity(0, cores[:-1])  # The generator inherits it.
         for way in self.ways:
@@ -170,7 +193,8 @@ class Bed:
         return self.gen.popen(
             ["/build/vell_pump", "send", "--dev", way.pump_if, "--src-mac", mac_of(way.address(0, 1)),
              "--dst-mac", mac_of(way.address(0, 2)), "--src-ip", way.address(0, 1),
-             "--dst-ip", way.cluster, "--dport", "80", "--rate", rate, "--seconds", seconds], **kwargs)
+             "--dst-ip", way.cluster, "--dport", "80", "--rate", rate, "--seconds", seconds,
+             *(["--tcp"] if way.tcp else [])], **kwargs)
 
     def offered(self, way):
         """Frames that reached a way's receiving end, those included that found its ring full."""

@@ -1,6 +1,7 @@
-// Forwarding: takes a packet to the server that was chosen for it by rewriting the Ethernet header,
-// so that the server gets it as the client sent it, and answers clients whose packets can't go on
-// with ICMP errors.
+// Forwarding: takes a packet to the server that was chosen for it. A neighbour gets it in an
+// Ethernet frame, as the client sent it or, behind NAT, with its addresses rewritten; a server of
+// this host gets it through the tun device, and a distant one inside IPIP (RFC 2003) or GRE
+// (RFC 2784). Clients whose packets can't go on are answered with ICMP errors.
 //
 // Runs on the receive workers and takes no lock. The server, its neighbour entry and the route in
 // it may be retired by other threads meanwhile; their memory stays while the worker is inside the
@@ -11,9 +12,13 @@
 #include "lb_cluster.h"
 #include "lb_executor.h"
 #include "lb_fragment.h"
+#include "lb_nat.h"
 #include "lb_pbuf.h"
 #include "lb_port.h"
+#include "lb_select.h"
 #include "lb_server.h"
+
+#include "prot/gre.h"
 
 namespace
 {
@@ -73,28 +78,135 @@ void _lbsel_setlinkheader(lbpbuf_obj_t *pkt, const lbneigh_obj_t *neigh, const l
     }
 }
 
+// Tells the client that its packet is too long for a path of `mtu` bytes.
+void _lbsel_sendtoolong(lbpbuf_obj_t *pkt, int usable, lb_u32_t mtu)
+{
+    pkt->icmpfuncs.sendpkt2long(pkt->ipfuncs->getsaddr(pkt), LBICMP_CODE_FRAGNEEDED, mtu, pkt->p.vd,
+                                _lbsel_quotelen(pkt, usable));
+    _lbsel_counticmp(pkt);
+}
+
+// Readdresses a NAT server's TCP packet, which answers to the port of its connection alone: 0, or
+// -1 when that can't be. What else goes to such a server stays as it is.
+int _lbsel_translate(lbpbuf_obj_t *pkt)
+{
+    if (pkt->ipfuncs->getproto(pkt) != LBIP_PROTO_TCP) {
+        return 0;
+    }
+    const lbsrv_obj_t *server = pkt->server;
+    const lb_u16_t natport = pkt->_select_prv.natport;
+    if (pkt->frag_offset == 0) {
+        if (natport == 0) {
+            return -1;
+        }
+        LB_LOG(LB_LOG_SELECT, "source port = %d\n", natport);
+    }
+    const lb_nat_endpoints_s to = {.src = &server->addable.returnaddress,
+                                   .dst = &server->config.key.cfg.server,
+                                   .sport = natport,
+                                   .dport = 0};
+    return lb_nat_rewrite(pkt, &to);
+}
+
+// Hands a packet of `usable` bytes to the route's link, or to the tun device: whether it could.
+bool _lbsel_transmit(lbpbuf_obj_t *pkt, lbneigh_route_t *route, int usable)
+{
+    if (lb_peek(pkt->server->setable.Collocated) != 1) {
+        os_packetxmit(pkt->hw.vd, pkt->p.vd, usable, &route->xmithndl, pkt->osopaque);
+        return true;
+    }
+    const int tunfd = lb_peek(os_tunfd);
+    if (tunfd <= 0) {
+        return false;
+    }
+    os_tunXmit(pkt->p.raw - LBETH_HDRLEN, usable, tunfd);
+    LB_LOG(LB_LOG_SELECT, "Collocated forwarded packet success\n");
+    return true;
+}
+
 // Sends a packet of `usable` bytes along the route, or answers the client why not.
 void _lbsel_sendlink(lbpbuf_obj_t *pkt, lbneigh_route_t *route, int usable)
 {
+    const bool nat = pkt->server->addable.nat != 0;
     const lb_u32_t mtu = lb_peek(route->ifin->setable.mtu_sys);
-    _lbsel_setlinkheader(pkt, pkt->server->neigh, route->ifin);
-    if (static_cast<lb_u32_t>(usable) > mtu) {
-        pkt->icmpfuncs.sendpkt2long(pkt->ipfuncs->getsaddr(pkt), LBICMP_CODE_FRAGNEEDED, mtu,
-                                    pkt->p.vd, _lbsel_quotelen(pkt, usable));
-        _lbsel_counticmp(pkt);
+    if (static_cast<lb_u32_t>(usable) > mtu) { // before the addresses are rewritten: the client
+        _lbsel_sendtoolong(pkt, usable, mtu);  // is to recognise what the error quotes
         _lbsel_count(pkt, &lb_proto_stats_t::discard);
         return;
     }
-    if (pkt->ipfuncs->decttl(pkt) != 0) {
+    if (nat && _lbsel_translate(pkt) != 0) {
+        _lbsel_sendfailure(pkt);
+        return;
+    }
+    if (!nat && pkt->ipfuncs->decttl(pkt) != 0) {
         pkt->icmpfuncs.sendtimeexceeded(pkt->ipfuncs->getsaddr(pkt), 0, pkt->p.vd,
                                         _lbsel_quotelen(pkt, usable));
         _lbsel_counticmp(pkt);
         _lbsel_count(pkt, &lb_proto_stats_t::err);
         return;
     }
-    os_packetxmit(pkt->hw.vd, pkt->p.vd, usable, &route->xmithndl, pkt->osopaque);
+    _lbsel_setlinkheader(pkt, pkt->server->neigh, route->ifin);
+    if (!_lbsel_transmit(pkt, route, usable)) {
+        _lbsel_sendfailure(pkt);
+        return;
+    }
     _lbsel_count(pkt, &lb_proto_stats_t::fwd);
     LB_LOG(LB_LOG_SELECT, "forwarded packet success\n");
+}
+
+// Whether a packet may enter the tunnel to its server, which takes `overhead` bytes of the path's
+// MTU. One that is too long and may be fragmented goes all the same; its client is told anyway.
+bool _lbsel_fitstunnel(lbpbuf_obj_t *pkt, int usable, lb_u32_t overhead)
+{
+    const lbsrv_obj_t *server = pkt->server;
+    if (usable < 0 || server->neigh == nullptr || pkt->ipfuncs->getsaddr(pkt)->version != 4 ||
+        server->config.key.cfg.server.version != 4) {
+        return false;
+    }
+    const lb_u32_t mtu = lb_peek(server->neigh->encapmtu);
+    if (static_cast<lb_u32_t>(usable) + overhead <= mtu) {
+        return true;
+    }
+    _lbsel_sendtoolong(pkt, usable, mtu > overhead ? mtu - overhead : 0);
+    return (lb_get16(pkt->p.v4->fragoff) & LBIPV4_FLAG_DF) == 0;
+}
+
+// Sends `length` bytes from `data` on to the server as the payload of an IPv4 packet.
+void _lbsel_xmittunnel(lbpbuf_obj_t *pkt, unsigned char *data, int length, int protocol)
+{
+    const lbsrv_obj_t *server = pkt->server;
+    unsigned char src[4];
+    unsigned char dst[4];
+    lb_load_shared(src, server->setable.encapsrcip.nboaddr.v4, sizeof(src));
+    os_memcpy(dst, server->config.key.cfg.server.nboaddr.v4, sizeof(dst));
+    os_xmitraw(data, length, src, dst, protocol, pkt->osopaque);
+}
+
+lbsel_encapforward_fn _lbsel_forwarder(const lbsrv_obj_t *server)
+{
+    const unsigned type = lb_peek(server->setable.encapflags) & LBSRV_ENCAPFLAG_TYPEMASK;
+    return type <= LBSRV_ENCAPTYPE_MAX ? encapforwardfunc[type] : nullptr;
+}
+
+void _lbsel_sendtunnel(lbpbuf_obj_t *pkt)
+{
+    const lbsel_encapforward_fn forwarder = _lbsel_forwarder(pkt->server);
+    if (forwarder == nullptr || forwarder(pkt) != 0) {
+        _lbsel_sendfailure(pkt);
+        return;
+    }
+    _lbsel_count(pkt, &lb_proto_stats_t::fwd);
+    LB_LOG(LB_LOG_SELECT, "forwarded packet success\n");
+}
+
+// Only these have later fragments that follow them; an ICMP message has no ports to remember.
+bool _lbsel_isfirstfragment(lbpbuf_obj_t *pkt)
+{
+    if (pkt->frag_mf == 0 || pkt->frag_offset != 0) {
+        return false;
+    }
+    const lb_u8_t proto = pkt->ipfuncs->getproto(pkt);
+    return proto == LBIP_PROTO_TCP || proto == LBIP_PROTO_UDP;
 }
 
 } // namespace
@@ -105,19 +217,52 @@ int lbsel_send(lbpbuf_obj_t *pkt)
         LB_LOG(LB_LOG_SELECT | LB_LOG_FAILURE, "no pkt to forward!\n");
         return LB_PACKETRC_CONSUMED;
     }
-    if (pkt->frag_mf != 0 && pkt->frag_offset == 0) {
-        lbfrag_pbuf_firstfragment(pkt);
+    if (_lbsel_isfirstfragment(pkt)) {
+        lbfrag_pbuf_firstfragment(pkt); // its key is the client's address, so before any rewriting
     }
     const lbsrv_obj_t *server = pkt->server;
     lbneigh_route_t *route = server->neigh != nullptr ? lb_peekptr(server->neigh->route) : nullptr;
     const int usable = lbpbuf_usablelen(pkt);
     const bool encapsulate =
         (lb_peek(server->setable.encapflags) & LBSRV_ENCAPFLAG_ENCAPSULATE) != 0;
-    if (usable < 0 || route == nullptr || encapsulate) {
-        _lbsel_sendfailure(pkt);
-    } else {
+    if (usable >= 0 && route != nullptr && !encapsulate) {
         _lbsel_sendlink(pkt, route, usable);
+    } else {
+        _lbsel_sendtunnel(pkt);
     }
     os_packetfree(pkt->osopaque);
     return LB_PACKETRC_CONSUMED;
+}
+
+int lbsel_forwardipip(lbpbuf_obj_t *pkt)
+{
+    const int usable = lbpbuf_usablelen(pkt);
+    if (!_lbsel_fitstunnel(pkt, usable, LBIPV4_HDRLEN) ||
+        (pkt->server->addable.nat != 0 && _lbsel_translate(pkt) != 0)) {
+        return 1;
+    }
+    _lbsel_xmittunnel(pkt, pkt->p.raw, usable, LBIP_PROTO_IPIP);
+    return 0;
+}
+
+int lbsel_forwardgre(lbpbuf_obj_t *pkt)
+{
+    const int usable = lbpbuf_usablelen(pkt);
+    constexpr int GRELEN = sizeof(lbgre_hdr_t);
+    if (!_lbsel_fitstunnel(pkt, usable, LBIPV4_HDRLEN + GRELEN)) {
+        return 1;
+    }
+    // It takes the tail of the link header, which nobody needs any more.
+    if (pkt->hw.vd == nullptr &&
+        os_headroom(GRELEN, &pkt->hw.vd, &pkt->p.vd, &pkt->osopaque) != 0) {
+        return 1;
+    }
+    if (pkt->server->addable.nat != 0 && _lbsel_translate(pkt) != 0) {
+        return 1;
+    }
+    auto *gre = reinterpret_cast<lbgre_hdr_t *>(pkt->p.raw - GRELEN);
+    lb_put16(gre->flags, 0);
+    lb_put16(gre->proto, LBETH_TYPE_IPV4);
+    _lbsel_xmittunnel(pkt, pkt->p.raw - GRELEN, usable + GRELEN, LBIP_PROTO_GRE);
+    return 0;
 }

@@ -7,6 +7,7 @@
 #include "lb_select.h"
 
 #include "lb_cluster.h"
+#include "lb_forward.h"
 #include "lb_log.h"
 #include "lb_pbuf.h"
 #include "lb_port.h"
@@ -82,6 +83,8 @@ int lbsel_init()
     for (lbsel_encapforward_fn &forwarder : encapforwardfunc) {
         forwarder = nullptr;
     }
+    encapforwardfunc[LBSRV_ENCAPTYPE_IPIP] = lbsel_forwardipip;
+    encapforwardfunc[LBSRV_ENCAPTYPE_GRE] = lbsel_forwardgre;
     for (const algorithm_s &row : algorithms) {
         selectfunc[row.algorithm] = row.funcs;
     }

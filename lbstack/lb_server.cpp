@@ -5,8 +5,8 @@
 // records are gone and whose memory it holds until it is freed itself.
 //
 // Init, get, set and remove run on the command thread, reap on the timer thread; workers read
-// linked servers without a lock. Only lists are locked, one at a time. IPv6, encapsulated and
-// collocated servers are refused: what would carry their packets does not exist yet.
+// linked servers without a lock. Only lists are locked, one at a time. IPv6 servers are
+// refused: what would carry their packets does not exist yet.
 
 #include "lb_server.h"
 
@@ -19,10 +19,14 @@
 #include "lb_utils.h"
 #include "lb_words.h"
 
+int os_tunfd = 0;
+
 namespace
 {
 
 constexpr int REAPAGE_S = 3;
+constexpr int TUNNAMELEN = 16;
+constexpr int TUNFLAG_TUN = 1; // IP packets without a link header (tun devices, IFF_TUN)
 constexpr lb_u8_t NEIGHSTATE_NONE = LBNEIGH_STATEMOD_ERROR;
 
 static_assert(offsetof(lbsrv_obj_t, config) == 0);
@@ -34,11 +38,6 @@ lbsrv_obj_t *serverof(lbcmd_objhdr_t *obj)
 const lbsel_funcs_t *algorithmof(const lbsrv_obj_t *srv)
 {
     return &selectfunc[lb_peek(srv->parent->addable.selectalg)];
-}
-
-bool wantsencapsulation(lb_u8_t encapflags, lb_u8_t collocated)
-{
-    return (encapflags & LBSRV_ENCAPFLAG_ENCAPSULATE) != 0 || collocated != 0;
 }
 
 // The addresses that a NAT server needs: 0, or 1 after telling what is wrong.
@@ -72,11 +71,6 @@ int checkkind(const lbsrv_obj_t *srv)
         return 1;
     }
     if (srv->addable.nat != 0 && checknat(&srv->addable) != 0) {
-        return 1;
-    }
-    if (wantsencapsulation(srv->setable.encapflags, srv->setable.Collocated)) {
-        LB_LOG(LB_LOG_SERVER | LB_LOG_EVENT,
-               "encapsulation and collocated servers are not available\n");
         return 1;
     }
     return 0;
@@ -134,6 +128,23 @@ void releaseothers(lbsrv_obj_t *srv)
 {
     lbneigh_rmnode(nexthopof(srv));
     releasereturnaddress(srv);
+}
+
+// The tunnel to the servers of this host, unless it is open: 0, or 1.
+int opentunnel(const lbsrv_obj_t *srv)
+{
+    if (lb_peek(os_tunfd) != 0) {
+        return 0;
+    }
+    lb_poke(srv->neigh->Collocated, 1);
+    char name[TUNNAMELEN] = {'v', 'e', 'l', 'd', 'r', 'a'};
+    const int fd = os_tunAlloc(name, TUNFLAG_TUN);
+    if (fd < 0) {
+        LB_LOG(LB_LOG_SERVER | LB_LOG_FAILURE, "Tun Allocation Failed = %d\n", fd);
+        return 1;
+    }
+    lb_poke(os_tunfd, fd);
+    return 0;
 }
 
 // Unlinks the server from both of the port's lists where it is linked: the number of failures.
@@ -214,16 +225,7 @@ int _lbsrv_cmd_set(lbcmd_objhdr_t *obj)
     lbsrv_obj_t *srv = serverof(obj);
     lbport_weightsums(srv->parent);
     setencapmtu(srv);
-    const lb_u8_t encapflags = lb_peek(srv->setable.encapflags);
-    if (wantsencapsulation(encapflags, lb_peek(srv->setable.Collocated))) {
-        LB_LOG(LB_LOG_SERVER | LB_LOG_EVENT,
-               "encapsulation and collocated servers are not available\n");
-        lb_poke(srv->setable.encapflags, srv->encapflags);
-        lb_poke(srv->setable.Collocated, 0);
-        return 1;
-    }
-    srv->encapflags = encapflags;
-    return 0;
+    return lb_peek(srv->setable.Collocated) == 1 ? opentunnel(srv) : 0;
 }
 
 int _lbsrv_cmd_get(lbcmd_objhdr_t *obj)
@@ -264,7 +266,6 @@ int lbsrv_init(lbcfg_key_t *key, lbport_obj_t *parent, lbsrv_obj_t *srv, void *a
     srv->srvref.server = srv;
     os_memcpy(&srv->addable, addable, sizeof(srv->addable));
     os_memcpy(&srv->setable, vsetable, sizeof(srv->setable));
-    srv->encapflags = srv->setable.encapflags;
     if (checkkind(srv) != 0 || takeothers(srv) != 0) {
         return 1;
     }

@@ -11,8 +11,8 @@
 namespace pump
 {
 
-// Every frame is a UDP datagram of one client to one address and port. Only the source port varies,
-// at random within a power of two of ports.
+// Every frame is a UDP datagram, or a TCP opening, of one client to one address and port. Only the
+// source port varies, at random within a power of two of ports.
 struct stream_t {
     std::string dev;
     std::array<std::uint8_t, 6> src_mac{};
@@ -23,12 +23,13 @@ struct stream_t {
     std::uint16_t flows = 1; // a power of two
     std::uint16_t dport = 0;
     std::uint16_t size = 60; // bytes of the frame, without the FCS
+    bool tcp = false;
 };
 
-constexpr std::size_t HEADERS = 14 + 20 + 8;
+constexpr std::size_t HEADERS = 14 + 20 + 20;
 constexpr std::size_t SPORT_OFFSET = 14 + 20;
 
-// The frame with source port `sport_base`: IPv4 header summed, UDP checksum absent (0).
+// The frame with source port `sport_base`: IPv4 header summed, the other checksum 0.
 std::vector<std::uint8_t> build_frame(const stream_t &stream);
 
 // A way to put frames on the wire. send() blocks until `count` have left or a signal came, and

@@ -3,6 +3,7 @@
 // line of JSON; what it did not send in time it does not try to catch up. The sink answers every
 // line of its input with its count. One thread.
 #include <linux/if_ether.h>
+#include <netinet/in.h>
 #include <sys/time.h>
 #include <system_error>
 
@@ -35,7 +36,7 @@ std::vector<std::uint8_t> build_frame(const stream_t &stream)
     frame[ip] = 0x45;
     put16(ip + 2, frame.size() - ip);
     frame[ip + 8] = 64;
-    frame[ip + 9] = 17;
+    frame[ip + 9] = stream.tcp ? IPPROTO_TCP : IPPROTO_UDP;
     std::ranges::copy(stream.src_ip, frame.begin() + ip + 12);
     std::ranges::copy(stream.dst_ip, frame.begin() + ip + 16);
     std::uint32_t sum = 0;
@@ -47,7 +48,12 @@ std::vector<std::uint8_t> build_frame(const stream_t &stream)
     put16(ip + 10, ~sum & 0xffff);
     put16(SPORT_OFFSET, stream.sport_base);
     put16(SPORT_OFFSET + 2, stream.dport);
-    put16(SPORT_OFFSET + 4, frame.size() - SPORT_OFFSET);
+    if (stream.tcp) {
+        frame[SPORT_OFFSET + 12] = 0x50; // no options
+        frame[SPORT_OFFSET + 13] = 0x02; // SYN
+    } else {
+        put16(SPORT_OFFSET + 4, frame.size() - SPORT_OFFSET);
+    }
     return frame;
 }
 
@@ -195,8 +201,9 @@ result_t run_paced(engine_t &engine, const pace_t &pace)
 
 int main(int argc, char **argv)
 try {
-    CLI::App app{"Offers UDP frames to an interface at a steady rate, or counts and takes away "
-                 "what an interface sends."};
+    CLI::App app{
+        "Offers UDP or TCP frames to an interface at a steady rate, or counts and takes away "
+        "what an interface sends."};
     app.require_subcommand(1);
     pump::stream_t stream;
     pace_t pace;
@@ -214,6 +221,7 @@ try {
     send->add_option("--size", stream.size, "bytes a frame")
         ->default_val(60)
         ->check(CLI::Range(60, 1514));
+    send->add_flag("--tcp", stream.tcp, "TCP openings, without checksum, instead of UDP");
     send->add_option("--rate", pace.rate, "frames a second; 0: as many as go")->default_val(0);
     send->add_option("--seconds", pace.seconds, "how long")
         ->default_val(1)

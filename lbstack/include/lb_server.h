@@ -29,9 +29,12 @@ struct lbsrv_obj_s {
     lbneigh_obj_t *neigh;         // set before the server is linked, never changed
     lb_retaddr_obj_t *retaddrobj; // a NAT server's, else null; as long as neigh
     lbsrv_ref_t srvref;
-    lb_u8_t encapflags;  // the last that were accepted; command thread
     lb_u8_t usesretaddr; // counted in retaddrobj's refcount; command thread, then its reaper
 };
+
+// The tun device through which the servers of this host are reached; 0 until the first of them is
+// set up, open for good then. lb_peek.
+extern int os_tunfd;
 
 // Fills a freshly allocated object: 0, or 1 (what it took is given back then).
 [[nodiscard]] int lbsrv_init(lbcfg_key_t *key, lbport_obj_t *parent, lbsrv_obj_t *srv,

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -29,7 +30,8 @@ namespace
 
 constexpr int LX_ETHHDR = 14;
 constexpr int LX_ETHADDR = 6;
-constexpr int LX_NOT_SENT = -99; // the result of a send through no socket
+constexpr int LX_NOT_SENT = -99;      // the result of a send through no socket
+constexpr int LX_CLOSED_FD = INT_MAX; // the kernel gives no descriptor a number that high
 constexpr int LX_IPPROTO_IPIP = 4;
 constexpr int LX_IPPROTO_GRE = 47;
 constexpr int LX_IPPROTO_NAT = 255;
@@ -244,7 +246,8 @@ int os_tunAlloc(char *dev, int flags)
     if (ioctl(fd, TUNSETIFF, &request) < 0) {
         const int error = errno;
         LB_LOG(LX_LOG_FAILURE, "Error: tun_alloc ioctl failed with errno=%d\n", error);
-        close(fd); // and its number is returned all the same
+        close(fd);
+        return LX_CLOSED_FD; // not `fd`, which the next accept() would get
     }
     return fd;
 }

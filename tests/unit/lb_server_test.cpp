@@ -70,34 +70,10 @@ TEST_F(ServerTest, KindsThatCannotBeServedAreRefused)
 {
     lbsrv_addable_t nat{};
     nat.nat = 1;
-    lbsrv_setable_t encapsulated{};
-    encapsulated.encapflags = LBSRV_ENCAPFLAG_ENCAPSULATE | LBSRV_ENCAPTYPE_GRE;
-    lbsrv_setable_t collocated{};
-    collocated.Collocated = 1;
     EXPECT_EQ(add_server(C, 80, S, {}, nat), LBCMD_RC_FAILURE);
-    EXPECT_EQ(add_server(C, 80, S, encapsulated), LBCMD_RC_FAILURE);
-    EXPECT_EQ(add_server(C, 80, S, collocated), LBCMD_RC_FAILURE);
     EXPECT_EQ(add_server(C, 80, "0.0.0.0"), LBCMD_RC_FAILURE);
     EXPECT_TRUE(get_port(C, 80).children.empty());
     EXPECT_EQ(lbll_size(&port()->serverset.srvreflist), 0);
-}
-
-TEST_F(ServerTest, SetOfEncapsulationIsTakenBack)
-{
-    ASSERT_ADDED(add_server(C, 80, S));
-    EXPECT_EQ(set_server(C, 80, S, [](lbsrv_setable_t &b) { b.encapflags = LBSRV_ENCAPTYPE_IPIP; }),
-              1);
-    EXPECT_EQ(get_server(C, 80, S).setable.encapflags, LBSRV_ENCAPTYPE_IPIP);
-    EXPECT_EQ(set_server(C, 80, S,
-                         [](lbsrv_setable_t &b) {
-                             b.encapflags = LBSRV_ENCAPFLAG_ENCAPSULATE | LBSRV_ENCAPTYPE_GRE;
-                             b.weight = 9;
-                         }),
-              LBCMD_RC_SUCCESS);
-    EXPECT_EQ(get_server(C, 80, S).setable.encapflags, LBSRV_ENCAPTYPE_IPIP);
-    EXPECT_EQ(get_server(C, 80, S).setable.weight, 9) << "the rest is applied";
-    EXPECT_EQ(set_server(C, 80, S, [](lbsrv_setable_t &b) { b.Collocated = 1; }), 1);
-    EXPECT_EQ(get_server(C, 80, S).setable.Collocated, 0);
 }
 
 // A rule that uses the server makes its removal refuse. It is off the tree, but packets find it

@@ -11,6 +11,7 @@ constexpr lb_u8_t LBIP_PROTO_GRE = 47;
 constexpr lb_u8_t LBIP_PROTO_ICMPV6 = 58;
 constexpr lb_u8_t LBIP_PROTO_RAW = 255;
 
+constexpr int LBIPV4_HDRLEN = 20; // without options
 constexpr lb_u16_t LBIPV4_FLAG_DF = 0x4000;
 constexpr lb_u16_t LBIPV4_FLAG_MF = 0x2000;
 constexpr lb_u16_t LBIPV4_OFFSET_MASK = 0x1FFF; // in units of 8 bytes

@@ -1,0 +1,233 @@
+// Servers that no Ethernet frame reaches: inside IPIP and GRE, and on the forwarder's own host.
+#include "lb_server.h"
+
+#include "packets.h"
+#include "stack_fixture.h"
+
+namespace
+{
+
+using packets::bytes;
+using packets::ETH;
+
+constexpr const char *CLUSTER = "10.0.0.100";
+constexpr const char *DISTANT = "192.0.2.11";
+constexpr const char *LOCAL = "10.0.0.11";
+constexpr std::uint16_t DF = 0x4000;
+
+struct method {
+    const char *name;
+    lb_u8_t type;
+    int protocol;
+    bytes header; // in front of the client's packet
+    int overhead;
+};
+const method METHODS[] = {
+    {"IPIP", LBSRV_ENCAPTYPE_IPIP, 4, {}, 20},
+    {"GRE", LBSRV_ENCAPTYPE_GRE, 47, {0, 0, 8, 0}, 24},
+};
+
+class TunnelTest : public StackTest
+{
+  protected:
+    void SetUp() override
+    {
+        StackTest::SetUp();
+        ASSERT_ADDED(add_interface("eth0", stack::ethernet(1)));
+        ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
+        ASSERT_ADDED(add_cluster(CLUSTER));
+        ASSERT_ADDED(add_port(CLUSTER, 80));
+    }
+
+    int add_tunnel(const char *server, lb_u8_t encapflags, lb_u16_t mtu = 1500)
+    {
+        lbsrv_setable_t setable{};
+        setable.weight = 1;
+        setable.encapflags = encapflags;
+        setable.encapmtu = mtu;
+        return add_server(CLUSTER, 80, server, setable);
+    }
+
+    // What the stack sends about one frame from a client.
+    static std::vector<fake::sent_frame> send(const bytes &frame,
+                                              fake::link link = fake::link::ethernet)
+    {
+        (void)fake::take_sent();
+        EXPECT_EQ(fake::receive(frame, link), LB_PACKETRC_CONSUMED);
+        return fake::take_sent();
+    }
+
+    lb_proto_stats_t counted(const char *server)
+    {
+        return get_server(CLUSTER, 80, server).getable.ipstats;
+    }
+};
+
+// A client's packet of `len` bytes from its IP header on.
+bytes packet(std::size_t len, std::uint16_t fragoff = 0)
+{
+    return packets::build(packets::packet{.fragoff = fragoff, .payload = len - 40});
+}
+
+void expect_tunnelled(const fake::sent_frame &sent, const method &m, const bytes &frame)
+{
+    EXPECT_EQ(sent.how, fake::via::raw4);
+    EXPECT_EQ(sent.protocol, m.protocol);
+    EXPECT_EQ(packets::ip_at(sent.dest, 0), DISTANT);
+    bytes expected = m.header;
+    expected.insert(expected.end(), frame.begin() + ETH, frame.end());
+    EXPECT_EQ(sent.bytes, expected);
+}
+
+void expect_toolong(const fake::sent_frame &sent, int mtu)
+{
+    EXPECT_EQ(sent.protocol, 1);
+    EXPECT_EQ(packets::ip_at(sent.dest, 0), "10.0.0.50");
+    EXPECT_EQ(packets::get16(sent.bytes, 0), 0x0304);
+    EXPECT_EQ(packets::get16(sent.bytes, 6), mtu);
+}
+
+TEST_F(TunnelTest, ThePacketTravelsInsideUnchanged)
+{
+    for (const method &m : METHODS) {
+        SCOPED_TRACE(m.name);
+        ASSERT_ADDED(add_tunnel(DISTANT, m.type | LBSRV_ENCAPFLAG_ENCAPSULATE));
+        bytes frame = packet(100);
+        frame.resize(frame.size() + 9); // padding stays behind
+        const auto sent = send(frame);
+        ASSERT_EQ(sent.size(), 1U);
+        expect_tunnelled(sent[0], m, packet(100));
+
+        const bytes bare(frame.begin() + ETH, frame.end());
+        const auto slip = send(bare, fake::link::slip);
+        ASSERT_EQ(slip.size(), 1U);
+        expect_tunnelled(slip[0], m, packet(100));
+        EXPECT_EQ(counted(DISTANT).fwd, 2U);
+
+        packets::put16(frame, ETH + 2, 200); // more than came
+        packets::mend_ip(frame);
+        EXPECT_TRUE(send(frame).empty());
+        EXPECT_EQ(counted(DISTANT).err, 1U);
+        ASSERT_EQ(rm_server(CLUSTER, 80, DISTANT), LBCMD_RC_SUCCESS);
+        tick(4);
+    }
+}
+
+TEST_F(TunnelTest, PacketsBeyondTheTunnelsMtu)
+{
+    for (const method &m : METHODS) {
+        SCOPED_TRACE(m.name);
+        ASSERT_ADDED(add_tunnel(DISTANT, m.type | LBSRV_ENCAPFLAG_ENCAPSULATE));
+        const auto largest = static_cast<std::size_t>(1500 - m.overhead);
+        EXPECT_EQ(send(packet(largest, DF)).size(), 1U);
+
+        const auto marked = send(packet(1500, DF));
+        ASSERT_EQ(marked.size(), 1U) << "the error alone";
+        expect_toolong(marked[0], 1500 - m.overhead);
+        EXPECT_EQ(counted(DISTANT).err, 1U);
+
+        const auto unmarked = send(packet(1500));
+        ASSERT_EQ(unmarked.size(), 2U) << "the error, and the packet all the same";
+        expect_toolong(unmarked[0], 1500 - m.overhead);
+        expect_tunnelled(unmarked[1], m, packet(1500));
+        EXPECT_EQ(counted(DISTANT).fwd, 2U);
+        EXPECT_EQ(get_server(CLUSTER, 80, DISTANT).getable.icmpstats.gen, 2U);
+
+        ASSERT_EQ(set_server(CLUSTER, 80, DISTANT, [](auto &s) { s.encapmtu = 10; }), 1);
+        const auto narrow = send(packet(100, DF));
+        ASSERT_EQ(narrow.size(), 1U);
+        expect_toolong(narrow[0], 0);
+        ASSERT_EQ(rm_server(CLUSTER, 80, DISTANT), LBCMD_RC_SUCCESS);
+        tick(4);
+    }
+}
+
+// The flag decides where a link is known; without a link, the type.
+TEST_F(TunnelTest, WhenAPacketIsEncapsulated)
+{
+    const struct {
+        const char *name;
+        const char *server;
+        lb_u8_t encapflags;
+        int protocol; // 0: a frame; -1: nothing
+    } rows[] = {
+        {"link, no flag", LOCAL, LBSRV_ENCAPTYPE_GRE, 0},
+        {"link and flag", LOCAL, LBSRV_ENCAPTYPE_GRE | LBSRV_ENCAPFLAG_ENCAPSULATE, 47},
+        {"no link, no flag", DISTANT, LBSRV_ENCAPTYPE_IPIP, 4},
+        {"a flag without a type", LOCAL, LBSRV_ENCAPFLAG_ENCAPSULATE, -1},
+        {"no such type", LOCAL, 3 | LBSRV_ENCAPFLAG_ENCAPSULATE, -1},
+        {"no way at all", DISTANT, 0, -1},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        ASSERT_ADDED(add_tunnel(row.server, row.encapflags));
+        const auto sent = send(packet(100));
+        ASSERT_EQ(sent.size(), row.protocol < 0 ? 0U : 1U);
+        if (row.protocol >= 0) {
+            EXPECT_EQ(sent[0].protocol, row.protocol);
+        }
+        EXPECT_EQ(counted(row.server).fwd, row.protocol < 0 ? 0U : 1U);
+        EXPECT_EQ(counted(row.server).err, row.protocol < 0 ? 1U : 0U);
+        ASSERT_EQ(rm_server(CLUSTER, 80, row.server), LBCMD_RC_SUCCESS);
+        tick(4);
+    }
+}
+
+// --- Servers of this host ------------------------------------------------------------------------
+
+class CollocatedTest : public TunnelTest
+{
+  protected:
+    void SetUp() override
+    {
+        TunnelTest::SetUp();
+        os_tunfd = 0; // it stays open while the process runs
+    }
+    void TearDown() override
+    {
+        TunnelTest::TearDown();
+        os_tunfd = 0;
+    }
+    int set_collocated(const char *server)
+    {
+        return set_server(CLUSTER, 80, server, [](auto &s) { s.Collocated = 1; });
+    }
+};
+
+TEST_F(CollocatedTest, PacketsLeaveThroughTheOneTunDevice)
+{
+    ASSERT_ADDED(add_tunnel(LOCAL, 0));
+    ASSERT_EQ(set_collocated(LOCAL), LBCMD_RC_SUCCESS);
+    ASSERT_ADDED(add_tunnel("10.0.0.12", 0));
+    ASSERT_EQ(set_collocated("10.0.0.12"), LBCMD_RC_SUCCESS);
+    ASSERT_EQ(fake::tun_requests().size(), 1U);
+    EXPECT_EQ(fake::tun_requests()[0].dev, "veldra");
+    EXPECT_EQ(fake::tun_requests()[0].flags, 1);
+
+    for (const auto link : {fake::link::ethernet, fake::link::slip}) {
+        bytes frame = packet(100);
+        bytes expected(frame.begin() + ETH, frame.end());
+        expected[8]--;
+        packets::mend_ip(expected, 0);
+        frame.resize(frame.size() + 9);
+        const auto sent =
+            send(link == fake::link::slip ? bytes(frame.begin() + ETH, frame.end()) : frame, link);
+        ASSERT_EQ(sent.size(), 1U);
+        EXPECT_EQ(sent[0].how, fake::via::tun);
+        EXPECT_EQ(sent[0].tunfd, fake::tun_requests()[0].result);
+        EXPECT_EQ(sent[0].bytes, expected);
+    }
+}
+
+TEST_F(CollocatedTest, WithoutATunDeviceNothingIsSent)
+{
+    ASSERT_ADDED(add_tunnel(LOCAL, 0));
+    fake::fail(fake::op::tun_alloc, 1);
+    (void)set_collocated(LOCAL);
+    EXPECT_TRUE(send(packet(100)).empty()) << "above all not to descriptor 0";
+    EXPECT_EQ(counted(LOCAL).err, 1U);
+    ASSERT_EQ(set_collocated(LOCAL), LBCMD_RC_SUCCESS); // the next SET tries again
+    EXPECT_EQ(send(packet(100)).size(), 1U);
+}
+
+} // namespace
