@@ -274,6 +274,7 @@ int lbexe_timer_entry()
     lbcmd_timer_entry();
     lbneigh_timer_entry();
     lbha_timer_entry();
+    lb_nat_timer_entry();
     void *clusters[LB_SNAPSHOT_MAX];
     const int count = lbll_selectn(&lbexecutor->clusterlist, clusters, LB_SNAPSHOT_MAX,
                                    lbll_filter_true, nullptr);

@@ -12,11 +12,14 @@
 #include "lb_ip.h"
 #include "lb_pbuf.h"
 #include "lb_sel_connection.h"
+#include "lb_srvset.h"
 #include "lb_tcpudp.h"
 #include "lb_utils.h"
 
 namespace
 {
+
+int sendfragment(lbpbuf_obj_t *pkt, const lbfrag_record_t *record, const char *label);
 
 constexpr lb_u64_t TRACE = LB_LOG_SELECT;
 constexpr lb_u64_t FAILURE = LB_LOG_SELECT | LB_LOG_FAILURE;
@@ -68,7 +71,8 @@ lbll_list_t *addresses()
 
 void freeaddress(lb_retaddr_obj_t *obj)
 {
-    (void)os_mutex_destroy(&obj->ept.lock); // its memory goes anyway
+    (void)lbfrag_cleanuptable(&obj->frag);  // what it refuses it reports; its memory goes anyway
+    (void)os_mutex_destroy(&obj->ept.lock); // the same
     os_memset(obj, 0, sizeof(*obj));
     os_memfree(obj);
 }
@@ -93,6 +97,20 @@ lb_retaddr_obj_t *takeexisting(const lbip_addr_t *addr)
     return obj;
 }
 
+// The tables of an address that is nobody's yet: 0, or 1 (none is left then).
+int inittables(lb_retaddr_obj_t *obj)
+{
+    if (EXC_EPTInit(&obj->ept) != 0) {
+        LB_LOG(LB_LOG_SERVER | LB_LOG_FAILURE, "init of return address's ports failed\n");
+        return 1;
+    }
+    if (lbfrag_inittable(&obj->frag, sendfragment) != 0) {
+        (void)os_mutex_destroy(&obj->ept.lock); // its memory goes anyway
+        return 1;
+    }
+    return 0;
+}
+
 lb_retaddr_obj_t *takenew(const lbip_addr_t *addr)
 {
     auto *obj = lb_newzero<lb_retaddr_obj_t>();
@@ -100,8 +118,7 @@ lb_retaddr_obj_t *takenew(const lbip_addr_t *addr)
         LB_LOG(LB_LOG_SERVER | LB_LOG_FAILURE, "allocation of new return address failed\n");
         return nullptr;
     }
-    if (EXC_EPTInit(&obj->ept) != 0) {
-        LB_LOG(LB_LOG_SERVER | LB_LOG_FAILURE, "init of return address's ports failed\n");
+    if (inittables(obj) != 0) {
         os_memfree(obj);
         return nullptr;
     }
@@ -238,6 +255,38 @@ unsigned int drop(lbpbuf_obj_t *pkt, lb_u32_t lb_proto_stats_t::*counter)
     lb_stat_inc(pkt->stats->*counter);
     os_packetfree(pkt->osopaque);
     return LB_PACKETRC_CONSUMED;
+}
+
+// Readdresses an answer and sends it; the buffer is freed in every case.
+unsigned int answer(lbpbuf_obj_t *pkt, const lb_nat_endpoints_s *to)
+{
+    if (lb_nat_rewrite(pkt, to) != 0) {
+        lbpbuf_trace(LB_LOG_SELECT | LB_LOG_PKTERROR, pkt, "nat-return-badinput");
+        return drop(pkt, &lb_proto_stats_t::err);
+    }
+    if (!sendtoclient(pkt)) {
+        return drop(pkt, &lb_proto_stats_t::err);
+    }
+    lb_stat_inc(pkt->stats->fwd);
+    os_packetfree(pkt->osopaque);
+    return LB_PACKETRC_CONSUMED;
+}
+
+int sendfragment(lbpbuf_obj_t *pkt, const lbfrag_record_t *record, const char *label)
+{
+    const lb_nat_endpoints_s to = {
+        .src = &record->srvaddr, .dst = &record->peeraddr, .sport = 0, .dport = 0};
+    lbpbuf_trace(LB_LOG_FRAGMENT | LB_LOG_FORWARDED, pkt, label);
+    return static_cast<int>(answer(pkt, &to));
+}
+
+// What the later fragments of an answer shall follow, before the first one is rewritten.
+void rememberfirst(lbpbuf_obj_t *pkt, lb_retaddr_obj_t *retaddr, const lbsel_natowner_t *owner)
+{
+    lbfrag_record_t what = {};
+    what.srvaddr = owner->cluster;
+    what.peeraddr = owner->client;
+    lbfrag_publish(&retaddr->frag, pkt, &what);
 }
 
 } // namespace
@@ -421,25 +470,26 @@ unsigned int lb_nat_entry(lbpbuf_obj_t *pkt, lb_retaddr_obj_t *retaddrrecord)
     }
     LB_LOG(TRACE, "cr record %x\n", lb_log_low32(owner.cr));
     LB_LOG(TRACE, "port from cr record %d\n", owner.clientport);
+    if (pkt->frag_mf != 0) {
+        rememberfirst(pkt, retaddrrecord, &owner);
+    }
     const lb_nat_endpoints_s to = {
         .src = &owner.cluster, .dst = &owner.client, .sport = 0, .dport = owner.clientport};
-    if (lb_nat_rewrite(pkt, &to) != 0) {
-        lbpbuf_trace(LB_LOG_SELECT | LB_LOG_PKTERROR, pkt, "nat-return-badinput");
-        return drop(pkt, &lb_proto_stats_t::err);
-    }
-    if (!sendtoclient(pkt)) {
-        return drop(pkt, &lb_proto_stats_t::err);
-    }
-    lb_stat_inc(pkt->stats->fwd);
-    os_packetfree(pkt->osopaque);
-    return LB_PACKETRC_CONSUMED;
+    return answer(pkt, &to);
 }
 
-unsigned int lb_nat_fragment_entry(lbpbuf_obj_t *pkt, lb_retaddr_obj_t * /*retaddrrecord*/)
+unsigned int lb_nat_fragment_entry(lbpbuf_obj_t *pkt, lb_retaddr_obj_t *retaddrrecord)
 {
-    // Without a record of the first fragment nobody knows which client the others go to.
-    lbpbuf_trace(LB_LOG_FRAGMENT | LB_LOG_DISCARDED, pkt, "frag-discard-norecord");
-    return drop(pkt, &lb_proto_stats_t::discard);
+    return static_cast<unsigned int>(lbfrag_arrive(&retaddrrecord->frag, pkt));
+}
+
+void lb_nat_timer_entry()
+{
+    void *found[LB_SNAPSHOT_MAX];
+    const int count = lbll_selectn(addresses(), found, LB_SNAPSHOT_MAX, lbll_filter_true, nullptr);
+    for (int i = 0; i < count; i++) {
+        lbfrag_timer_entry(&static_cast<lb_retaddr_obj_t *>(found[i])->frag);
+    }
 }
 
 lb_u32_t _lb_nat_hthash_callback(void *key, void *obj)

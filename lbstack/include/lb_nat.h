@@ -3,6 +3,7 @@
 // packets, and the way of an answer back to its client.
 #pragma once
 
+#include "lb_fragment.h"
 #include "lb_grace.h"
 #include "lb_linkedlist.h"
 #include "lb_types.h"
@@ -49,8 +50,9 @@ struct lb_retaddr_obj_s {
     lbll_node_t exenode; // in the executor's retaddrlist
     lbip_addr_t retaddr; // the key; never changes
     EXC_EphemeralPortTable ept;
-    lb_u32_t refcount; // servers that use it; under the list's lock, as is the next
-    lb_u32_t holders;  // servers that used it and have not been freed
+    lbfrag_table_t frag; // fragments of answers; their second address is the client's
+    lb_u32_t refcount;   // servers that use it; under the list's lock, as is the next
+    lb_u32_t holders;    // servers that used it and have not been freed
     lb_grace_node_t grace;
 };
 
@@ -67,6 +69,9 @@ void lbrat_drop(lb_retaddr_obj_t *obj);
 // The server will never touch the object again. After the last one it is freed, in its grace. Only
 // what was dropped may be let go.
 void lbrat_letgo(lb_retaddr_obj_t *obj);
+
+// Ages what return addresses remember of fragments. Timer thread.
+void lb_nat_timer_entry();
 
 // --- Packets -------------------------------------------------------------------------------------
 
@@ -86,7 +91,7 @@ struct lb_nat_endpoints_s {
 // A TCP packet, or the first fragment of one, to a port above 1024 of a return address: sends it to
 // its client. Always LB_PACKETRC_CONSUMED.
 unsigned int lb_nat_entry(lbpbuf_obj_t *pkt, lb_retaddr_obj_t *retaddrrecord);
-// A later fragment of one. Always LB_PACKETRC_CONSUMED.
+// A later fragment of one follows the first: LB_PACKETRC_CONSUMED, or HELD until that has come.
 unsigned int lb_nat_fragment_entry(lbpbuf_obj_t *pkt, lb_retaddr_obj_t *retaddrrecord);
 
 // Callbacks for a hash table of records by NAT port (key: lb_nat_obj_key_t).

@@ -72,8 +72,8 @@ TEST_F(NatTest, WhatBecomesOfPacketsForAReturnAddress)
     } rows[] = {
         {"an answer", with(1025, packets::TCP), nullptr, "calling os_packetxmit"},
         {"first fragment", with(1025, packets::TCP, 0x2000), nullptr, "calling os_packetxmit"},
-        {"later fragment", with(1025, packets::TCP, 0x2004), discard, "frag-discard-norecord"},
-        {"last fragment", with(1025, packets::TCP, 4), discard, "frag-discard-norecord"},
+        {"later fragment", with(1025, packets::TCP, 0x2004), nullptr, "frag-fwd"},
+        {"last fragment", with(1025, packets::TCP, 4), nullptr, "frag-fwd"},
         {"nobody's port", with(1026, packets::TCP), discard,
          "CR not found in NAT return path Port: 1026 RA: 10.1.0.200\n"},
         {"the last port", with(65535, packets::TCP), discard, "Port: 65535 RA: 10.1.0.200\n"},
@@ -287,6 +287,129 @@ TEST_F(NatTest, RefusedRemovalGivesUpTheReturnAddressWhenReaped)
     EXPECT_NE(lbneigh_lookup(&router), nullptr);
     tick(1);
     EXPECT_EQ(lbneigh_lookup(&router), nullptr);
+}
+
+// --- Both ways, whole and in fragments -----------------------------------------------------------
+
+// What left, put together again as a receiver does; empty where fragments are missing or differ in
+// their addresses.
+bytes reassembled(const std::vector<fake::sent_frame> &sent)
+{
+    bytes whole;
+    std::size_t got = 0;
+    for (const auto &each : sent) {
+        const bytes &f = each.bytes;
+        EXPECT_EQ(packets::checksum(f, ETH, ETH + 20), 0);
+        const std::size_t at = (packets::get16(f, ETH + 6) & 0x1FFFU) * 8U;
+        const std::size_t len = packets::get16(f, ETH + 2) - 20U;
+        whole.resize(std::max(whole.size(), ETH + 20 + at + len));
+        std::copy(f.begin() + ETH + 20, f.begin() + static_cast<long>(ETH + 20 + len),
+                  whole.begin() + static_cast<long>(ETH + 20 + at));
+        if (got == 0) {
+            std::copy(f.begin(), f.begin() + ETH + 20, whole.begin());
+        }
+        if (!std::equal(f.begin() + ETH + 12, f.begin() + ETH + 20, whole.begin() + ETH + 12)) {
+            return {};
+        }
+        got += len;
+    }
+    if (whole.size() != ETH + 20 + got) {
+        return {};
+    }
+    packets::put16(whole, ETH + 2, static_cast<std::uint16_t>(whole.size() - ETH));
+    return whole;
+}
+
+std::string ends(const bytes &f)
+{
+    return packets::ip_at(f, ETH + 12) + ":" + std::to_string(packets::get16(f, ETH + 20)) + " " +
+           packets::ip_at(f, ETH + 16) + ":" + std::to_string(packets::get16(f, ETH + 22));
+}
+
+TEST_F(NatTest, BothWaysWholeAndInFragmentsOfAnyOrder)
+{
+    ASSERT_TRUE(segment(SYN, 40000));
+    const packets::packet request = {.src = "10.9.0.1",
+                                     .dst = C,
+                                     .sport = 40000,
+                                     .ttl = 1, // translation is no hop
+                                     .flags = ACK,
+                                     .id = 77,
+                                     .payload = 3001};
+    packets::packet reply = answer(1025);
+    reply.payload = 3001;
+    reply.id = 78;
+    const struct {
+        const char *name;
+        packets::packet packet;
+        const char *becomes;
+    } rows[] = {
+        {"request", request, "10.1.0.200:1025 10.2.0.11:80"},
+        {"answer", reply, "10.0.0.100:80 10.9.0.1:40000"},
+    };
+    for (const auto &row : rows) {
+        packets::packet small = row.packet;
+        small.payload = 100;
+        for (const bool backwards : {false, true}) {
+            SCOPED_TRACE(row.name);
+            auto frames = packets::fragments(packets::build(row.packet));
+            ASSERT_EQ(frames.size(), 3U);
+            frames.push_back(packets::build(small));
+            if (backwards) {
+                std::reverse(frames.begin(), frames.end());
+            }
+            (void)fake::take_sent();
+            for (const bytes &frame : frames) {
+                (void)fake::receive(frame);
+            }
+            auto sent = fake::take_sent();
+            ASSERT_EQ(sent.size(), 4U);
+            std::rotate(sent.begin(), sent.begin() + (backwards ? 1 : 0), sent.end());
+            const bytes whole = sent.back().bytes;
+            EXPECT_EQ(ends(whole), row.becomes);
+            EXPECT_EQ(packets::transport_residue(whole), 0);
+            EXPECT_EQ(whole[ETH + 8], row.packet.ttl);
+            sent.pop_back();
+            const bytes datagram = reassembled(sent);
+            ASSERT_EQ(datagram.size(), packets::build(row.packet).size());
+            EXPECT_EQ(ends(datagram), row.becomes);
+            EXPECT_EQ(packets::transport_residue(datagram), 0);
+            tick(5); // forgets the fragments
+        }
+    }
+    EXPECT_EQ(fake::held_frames(), 0);
+}
+
+TEST_F(NatTest, WithoutARecordTcpStaysAndUdpGoesAsItCame)
+{
+    ASSERT_ADDED(add_port(C, 81, LBSEL_ALGORIGHM_HASH, LBSEL_ALGORIGHM_UDPRR));
+    lbsrv_setable_t setable{};
+    setable.weight = 1;
+    ASSERT_ADDED(add_server(C, 81, server_ip(11), setable, natted()));
+    const lb_u32_t err = stats().err;
+    (void)fake::take_sent();
+    fake::receive(packets::build({.src = "10.9.0.1", .dst = C, .dport = 81}));
+    EXPECT_TRUE(fake::take_sent().empty());
+    EXPECT_EQ(stats().err, err + 1);
+    const bytes datagram =
+        packets::build({.src = "10.9.0.1", .dst = C, .dport = 81, .proto = packets::UDP});
+    fake::receive(datagram);
+    const auto sent = fake::take_sent();
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_TRUE(std::equal(datagram.begin() + ETH, datagram.end(), sent[0].bytes.begin() + ETH));
+}
+
+TEST_F(NatTest, TheClientIsToldThatItsOwnPacketIsTooLong)
+{
+    ASSERT_TRUE(segment(SYN, 40000));
+    ASSERT_EQ(set_interface("eth1", stack::ethernet(2, 576)), LBCMD_RC_SUCCESS);
+    const bytes frame =
+        packets::build({.src = "10.9.0.1", .dst = C, .sport = 40000, .flags = ACK, .payload = 600});
+    fake::receive(frame);
+    const auto sent = fake::take_sent();
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].protocol, 1);
+    EXPECT_TRUE(std::equal(sent[0].bytes.begin() + 8, sent[0].bytes.end(), frame.begin() + ETH));
 }
 
 } // namespace
