@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "commands.h"
+#include "forwarding.h"
 #include "surprises.h"
 #include "words.h"
 
@@ -54,7 +55,7 @@ void look_at_port(session &s)
     look_again(s, [&] {
         const auto port = vellb::read_port(s.daemon, *s.req.address, s.req.port);
         auto texts = port ? port_surprises(*port) : std::vector<std::string>{};
-        if (port && port->settings.reset != 0) {
+        if (port && (port->settings.reset != 0 || translates(*port))) {
             const auto more = gateway_surprises(vellb::read_executor(s.daemon));
             texts.insert(texts.end(), more.begin(), more.end());
         }
@@ -145,14 +146,25 @@ void server_add(session &s)
     settings.encapmtu = DEFAULT_ENCAPMTU;
     settings.serverup = 1;
     s.req.server_edits.apply(settings);
-    s.add(CONFIG, asked_server(s), vellb::bytes_of(lbsrv_addable_t{}), vellb::bytes_of(settings));
+    lbsrv_addable_t fixed{};
+    apply_forwarding(s.req.forwarding, fixed);
+    apply_forwarding(s.req.forwarding, settings);
+    check_forwarding(s.req, fixed, settings);
+    s.add(CONFIG, asked_server(s), vellb::bytes_of(fixed), vellb::bytes_of(settings));
     look_at_port(s);
     s.done("added", CONFIG, asked_server(s));
 }
 
 void server_set(session &s)
 {
-    s.change(CONFIG, asked_server(s), s.req.server_edits);
+    const lbcmd_key_t key = asked_server(s);
+    const vellb::answer now = vellb::run(s.daemon, {CONFIG, LBCMD_ACTION_GET, key});
+    const auto fixed = vellb::block_of<lbsrv_addable_t>(now.addable, "addable");
+    auto settings = vellb::block_of<lbsrv_setable_t>(now.setable, "settable");
+    s.req.server_edits.apply(settings);
+    apply_forwarding(s.req.forwarding, settings);
+    check_forwarding(s.req, fixed, settings);
+    vellb::run(s.daemon, {CONFIG, LBCMD_ACTION_SET, key, {}, vellb::bytes_of(settings)});
     look_at_port(s);
     s.done("changed", CONFIG, asked_server(s));
 }

@@ -230,6 +230,50 @@ std::vector<option> server_options()
     };
 }
 
+const std::vector<option> &tunnel_options()
+{
+    static const std::vector<option> options{
+        {"--encap", "TYPE", "send its packets inside others: ipip, gre or none",
+         [](request &r, word_t word) {
+             r.forwarding.encap = static_cast<lb_u8_t>(take_name(word, vellb::encapsulations()));
+         }},
+        {"--encap-source", "ADDRESS|none",
+         "outer source, for the record: the host's routing picks it",
+         [](request &r, word_t word) { r.forwarding.encap_source = take_address_or_none(word); }},
+        {"--encap-mtu", "N", "the longest outer packet towards it; default 1500",
+         [](request &r, word_t word) { r.forwarding.encap_mtu = take_encap_mtu(word); }},
+    };
+    return options;
+}
+
+std::vector<option> server_add_options()
+{
+    std::vector<option> options = server_options();
+    const std::vector<option> nat{
+        {"--nat", nullptr, "translate its TCP connections, both ways",
+         [](request &r, word_t) { r.forwarding.nat = true; }},
+        {"--return-address", "ADDRESS", "NAT: the source that the server sees and answers to",
+         [](request &r, word_t word) { r.forwarding.return_address = take_address(word); }},
+        {"--router-address", "ADDRESS", "NAT: next hop towards the server",
+         [](request &r, word_t word) { r.forwarding.router_address = take_address(word); }},
+    };
+    options.insert(options.end(), nat.begin(), nat.end());
+    options.insert(options.end(), tunnel_options().begin(), tunnel_options().end());
+    options.push_back({"--collocated", nullptr, "it runs on this machine: use the tunnel device",
+                       [](request &r, word_t) { r.forwarding.collocated = true; }});
+    return options;
+}
+
+std::vector<option> server_set_options()
+{
+    std::vector<option> options = server_options();
+    options.insert(options.end(), tunnel_options().begin(), tunnel_options().end());
+    options.push_back(
+        {"--collocated", "on|off", "it runs on this machine: use the tunnel device",
+         [](request &r, word_t word) { r.forwarding.collocated = take_switch(word); }});
+    return options;
+}
+
 std::vector<option> rule_options(bool adds)
 {
     return {
@@ -349,13 +393,13 @@ void add_config_commands(std::vector<command> &table)
              "add",
              "add a server to a port",
              {PORT, SERVER},
-             server_options(),
+             server_add_options(),
              server_add},
             {"server",
              "set",
              "change a server",
              {PORT, SERVER},
-             server_options(),
+             server_set_options(),
              server_set,
              true},
             {"server", "rm", "take a server from a port", {PORT, SERVER}, {RECURSIVE}, server_rm},

@@ -1,5 +1,6 @@
 // The picture for programs. Numbers are numbers, times end in _s, states come as words. Reads
 // decoded blocks only.
+#include "forwarding.h"
 #include "render.h"
 #include "vellb/address.h"
 #include "vellb/names.h"
@@ -130,9 +131,13 @@ json_t json_renderer::server(const vellb::port &port, const vellb::server &each)
             {"up", set.serverup != 0},
             {"sticky", set.stickyflag != 0},
             {"quiesced", set.quiesced != 0},
+            {"forwarding", forwarding_name(each)},
             {"collocated", set.Collocated != 0},
             {"nat", each.fixed.nat != 0},
+            {"return_address", address_json(each.fixed.returnaddress)},
+            {"router_address", address_json(each.fixed.routeraddress)},
             {"encapsulation", vellb::name_of(vellb::encapsulations(), encapsulation)},
+            {"encapsulation_source", address_json(set.encapsrcip)},
             {"encapsulation_mtu", set.encapmtu},
             {"counters", counters},
             {"icmp_counters", counters_json(get.icmpstats)},

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <numeric>
 
+#include "forwarding.h"
 #include "render.h"
 #include "table.h"
 #include "vellb/address.h"
@@ -193,14 +194,9 @@ std::string server_notes(const vellb::server &each)
             notes += (notes.empty() ? "" : ", ") + note;
         }
     };
-    const auto encapsulation = static_cast<lb_u8_t>(set.encapflags & LBSRV_ENCAPFLAG_TYPEMASK);
     add(set.serverup == 0, "down");
     add(set.quiesced != 0, "quiesced");
     add(set.stickyflag == 0, "not sticky");
-    add(set.Collocated != 0, "collocated");
-    add(each.fixed.nat != 0, "nat");
-    add(encapsulation != LBSRV_ENCAPTYPE_NONE,
-        vellb::name_of(vellb::encapsulations(), encapsulation));
     return notes;
 }
 
@@ -210,7 +206,7 @@ std::string text_renderer::servers() const
                                 {"SHARE", true}, {"NEIGHBOUR"}, {"FORWARDED", true},
                                 {"ERRORS", true}};
     with_rate(columns);
-    columns.push_back({"NOTES"});
+    columns.insert(columns.end(), {{"FORWARDING"}, {"NOTES"}});
     table_t table(columns);
     const auto plus = [](unsigned sum, const vellb::server &s) { return sum + s.settings.weight; };
     for (const vellb::cluster &cluster : now_.clusters) {
@@ -230,6 +226,7 @@ std::string text_renderer::servers() const
                                                to_string(c.fwd),
                                                to_string(c.err)};
                 add_rate(cells, c.fwd, old != nullptr ? &old->readings.ipstats.fwd : nullptr);
+                cells.push_back(forwarding_text(each));
                 cells.push_back(server_notes(each));
                 table.row(std::move(cells));
             }

@@ -31,6 +31,17 @@ template <class B> class edits_t
     std::vector<std::function<void(B &)>> edits_;
 };
 
+// How a server is to be reached, as far as the words say.
+struct forwarding_words {
+    bool nat = false;
+    std::optional<lbip_addr_t> return_address{};
+    std::optional<lbip_addr_t> router_address{};
+    std::optional<lb_u8_t> encap{}; // lbsrv_encaptype_e
+    std::optional<lbip_addr_t> encap_source{};
+    std::optional<lb_u16_t> encap_mtu{};
+    std::optional<bool> collocated{};
+};
+
 struct request {
     const command *what = nullptr;
     std::string socket = vellb::DEFAULT_SOCKET;
@@ -53,6 +64,7 @@ struct request {
     edits_t<lbport_addable_t> port_fixed{};
     edits_t<lbport_setable_t> port_edits{};
     edits_t<lbsrv_setable_t> server_edits{};
+    forwarding_words forwarding{};
     edits_t<lbrul_setable_t> rule_edits{};
     edits_t<lbifin_setable_t> interface_edits{};
     edits_t<lbifaddr_setable_t> address_edits{};

@@ -81,6 +81,11 @@ std::string failure_hint(const vellb::request &what)
                                vellb::name_of(vellb::algorithms(), block.selectalg));
         }
     }
+    if (object == object_e::SERVER && what.setable.size() == sizeof(lbsrv_setable_t) &&
+        vellb::block_of<lbsrv_setable_t>(what.setable, "settable").Collocated != 0) {
+        return "a collocated server needs the tunnel device: is /dev/net/tun there? The daemon's "
+               "log says why (failures are logged unless its log mask hides them)";
+    }
     return "the daemon's log says why (failures are logged unless its log mask hides them)";
 }
 

@@ -91,7 +91,28 @@ std::string rule_surprise(const vellb::port &port, const vellb::rule &rule)
     return "";
 }
 
+// Translation needs a record of each connection to find the way back.
+std::vector<std::string> nat_surprises(const vellb::port &port)
+{
+    const bool counts = port.fixed.selectalg == LBSEL_ALGORIGHM_CONNECTION ||
+                        port.fixed.selectalg == LBSEL_ALGORIGHM_CONN_AFFIN;
+    if (counts || !translates(port)) {
+        return {};
+    }
+    return {fmt::format("port {} has NAT servers but algorithm {}, which keeps no connections: TCP "
+                        "packets to these servers are dropped; the algorithm is fixed, so add the "
+                        "port anew with --algorithm connection or conn-affin",
+                        vellb::endpoint_text(port.cluster, port.number),
+                        vellb::name_of(vellb::algorithms(), port.fixed.selectalg))};
+}
+
 } // namespace
+
+bool translates(const vellb::port &port)
+{
+    return std::ranges::any_of(port.servers,
+                               [](const vellb::server &each) { return each.fixed.nat != 0; });
+}
 
 std::vector<std::string> port_surprises(const vellb::port &port)
 {
@@ -109,6 +130,8 @@ std::vector<std::string> port_surprises(const vellb::port &port)
         const auto more = parity_surprises(port, sum, all_zero);
         texts.insert(texts.end(), more.begin(), more.end());
     }
+    const auto nat = nat_surprises(port);
+    texts.insert(texts.end(), nat.begin(), nat.end());
     for (const vellb::rule &rule : port.rules) {
         if (std::string text = rule_surprise(port, rule); !text.empty()) {
             texts.push_back(std::move(text));
@@ -140,7 +163,8 @@ std::vector<std::string> gateway_surprises(const vellb::executor &executor)
     if (vellb::is_set(executor.settings.clientgateway)) {
         return {};
     }
-    return {"no client gateway is set, so resets cannot be sent to clients; set it: "
+    return {"no client gateway is set, so resets and answers of NAT servers cannot be sent to "
+            "clients; set it: "
             "vellbctl executor set --client-gateway ADDRESS"};
 }
 

@@ -15,6 +15,8 @@ std::vector<std::string> port_surprises(const vellb::port &port);
 // Is the cluster's address on any interface's subnet?
 std::vector<std::string> subnet_surprises(const lbip_addr_t &cluster,
                                           const std::vector<vellb::interface> &interfaces);
+// Is any of the port's servers reached by NAT?
+bool translates(const vellb::port &port);
 std::vector<std::string> gateway_surprises(const vellb::executor &executor);
 // All of them.
 std::vector<std::string> surprises(const vellb::picture &now);

@@ -235,6 +235,29 @@ std::string take_interface(const std::string &word)
     return take_text(word, LBIFACE_NAMELEN);
 }
 
+lb_u16_t take_encap_mtu(const std::string &word)
+{
+    // Every link carries packets of 68 bytes (RFC 791), here with the longer tunnel header around.
+    constexpr lb_u32_t LEAST = 68 + 24;
+    constexpr lb_u32_t MOST = 65535;
+    const auto number = vellb::parse_number(word, ~0U);
+    if (!number) {
+        wrong(word, fmt::format("is not a number from {} to {}", LEAST, MOST));
+    }
+    if (*number == 0) {
+        wrong(word, "would let nothing through that must not be fragmented: leave it out for 1500");
+    }
+    if (*number < LEAST) {
+        wrong(word, fmt::format("is less than {}: inside GRE and an outer header not even the 68 "
+                                "bytes would fit that every link must carry",
+                                LEAST));
+    }
+    if (*number > MOST) {
+        wrong(word, fmt::format("is more than {}, the longest IPv4 packet", MOST));
+    }
+    return static_cast<lb_u16_t>(*number);
+}
+
 lb_u64_t take_name(const std::string &word, std::span<const vellb::named_value> table)
 {
     const auto value = vellb::value_of(table, word);

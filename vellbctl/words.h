@@ -52,6 +52,8 @@ std::string take_socket(const std::string &word);
 void take_range(const std::string &word, lb_u32_t &first, lb_u32_t &last);
 std::string take_text(const std::string &word, size_t most);
 std::string take_interface(const std::string &word);
+// Bytes that an outer packet may have.
+lb_u16_t take_encap_mtu(const std::string &word);
 lb_u64_t take_name(const std::string &word, std::span<const vellb::named_value> table);
 lb_u64_t take_mask(const std::string &word, lb_u64_t current);
 

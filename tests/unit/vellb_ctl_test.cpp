@@ -101,6 +101,14 @@ TEST(vellbctl_words, wrong_ones_are_named)
          "--weight needs a value, and only one", ""},
         {"server add 10.0.0.1:80 10.0.0.2 --sticky maybe", "'maybe' is neither on nor off", ""},
         {"server add 10.0.0.1:80", "SERVER is required", "usage: vellbctl server add"},
+        {"server set 10.0.0.1:80 10.0.0.2 --nat",
+         "--nat goes only after a command that takes it, like 'server add'", "usage:"},
+        {"server add 10.0.0.1:80 10.0.0.2 --encap gre --encap-mtu 0",
+         "'0' would let nothing through that must not be fragmented", "usage:"},
+        {"server add 10.0.0.1:80 10.0.0.2 --encap gre --encap-mtu 91", "'91' is less than 92", ""},
+        {"server add 10.0.0.1:80 10.0.0.2 --encap gre --encap-mtu 65536",
+         "'65536' is more than 65535", ""},
+        {"server add 10.0.0.1:80 10.0.0.2 --encap vxlan", "is not one of none, ipip, gre", ""},
         {"executor set --client-gateway 2001:db8::1", "--client-gateway-ipv6", "usage:"},
         {"executor set --client-gateway-ipv6 10.0.0.1", "is an IPv4 address", "usage:"},
         {"executor set --log-mask failures,forwardd",
@@ -363,6 +371,101 @@ TEST_F(vellbctl_test, no_answer_is_status_3)
     EXPECT_EQ(run("show").status, 3);
 }
 
+// --- Forwarding ----------------------------------------------------------------------------------
+
+TEST_F(vellbctl_test, a_server_is_reached_as_the_words_say)
+{
+    struct row_t {
+        const char *words;
+        const char *text;
+        const char *name;
+        int encapflags;
+    };
+    const row_t rows[] = {
+        {"add", "direct", "direct", 0},
+        {"add --nat --return-address 10.0.0.50 --router-address 10.0.0.1",
+         "nat via 10.0.0.1 as 10.0.0.50", "nat", 0},
+        {"add --encap ipip", "ipip mtu 1500", "ipip", 0x09},
+        {"add --encap gre --encap-source 10.0.0.2 --encap-mtu 1400", "gre mtu 1400", "gre", 0x0a},
+        {"set --encap-mtu 92", "gre mtu 92", "gre", 0x0a},
+        {"set --encap ipip", "ipip mtu 92", "ipip", 0x09},
+        {"set --encap none", "direct", "direct", 0},
+        {"add --collocated", "collocated", "collocated", 0},
+        {"set --collocated off", "direct", "direct", 0},
+    };
+    for (const row_t &row : rows) {
+        const std::string words = row.words;
+        if (words.starts_with("add")) {
+            run("cluster rm 10.0.0.100 --recursive");
+            must("cluster add 10.0.0.100");
+            must("port add 10.0.0.100:80 --algorithm connection");
+        }
+        must("server " + words.substr(0, 3) + " 10.0.0.100:80 10.0.0.11" + words.substr(3));
+        const auto shown = nlohmann::json::parse(run("server show --json").out).at("servers").at(0);
+        EXPECT_EQ(shown.at("forwarding"), row.name) << words;
+        EXPECT_NE(run("server show").out.find(row.text), std::string::npos) << words;
+        const auto key = vellb::server_key(ip("10.0.0.100"), 80, ip("10.0.0.11"));
+        EXPECT_EQ(settings<lbsrv_setable_t>(key).encapflags, row.encapflags) << words;
+    }
+}
+
+TEST_F(vellbctl_test, forwarding_that_makes_no_sense_is_refused_with_a_reason)
+{
+    must("cluster add 10.0.0.100");
+    must("port add 10.0.0.100:80 --algorithm connection");
+    const std::string nat = "--nat --return-address 10.0.0.50 --router-address 10.0.0.1";
+    must("server add 10.0.0.100:80 10.0.0.11 " + nat);
+    must("server add 10.0.0.100:80 10.0.0.12 --encap gre");
+    const std::pair<std::string, const char *> rows[] = {
+        {"add --nat --router-address 10.0.0.1", "--nat needs --return-address"},
+        {"add --nat --return-address 10.0.0.50", "--nat needs --router-address"},
+        {"add --return-address 10.0.0.50", "--return-address goes with --nat"},
+        {"add --nat --return-address 2001:db8::1 --router-address 10.0.0.1",
+         "2001:db8::1 is an IPv6 address, the server's is IPv4"},
+        {"add --nat --return-address 10.0.0.100 --router-address 10.0.0.1", "the cluster's"},
+        {"add --nat --return-address 10.0.0.13 --router-address 10.0.0.1", "the server's own"},
+        {"add --nat --return-address 10.0.0.1 --router-address 10.0.0.1", "the router's own"},
+        {"add --encap ipip " + nat, "--encap does not go with a NAT server"},
+        {"add --collocated " + nat, "--collocated does not go with a NAT server"},
+        {"add --collocated --encap gre", "--collocated does not go with --encap"},
+        {"add --encap-mtu 1400", "--encap-mtu goes with --encap"},
+        {"add --encap-source 10.0.0.2", "--encap-source goes with --encap"},
+        {"add --encap gre --encap-source 2001:db8::1", "--encap-source: 2001:db8::1 is an IPv6"},
+        {"set 10.0.0.11 --encap gre", "--encap does not go with a NAT server"},
+        {"set 10.0.0.11 --encap-mtu 1400", "--encap-mtu goes with --encap"},
+        {"set 10.0.0.11 --collocated on", "--collocated does not go with a NAT server"},
+        {"set 10.0.0.12 --collocated on", "--collocated does not go with --encap"},
+    };
+    for (const auto &[words, reason] : rows) {
+        const bool add = words.starts_with("add");
+        const result_t got = run("server " + words.substr(0, 3) + " 10.0.0.100:80" +
+                                 (add ? " 10.0.0.13" : "") + words.substr(3));
+        EXPECT_EQ(got.status, 2) << words;
+        EXPECT_NE(got.err.find(reason), std::string::npos) << words << ": " << got.err;
+        EXPECT_NE(got.err.find("usage: vellbctl server"), std::string::npos) << words;
+    }
+    must("server set 10.0.0.100:80 10.0.0.11 --weight 3"); // its addresses stand in no one's way
+}
+
+TEST_F(vellbctl_test, nat_that_cannot_work_is_told)
+{
+    const std::string server =
+        "server add 10.0.0.100:80 10.0.0.11 --nat --return-address 10.0.0.50 --router-address "
+        "10.0.0.1";
+    for (const char *algorithm : {"hash", "affinity", "connection"}) {
+        run("cluster rm 10.0.0.100 --recursive");
+        must("cluster add 10.0.0.100");
+        must(std::string("port add 10.0.0.100:80 --algorithm ") + algorithm);
+        const result_t got = run(server);
+        EXPECT_EQ(got.err.find("keeps no connections") == std::string::npos,
+                  std::string(algorithm) == "connection")
+            << got.err;
+        EXPECT_NE(got.err.find("no client gateway is set"), std::string::npos) << got.err;
+    }
+    must("executor set --client-gateway 10.0.0.254");
+    EXPECT_EQ(run("server set 10.0.0.100:80 10.0.0.11 --weight 3").err, "");
+}
+
 // --- Surprises -----------------------------------------------------------------------------------
 
 TEST_F(vellbctl_test, surprises_are_told_and_change_no_status)
@@ -462,12 +565,13 @@ class vellbctl_show : public vellbctl_test
 
 TEST_F(vellbctl_show, tables)
 {
-    EXPECT_EQ(
-        run("server show").out,
-        "PORT           SERVER     WEIGHT  SHARE  NEIGHBOUR           FORWARDED  ERRORS  NOTES\n"
-        "10.0.0.100:80  10.0.0.11       3    60%  reachable                1000       0  one\n"
-        "10.0.0.100:80  10.0.0.12       2    40%  dead, servers down        500       0  "
-        "quiesced\n");
+    EXPECT_EQ(run("server show").out,
+              "PORT           SERVER     WEIGHT  SHARE  NEIGHBOUR           FORWARDED  ERRORS  "
+              "FORWARDING  NOTES\n"
+              "10.0.0.100:80  10.0.0.11       3    60%  reachable                1000       0  "
+              "direct      one\n"
+              "10.0.0.100:80  10.0.0.12       2    40%  dead, servers down        500       0  "
+              "direct      quiesced\n");
     EXPECT_EQ(
         run("port show").out,
         "PORT           TCP   UDP    SERVERS     STALE  STICKY  FORWARDED  DISCARDED  ERRORS\n"
@@ -555,7 +659,7 @@ TEST_F(vellbctl_show, watching_shows_rates)
     }
     // The first picture has nothing to compare with, and so no such column.
     ASSERT_EQ(rates.size(), 3U) << got.out;
-    EXPECT_EQ(rates[0], "one");
+    EXPECT_EQ(rates[0], "direct");
     EXPECT_GT(std::stoi(rates[1]), 100);
     EXPECT_LE(std::stoi(rates[1]), 1100);
     EXPECT_EQ(split(got.out).at(6), "ERRORS");
