@@ -16,6 +16,20 @@
      vellb2          nginx              nginx              nginx             on no interface but
                      lo 10.0.0.100      lo 10.0.0.100      lo 10.0.0.100     the servers' lo
 
+In the topology Far the servers stand on a third segment, behind a router of their own, and are
+reached by NAT or by a tunnel:
+
+        segment "net"                        segment "back" 10.1.0.0/24
+     --+-----------------+------+       +------+------------------+------------------+-----------
+       | 10.0.0.2        | .0.9 |  far  | 10.1.0.1                | 10.1.0.11        | 10.1.0.12
+     +-----+             +------+-------+                    +---------+        +---------+
+     | fwd |  NAT's return address 10.0.0.50:                | server1 |        | server2 |
+     +-----+  on no interface                                +---------+        +---------+
+
+A server takes packets out of tunnels with a small program (lab.decap): a raw socket in, a tun
+device out, so that no tunnel devices of the kernel are needed. Routers pass on less than their links
+carry where a test says so (Node.limit_mtu).
+
 A node is a network namespace, an IPC namespace and a private root directory, because the daemon's
 command socket and its single-instance guard are machine-wide names. A segment is a bridge in a
 namespace of its own; nothing is ever plugged into the host. Every name begins with "vb", the
@@ -37,7 +51,7 @@ from lab.core import Lab, LabError, Terminated, build_dir, sanitized, wait_until
 from lab.daemon import Daemon
 from lab.frames import Capture, Injector
 from lab.node import Node, Segment, mac_of
-from lab.topology import Basic, Routed
+from lab.topology import Basic, Far, Routed
 
-__all__ = ["Basic", "Capture", "Daemon", "Injector", "Lab", "LabError", "Node", "Routed", "Segment",
+__all__ = ["Basic", "Capture", "Daemon", "Far", "Injector", "Lab", "LabError", "Node", "Routed", "Segment",
            "Terminated", "build_dir", "mac_of", "sanitized", "wait_until"]

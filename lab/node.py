@@ -151,9 +151,13 @@ class Node:
         with open(path, "wb") as out:
             for frame in frames:
                 out.write(len(frame).to_bytes(2, "big") + frame)
+        return self._program("lab.sender", ifname, str(per_second), str(path))
+
+    def _program(self, module, *words):
+        """Starts a program of this package in this node's network namespace."""
         process = subprocess.Popen(
             ["ip", "netns", "exec", self.namespace, "setpriv", "--pdeathsig", "KILL", "--",
-             sys.executable, "-B", "-m", "lab.sender", ifname, str(per_second), str(path)],
+             sys.executable, "-B", "-m", module, *words],
             cwd=REPO, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
             text=True, start_new_session=True)
         self.lab.adopt(process)
@@ -185,6 +189,10 @@ class Node:
         with _inside(self.namespace):
             for key, value in settings.items():
                 _write_sysctl(key.replace("__", "."), value)
+
+    def limit_mtu(self, prefix, ifname, mtu):
+        """As a router: passes on nothing longer than this to a network, and says so (RFC 1191)."""
+        self.ip("route", "replace", prefix, "dev", ifname, "mtu", "lock", str(mtu))
 
     def mac(self, ifname="eth0"):
         """The hardware address of an interface."""
@@ -222,10 +230,37 @@ class Node:
         self.sysctl(net__ipv4__conf__all__arp_ignore=1, net__ipv4__conf__all__arp_announce=2)
         self.ip("address", "add", f"{address}/32", "dev", "lo")
 
-    def start_web(self, ports=(80,)):
-        """nginx that answers every request with the node's name; its log: web_log()."""
+    def decapsulate(self, kind):
+        """Takes packets out of ipip or gre tunnels from now on; returns the process that does."""
+        self.sysctl(net__ipv4__conf__all__rp_filter=0, net__ipv4__conf__default__rp_filter=0)
+        name = f"un{kind}"
+        process = self._program("lab.decap", kind, name)
+        said = process.stdout.readline()
+        if said != "ready\n":
+            raise LabError(f"no decapsulator on {self.name}: {said}{process.stdout.read()}")
+        self.ip("link", "set", name, "up")
+        return process
+
+    def host_collocated(self, address, ifname="eth0", device="veldra"):
+        """Owns a cluster address for what comes through the forwarder's tun device, and only that.
+
+        The kernel sees each frame from the wire as well; it must not take it a second time.
+        """
+        self.add_loopback_address(address)
+        self.sysctl(net__ipv4__conf__all__rp_filter=0, **{f"net__ipv4__conf__{device}__rp_filter": 0})
+        self.ip("link", "set", device, "up")
+        self.run(["nft", "add table ip once; add chain ip once wire "
+                  "{ type filter hook prerouting priority raw; }; "
+                  f"add rule ip once wire iifname {ifname} ip daddr {address} drop"])
+
+    def start_web(self, ports=(80,), body=0):
+        """nginx that answers every request with the node's name; its log: web_log().
+
+        /body is a file of that many bytes, all alike.
+        """
         place = self.root / "web"
         place.mkdir(exist_ok=True)
+        (place / "body").write_bytes(b"x" * body)
         listens = "".join(f"listen {p} backlog=4096; " for p in ports)
         temps = "".join(f"{kind}_temp_path /web/{kind}; "
                         for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
@@ -237,6 +272,7 @@ http {{
   log_format seen '$remote_addr $remote_port $server_addr $server_port $status';
   access_log /web/access.log seen; error_log /web/error.log;
   server {{ {listens} keepalive_requests 1000000;
+            location = /body {{ root /web; }}
             location / {{ default_type text/plain; return 200 "{self.name}\\n"; }} }}
 }}
 """, encoding="ascii")

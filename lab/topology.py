@@ -1,4 +1,4 @@
-"""The two standard topologies; drawn at the top of the package.
+"""The standard topologies; drawn at the top of the package.
 
 Addresses are class attributes, nodes are attributes of the object. Configuration of the daemon is
 the caller's, except for what start_daemon() says.
@@ -24,9 +24,13 @@ class Basic:
         self.forwarder.sysctl(net__ipv4__ip_forward=0, net__ipv4__conf__all__rp_filter=0,
                               net__ipv4__conf__eth0__rp_filter=0,
                               net__ipv4__conf__all__accept_redirects=0)
+        self._add_wires()
         self.servers = [self._add_server(number) for number in range(1, servers + 1)]
         self._add_clients()
         self.daemon = None
+
+    def _add_wires(self):
+        """Segments and routers that must be there before the servers."""
 
     @staticmethod
     def server_address(number):
@@ -57,10 +61,14 @@ class Basic:
         return self.daemon
 
     def configure(self, port=80, algorithm="hash", weights=None, servers=None):
-        """A cluster with one port and servers (1, 2, ...; default all) behind it, all reachable."""
+        """A cluster with one port and servers (1, 2, ...; default all) behind it, all reachable.
+
+        A cluster that is there already gets one more port.
+        """
         cluster = self.CLUSTER
-        servers = servers or range(1, len(self.servers) + 1)
-        self.daemon.ctl("cluster", "add", cluster)
+        servers = range(1, len(self.servers) + 1) if servers is None else servers
+        if cluster not in (one["cluster"] for one in self.daemon.ctl_json("show")["clusters"]):
+            self.daemon.ctl("cluster", "add", cluster)
         self.daemon.ctl("port", "add", f"{cluster}:{port}", "--algorithm", algorithm)
         for place, number in enumerate(servers):
             weight = ["--weight", weights[place]] if weights else []
@@ -85,5 +93,60 @@ class Routed(Basic):
         self.client = Node(self.lab, "client")
         self.client.attach(self.front, f"{self.CLIENT}/24")
         self.client.ip("route", "add", "default", "via", self.ROUTER)
+        self._add_routes()
+
+    def _add_routes(self):
         for node in [self.forwarder, *self.servers]:
             node.ip("route", "add", "default", "via", self.GATEWAY)
+
+
+class Far(Routed):
+    """Routed, with the servers on a segment of their own ("back") behind the router `far`.
+
+    They are reached by NAT or, with a decapsulator on each, by a tunnel. Every server has the
+    cluster address as well, which only tunnels need.
+    """
+
+    FAR = "10.0.0.9"
+    BACK = "10.1.0.0/24"
+    BACK_GATEWAY = "10.1.0.1"
+    RETURN = "10.0.0.50"  # NAT's return address; no node has it
+
+    @staticmethod
+    def server_address(number):
+        """The address of server 1, 2, 3..."""
+        return f"10.1.0.{10 + number}"
+
+    def _add_wires(self):
+        self.back = Segment(self.lab, "back")
+        self.far = Node(self.lab, "far")
+        self.far.attach(self.net, f"{self.FAR}/24")
+        self.far.attach(self.back, f"{self.BACK_GATEWAY}/24")
+        self.far.sysctl(net__ipv4__ip_forward=1, net__ipv4__conf__all__rp_filter=0,
+                        net__ipv4__conf__eth0__rp_filter=0, net__ipv4__conf__eth1__rp_filter=0,
+                        net__ipv4__conf__all__send_redirects=0,
+                        net__ipv4__conf__eth0__send_redirects=0)
+        self.far.ip("route", "add", "default", "via", self.GATEWAY)
+
+    def _add_server(self, number):
+        server = Node(self.lab, f"server{number}")
+        server.attach(self.back, f"{self.server_address(number)}/24")
+        server.add_loopback_address(self.CLUSTER)
+        server.ip("route", "add", "default", "via", self.BACK_GATEWAY)
+        return server
+
+    def _add_routes(self):
+        self.forwarder.ip("route", "add", "default", "via", self.GATEWAY)
+        self.forwarder.ip("route", "add", self.BACK, "via", self.FAR)
+
+    def configure_far(self, mode, port=80, algorithm="connection", servers=None):
+        """One more port whose servers (1, 2, ...; default all) are reached by nat, gre or ipip."""
+        words = {"nat": ["--nat", "--return-address", self.RETURN, "--router-address", self.FAR],
+                 "gre": ["--encap", "gre"], "ipip": ["--encap", "ipip"]}[mode]
+        servers = servers or range(1, len(self.servers) + 1)
+        self.configure(port, algorithm, servers=[])
+        for number in servers:
+            address = self.server_address(number)
+            self.daemon.ctl("server", "add", f"{self.CLUSTER}:{port}", address, *words)
+            if mode == "nat":
+                self.daemon.wait_neighbour(address)
