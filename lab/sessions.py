@@ -21,10 +21,10 @@ def _start(node, *words, **kwargs):
 
 
 class LongSessions:
-    """Echo servers on the cluster address of every server of a topology, and a client for them."""
+    """Echo servers on every server of a topology, and a client for them."""
 
     def __init__(self, net, ports):
-        self._servers = [_start(server, "serve", server.name, net.CLUSTER, *ports) for server in net.servers]
+        self._servers = [_start(server, "serve", server.name, "0.0.0.0", *ports) for server in net.servers]
         for server in self._servers:
             if server.stdout.readline() != "ready\n":
                 raise LabError("an echo server did not start; what it said stands above")

@@ -1,0 +1,137 @@
+"""What differs between the demonstration's modes: the network, how servers are added, what to look at.
+
+A mode's evidence are frames: of the client in direct mode, of the forwarder in the others.
+"""
+
+import collections
+import struct
+
+import steps
+from lab import Basic, Far, mac_of
+
+WEIGHTS = (2, 2, 1)
+TCP, CARRIERS = 6, {4: "IPIP", 47: "GRE", 6: "TCP"}
+
+
+def packets(capture):
+    """The IPv4 packets among a capture's frames: (source MAC, source, destination, protocol, source port)."""
+    for frame in capture.drain():
+        if len(frame) >= 54 and frame[12:14] == b"\x08\x00":
+            port = struct.unpack_from("!H", frame, 14 + (frame[14] & 15) * 4)[0]
+            addresses = [".".join(map(str, frame[at:at + 4])) for at in (26, 30)]
+            yield frame[6:12].hex(":"), *addresses, frame[23], port
+
+
+class Direct:
+    """Servers on the forwarder's segment, reached by their hardware addresses."""
+
+    algorithm = "hash"
+    words = ""
+    header = "frames of its answers, straight to the client"
+
+    def make(self, lab):
+        """The network, with web servers."""
+        net = Basic(lab)
+        net.start_web()
+        return net
+
+    def watch(self, net):
+        """A capture to be handed to evidence() later."""
+        return net.client.capture()
+
+    def evidence(self, net, capture):
+        """What the last column of the table says, by server number; 0 is the forwarder."""
+        seen = collections.Counter(mac for mac, _, _, protocol, port in packets(capture)
+                                   if (protocol, port) == (TCP, 80))
+        shown = {number: str(seen[mac_of(net.server_address(number))]) for number in (1, 2, 3)}
+        shown[0] = str(seen[mac_of(net.FORWARDER)])
+        if shown[0] != "0":
+            raise steps.StepFailed("the forwarder sent answers itself")
+        return shown
+
+    def explain(self, net):
+        """What one has seen."""
+        return f"""
+  What happened: no host owns {net.CLUSTER} on the wire. vellb2 answered the client's ARP request for
+  it, took each packet that came, chose a server by the client's port (port mod {sum(WEIGHTS)}, the sum of the
+  weights) and sent the packet on with nothing but its hardware addresses and TTL changed. The
+  servers carry the address on lo, so they took it for theirs and answered the client directly:
+  the answers never passed the forwarder."""
+
+
+class Nat(Direct):
+    """Servers behind a router, spoken to from a return address."""
+
+    algorithm = "connection"
+    words = f"--nat --return-address {Far.RETURN} --router-address {Far.FAR}"
+    header = "translated: packets to it, from it"
+
+    def make(self, lab):
+        net = Far(lab)
+        net.start_web()
+        return net
+
+    def watch(self, net):
+        return net.forwarder.capture(outgoing=True)
+
+    def evidence(self, net, capture):
+        shown = {0: ""}
+        ways = collections.Counter((source, destination) for _, source, destination, _, _ in packets(capture))
+        for number in (1, 2, 3):
+            address = net.server_address(number)
+            there, back = ways[net.RETURN, address], ways[address, net.RETURN]
+            if not (there and back):
+                raise steps.StepFailed(f"server{number} was not spoken to through {net.RETURN}")
+            shown[number] = f"{there}, {back}"
+        for number, server in enumerate(net.servers, start=1):
+            strangers = {line[0] for line in server.web_log()} - {net.RETURN}
+            if strangers:
+                raise steps.StepFailed(f"server{number} saw clients other than {net.RETURN}: {strangers}")
+        return shown
+
+    def explain(self, net):
+        return f"""
+  What happened: the servers stand behind a router ({net.FAR}) and know nothing of {net.CLUSTER}.
+  vellb2 sent them each client's packets from {net.RETURN}, an address that no host has, with a source
+  port for every connection (1025, 1026, ...); that is what their logs show. It answered the router's
+  ARP request for {net.RETURN}, turned the servers' answers back and sent them to the client gateway."""
+
+
+class Tunnel(Nat):
+    """Servers behind a router, reached inside other packets."""
+
+    algorithm = "hash"
+
+    def __init__(self, kind, protocol):
+        self.words = f"--encap {kind}"
+        self.kind, self.protocol = kind, protocol
+        self.header = f"{CARRIERS[protocol]} packets to it; its answers at the forwarder"
+
+    def make(self, lab):
+        net = super().make(lab)
+        for server in net.servers:
+            server.decapsulate(self.kind)
+        return net
+
+    def evidence(self, net, capture):
+        shown = {0: ""}
+        seen = list(packets(capture))
+        sent = collections.Counter(destination for _, _, destination, protocol, _ in seen
+                                   if protocol == self.protocol)
+        answers = sum(source == net.CLUSTER for _, source, _, _, _ in seen)
+        for number in (1, 2, 3):
+            shown[number] = f"{sent[net.server_address(number)]}; {answers}"
+        if answers or not all(sent[net.server_address(number)] for number in (1, 2, 3)):
+            raise steps.StepFailed("not every server got packets in a tunnel, or answers came back this way")
+        return shown
+
+    def explain(self, net):
+        return f"""
+  What happened: the servers stand behind a router, out of reach of hardware addresses. vellb2 sent
+  each packet as it came inside a {CARRIERS[self.protocol]} packet to its server, where the packet was taken out again. The
+  servers carry {net.CLUSTER} on lo and answered the client directly: no answer passed the forwarder.
+  Their neighbours are shown as "no interface", because they are on none of the forwarder's networks:
+  its host's routes lead to them."""
+
+
+MODES = {"direct": Direct(), "nat": Nat(), "gre": Tunnel("gre", 47), "ipip": Tunnel("ipip", 4)}
