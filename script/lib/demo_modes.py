@@ -91,7 +91,7 @@ class Nat(Direct):
 
     def explain(self, net):
         return f"""
-  What happened: the servers stand behind a router ({net.FAR}) and know nothing of {net.CLUSTER}.
+  What happened: the servers stand behind a router ({net.FAR}) and need not know {net.CLUSTER}.
   vellb2 sent them each client's packets from {net.RETURN}, an address that no host has, with a source
   port for every connection (1025, 1026, ...); that is what their logs show. It answered the router's
   ARP request for {net.RETURN}, turned the servers' answers back and sent them to the client gateway."""
