@@ -1,4 +1,4 @@
-"""What differs between the demonstration's modes: the network, how servers are added, what to look at.
+"""What differs between the demonstration's modes: network, words of `server add`, what to look at.
 
 A mode's evidence are frames: of the client in direct mode, of the forwarder in the others.
 """
@@ -14,7 +14,7 @@ TCP, CARRIERS = 6, {4: "IPIP", 47: "GRE", 6: "TCP"}
 
 
 def packets(capture):
-    """The IPv4 packets among a capture's frames: (source MAC, source, destination, protocol, source port)."""
+    """A capture's IPv4 packets: (source MAC, source, destination, protocol, source port)."""
     for frame in capture.drain():
         if len(frame) >= 54 and frame[12:14] == b"\x08\x00":
             port = struct.unpack_from("!H", frame, 14 + (frame[14] & 15) * 4)[0]
@@ -76,7 +76,7 @@ class Nat(Direct):
 
     def evidence(self, net, capture):
         shown = {0: ""}
-        ways = collections.Counter((source, destination) for _, source, destination, _, _ in packets(capture))
+        ways = collections.Counter(packet[1:3] for packet in packets(capture))
         for number in (1, 2, 3):
             address = net.server_address(number)
             there, back = ways[net.RETURN, address], ways[address, net.RETURN]
@@ -86,7 +86,8 @@ class Nat(Direct):
         for number, server in enumerate(net.servers, start=1):
             strangers = {line[0] for line in server.web_log()} - {net.RETURN}
             if strangers:
-                raise steps.StepFailed(f"server{number} saw clients other than {net.RETURN}: {strangers}")
+                raise steps.StepFailed(f"server{number} saw clients that are not {net.RETURN}: "
+                                       f"{strangers}")
         return shown
 
     def explain(self, net):
@@ -122,14 +123,14 @@ class Tunnel(Nat):
         for number in (1, 2, 3):
             shown[number] = f"{sent[net.server_address(number)]}; {answers}"
         if answers or not all(sent[net.server_address(number)] for number in (1, 2, 3)):
-            raise steps.StepFailed("not every server got packets in a tunnel, or answers came back this way")
+            raise steps.StepFailed("a server got no packets in a tunnel, or answers came back here")
         return shown
 
     def explain(self, net):
         return f"""
   What happened: the servers stand behind a router, out of reach of hardware addresses. vellb2 sent
-  each packet as it came inside a {CARRIERS[self.protocol]} packet to its server, where the packet was taken out again. The
-  servers carry {net.CLUSTER} on lo and answered the client directly: no answer passed the forwarder.
+  each packet as it came inside a {CARRIERS[self.protocol]} packet to its server, where it was
+  taken out again. The servers carry {net.CLUSTER} on lo and answered the client directly: no answer passed the forwarder.
   Their neighbours are shown as "no interface", because they are on none of the forwarder's networks:
   its host's routes lead to them."""
 

@@ -36,7 +36,8 @@ def test_download_finds_a_narrow_path(web, algorithm):
     try:
         done = web.client.run(["curl", "-sS", "--max-time", "10",
                                f"http://{web.CLUSTER}:{PORTS[algorithm]}/body"])
-        learnt = [f"mtu {NARROW}" in server.ip("route", "get", web.CLIENT) for server in web.servers]
+        learnt = [f"mtu {NARROW}" in server.ip("route", "get", web.CLIENT)
+                  for server in web.servers]
     finally:
         web.router.limit_mtu("192.168.7.0/24", "eth1", 1500)
         forget()
