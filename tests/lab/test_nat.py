@@ -1,0 +1,112 @@
+"""Servers behind a router, reached by NAT. nginx's log says what the servers saw; the kernels at
+both ends have verified the checksums of what they took."""
+
+import contextlib
+import select
+import socket
+
+import pytest
+from packets import IP, Ether
+
+from lab import Far
+
+make_net = Far
+FIRST_PORT = 1025
+SESSIONS = 7
+LATE = "CR not found in NAT return path Port: {}"
+
+
+@pytest.fixture(name="web", scope="module")
+def _web(net, daemon):
+    assert daemon.alive()
+    net.servers = net.servers[:2]
+    net.start_web()
+    net.configure_far("nat")
+    net.configure_far("nat", SESSIONS)
+    return net
+
+
+@pytest.fixture(name="session", scope="module")
+def _session(web):
+    """Makes connections from the client to the cluster: both ends, the client's and a server's."""
+    listeners = []
+    for server in web.servers:
+        listeners.append(server.socket(socket.AF_INET, socket.SOCK_STREAM))
+        listeners[-1].bind(("0.0.0.0", SESSIONS))
+        listeners[-1].listen()
+
+    def connect():
+        client = web.client.socket(socket.AF_INET, socket.SOCK_STREAM)
+        client.settimeout(5)
+        client.connect((web.CLUSTER, SESSIONS))
+        served, _ = select.select(listeners, [], [], 5)[0][0].accept()
+        served.settimeout(5)
+        return client, served
+
+    return connect
+
+
+def test_requests_take_ports_in_turn_and_keep_their_ttl(web):
+    with web.forwarder.capture(outgoing=True) as seen:
+        done = web.client.run(["curl", "-sS", "-H", "Connection: close", "--max-time", "5",
+                               f"http://{web.CLUSTER}/[1-20]"])
+        frames = [Ether(frame) for frame in seen.drain()
+                  if frame[12:14] == b"\x08\x00" and frame[23] == 6]
+    assert sorted(done.stdout.split()) == ["server1"] * 10 + ["server2"] * 10
+    logs = [(number, line) for number, server in enumerate(web.servers, start=1)
+            for line in server.web_log()]
+    assert {line[0] for _, line in logs} == {web.RETURN}
+    assert all(line[2] == web.server_address(number) for number, line in logs)
+    assert sorted(line[1] for _, line in logs) == list(range(FIRST_PORT, FIRST_PORT + 20))
+
+    def ttls(**wanted):
+        return {f[IP].ttl for f in frames if all(getattr(f[IP], k) == v for k, v in wanted.items())}
+
+    assert ttls(dst=web.CLUSTER) == ttls(src=web.RETURN) == {63}  # the client's, less one router
+    assert ttls(dst=web.RETURN) == ttls(src=web.CLUSTER) == {63}
+
+
+def test_both_directions_carry_full_frames(session):
+    client, served = session()
+    data = bytes(range(256)) * 2000
+    for sender, receiver in ((client, served), (served, client)):
+        sender.setblocking(False)
+        sent, got = 0, bytearray()
+        while len(got) < len(data):
+            with contextlib.suppress(BlockingIOError):
+                sent += sender.send(data[sent:])
+            got += receiver.recv(1 << 20)
+        sender.settimeout(5)
+        assert bytes(got) == data
+
+
+def test_reset_gives_the_port_back(web, daemon, session):
+    client, served = session()
+    address, natport = served.getsockname()[0], served.getpeername()[1]
+    daemon.ctl(f"port set {web.CLUSTER}:{SESSIONS} --reset on")
+    daemon.ctl(f"server set {web.CLUSTER}:{SESSIONS} {address} --weight 0")
+    client.send(b"drained")
+    with pytest.raises(ConnectionResetError):
+        client.recv(1)
+    mark = daemon.mark()
+    served.send(b"late")  # its own connection has not heard of the end
+    daemon.wait_log(LATE.format(natport), since=mark)
+    daemon.ctl(f"server set {web.CLUSTER}:{SESSIONS} {address} --weight 10")
+
+
+def test_removed_server_leaves_the_other_its_return_address(web, daemon, session):
+    for number in (1, 2):  # in turn
+        daemon.ctl(f"server set {web.CLUSTER}:{SESSIONS} {web.server_address(number)} --weight 1")
+    sessions = [session() for _ in range(4)]
+    gone = web.server_address(1)
+    daemon.ctl(f"server rm {web.CLUSTER}:{SESSIONS} {gone}")
+    mark = daemon.mark()
+    for client, served in sessions:
+        served.send(b"from the server")
+        if served.getsockname()[0] == gone:
+            daemon.wait_log(LATE.format(served.getpeername()[1]), since=mark)
+        else:
+            assert client.recv(100) == b"from the server"
+            client.send(b"from the client")
+            assert served.recv(100) == b"from the client"
+    assert {served.getsockname()[0] for _, served in sessions} == {gone, web.server_address(2)}
