@@ -437,12 +437,15 @@ int lb_nat_rewrite(lbpbuf_obj_t *pkt, const lb_nat_endpoints_s *to)
     if (to->src->version != oldsrc.version || to->dst->version != oldsrc.version) {
         return -1;
     }
+    const int len = lbpbuf_usablelen(pkt) - pkt->ipfuncs->gethdrlen(pkt);
     if (pkt->frag_offset != 0) {
+        if (len < 0) {
+            return -1;
+        }
         setaddresses(pkt, to);
         pkt->ipfuncs->hdrchksum(pkt);
         return 0;
     }
-    const int len = lbpbuf_usablelen(pkt) - pkt->ipfuncs->gethdrlen(pkt);
     lbtcp_hdr_t *tcp = lb_view<lbtcp_hdr_t>(pkt->ulp.vd, len);
     if (tcp == nullptr) {
         return -1;

@@ -84,7 +84,7 @@ struct lb_nat_endpoints_s {
 };
 
 // Rewrites a TCP packet and its checksums: 0, or -1 when the addresses are of another IP version,
-// or when a whole packet's or first fragment's lengths are unusable or hold no TCP header; then
+// when its lengths are unusable, or when a whole packet or first fragment holds no TCP header; then
 // nothing has been changed. Later fragments have no ports.
 [[nodiscard]] int lb_nat_rewrite(lbpbuf_obj_t *pkt, const lb_nat_endpoints_s *to);
 

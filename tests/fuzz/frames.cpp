@@ -65,6 +65,11 @@ constexpr label LABELS[] = {
     {"hash-fwd", "choose: a server"},
     {"send-failure", "send: total length or route"},
     {"forwarded packet success", "send: forwarded"},
+    {"Collocated forwarded packet success", "send: to this host"},
+    {"got nat port", "NAT: a connection"},
+    {"NAT return : copying hw address", "NAT: an answer"},
+    {"CR not found in NAT return path", "NAT: an answer to nobody"},
+    {"nat-return-badinput", "NAT: an answer that can't be read"},
     {"time exceeded packet sent", "send: time exceeded"},
     {"Destination unreachable packet", "send: too long for the link"},
 };
@@ -95,12 +100,64 @@ bool is_hop_of(const bytes &out, const bytes &ip)
     return ip[8] > 1 && is_prefix(out, 0, expected) && (isgood || !wasgood);
 }
 
+// Whether what left is the beginning of what came, but for addresses, ports and checksums, either
+// from the return address or from the cluster. A whole packet's checksums are right.
+bool is_translation_of(const bytes &out, const bytes &ip)
+{
+    const std::size_t l4 = static_cast<std::size_t>(ip.at(0) & 15) * 4;
+    if (out.size() < l4 || ip.at(9) != packets::TCP || packets::checksum(out, 0, l4) != 0 ||
+        (packets::ip_at(out, 12) != RETURN && packets::ip_at(ip, 16) != RETURN)) {
+        return false;
+    }
+    bytes expected = ip;
+    std::copy(out.begin() + 10, out.begin() + 20, expected.begin() + 10);
+    const std::uint16_t fragoff = packets::get16(ip, 6);
+    if ((fragoff & 0x1FFF) == 0 && out.size() >= l4 + 20) {
+        const auto at = static_cast<long>(l4);
+        std::copy(out.begin() + at, out.begin() + at + 4, expected.begin() + at);
+        std::copy(out.begin() + at + 16, out.begin() + at + 18, expected.begin() + at + 16);
+    }
+    const bool whole = (fragoff & 0x3FFF) == 0;
+    return is_prefix(out, 0, expected) && (!whole || packets::transport_residue(out, 0) == 0);
+}
+
+bool is_tunnelled(const fake::sent_frame &out)
+{
+    return out.how == fake::via::raw4 && out.protocol != 1;
+}
+
+// Whether a packet of this host's sends the packet that came on to a server or a client.
+bool is_sent_as(const fake::sent_frame &out, const bytes &ip)
+{
+    if (is_tunnelled(out)) {
+        const bytes gre = {0, 0, 8, 0};
+        const std::size_t header = out.protocol == 47 ? gre.size() : 0;
+        return out.bytes.size() >= header + 20 &&
+               std::equal(gre.begin(), gre.begin() + static_cast<long>(header),
+                          out.bytes.begin()) &&
+               is_prefix(out.bytes, header, ip);
+    }
+    const bytes packet(out.bytes.begin() + (out.has_eth ? ETH : 0), out.bytes.end());
+    return ip.size() >= 20 && packet.size() >= 20 &&
+           (is_hop_of(packet, ip) ||
+            (out.how == fake::via::packet && is_translation_of(packet, ip)) ||
+            (ip[9] != packets::TCP && is_prefix(packet, 0, ip))); // NAT leaves these as they are
+}
+
+// Whether an ICMP error quotes the packet.
+bool is_about(const fake::sent_frame &out, const bytes &ip)
+{
+    return out.how == fake::via::raw4 && out.protocol == 1 && out.bytes.size() > ICMP_HEADER &&
+           is_prefix(out.bytes, ICMP_HEADER, ip);
+}
+
 } // namespace
 
 const std::vector<std::string> FRAME_PLACES = [] {
-    std::vector<std::string> places = {
-        "link: no entry",          "link: IPv6",    "link: SLIP", "IP: others'", "IP: others' ICMP",
-        "ICMP: error to a server", "fragment: held"};
+    std::vector<std::string> places = {"link: no entry",   "link: IPv6",
+                                       "link: SLIP",       "IP: others'",
+                                       "IP: others' ICMP", "ICMP: error to a server",
+                                       "fragment: held",   "send: in a tunnel"};
     for (const label &l : LABELS) {
         places.emplace_back(l.place);
     }
@@ -142,18 +199,12 @@ void frame_feeder::feed(const bytes &frame, fake::link link)
 // until none is held.)
 bool frame_feeder::was_held(const fake::sent_frame &out)
 {
-    if (out.how != fake::via::packet) {
-        const auto quoted = [&out](const bytes &ip) {
-            return out.bytes.size() > ICMP_HEADER && is_prefix(out.bytes, ICMP_HEADER, ip);
-        };
-        return out.how == fake::via::raw4 && std::any_of(held_.begin(), held_.end(), quoted);
+    if (out.how == fake::via::raw4 && out.protocol == 1) {
+        return std::any_of(held_.begin(), held_.end(),
+                           [&out](const bytes &ip) { return is_about(out, ip); });
     }
-    const bytes packet(out.bytes.begin() + (out.has_eth ? ETH : 0), out.bytes.end());
-    const auto found = packet.size() < 20
-                           ? held_.end()
-                           : std::find_if(held_.begin(), held_.end(), [&packet](const bytes &ip) {
-                                 return is_hop_of(packet, ip);
-                             });
+    const auto found = std::find_if(held_.begin(), held_.end(),
+                                    [&out](const bytes &ip) { return is_sent_as(out, ip); });
     if (found == held_.end()) {
         return false;
     }
@@ -165,12 +216,18 @@ void frame_feeder::check_sent(const bytes &frame, fake::link link)
 {
     auto sent = fake::take_sent();
     if (!sent.empty()) {
-        // The packet itself is the last one; those that waited for it go before.
+        // The packet itself is the last one; those that waited for it go before, and an error about
+        // one that goes all the same.
         const fake::sent_frame last = sent.back();
         sent.pop_back();
+        const std::size_t header = std::min(frame.size(), link == fake::link::slip ? 0 : ETH);
+        const bytes ip(frame.begin() + static_cast<long>(header), frame.end());
         for (const fake::sent_frame &out : sent) {
-            require(was_held(out), "sent besides the packet and those that waited for it");
+            places_["send: in a tunnel"] += is_tunnelled(out) ? 1 : 0;
+            require(was_held(out) || is_about(out, ip),
+                    "sent besides the packet and those that waited for it");
         }
+        places_["send: in a tunnel"] += is_tunnelled(last) ? 1 : 0;
         if (!was_held(last)) { // or the packet could not go on itself
             check_one(frame, link, last);
         }
@@ -185,6 +242,10 @@ void frame_feeder::check_one(const bytes &frame, fake::link link, const fake::se
     const std::size_t header = link == fake::link::slip ? 0 : ETH;
     require(frame.size() >= header, "something was sent for a frame without a link header");
     const bytes ip(frame.begin() + static_cast<long>(header), frame.end());
+    if (is_tunnelled(out) || out.how == fake::via::tun) {
+        require(is_sent_as(out, ip), "the packet was changed on its way");
+        return;
+    }
     if (out.how == fake::via::raw4) {
         check_answer(ip, out.bytes);
         return;
@@ -199,8 +260,7 @@ void frame_feeder::check_one(const bytes &frame, fake::link link, const fake::se
     require(out.bytes.size() >= outheader + 20, "half a packet was sent");
     require(out.bytes.size() - outheader <= ip.size(), "sent longer than it came");
     require(!out.has_eth || packets::get16(out.bytes, 12) == ETH_IPV4, "the type was changed");
-    const bytes packet(out.bytes.begin() + static_cast<long>(outheader), out.bytes.end());
-    require(is_hop_of(packet, ip), "the packet was changed on its way");
+    require(is_sent_as(out, ip), "the packet was changed on its way");
 }
 
 // An ICMP error quotes the packet as it came and goes to who sent it.

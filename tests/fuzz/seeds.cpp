@@ -137,6 +137,39 @@ void add_icmp(std::vector<seed> &seeds)
     seeds.push_back(tunnel_error("tunnel-unknown", 4, 1, "10.0.0.99"));
 }
 
+// Ports whose servers no plain frame reaches, and answers of those behind NAT.
+void add_ways(std::vector<seed> &seeds)
+{
+    for (const std::uint16_t port : {86, 87, 88, 89}) {
+        const std::string name = "way-" + std::to_string(port);
+        seeds.push_back(frame(name, to(port)));
+        packets::packet p = to(port);
+        p.fragoff = 0x2000;
+        p.id = port;
+        seeds.push_back(frame(name + "-first-fragment", p));
+        p.fragoff = 8;
+        seeds.push_back(frame(name + "-last-fragment", p));
+        p = to(port);
+        p.fragoff = 0x4000;
+        p.payload = 500;
+        seeds.push_back(frame(name + "-too-long", p));
+        seeds.push_back(frame(name + "-udp", to(port, packets::UDP)));
+    }
+    packets::packet answer = {.src = "10.2.0.11", .dst = RETURN, .sport = 86, .dport = 1025};
+    seeds.push_back(frame("nat-answer", answer));
+    answer.fragoff = 0x2000;
+    seeds.push_back(frame("nat-answer-first-fragment", answer));
+    answer.fragoff = 8;
+    seeds.push_back(frame("nat-answer-last-fragment", answer));
+    answer.fragoff = 0;
+    answer.dport = 60000;
+    seeds.push_back(frame("nat-answer-to-nobody", answer));
+    answer.dport = 1025;
+    bytes cut = packets::build(answer);
+    cut.resize(packets::ETH + 20 + 12);
+    seeds.push_back({"nat-answer-cut", cut});
+}
+
 // --- Commands ------------------------------------------------------------------------------------
 
 seed command(const std::string &name, lbcmd_action_e action, lbcmd_keytype_e keytype,
@@ -236,6 +269,7 @@ std::vector<seed> frame_seeds()
     }
     add_special_packets(seeds);
     add_icmp(seeds);
+    add_ways(seeds);
     return seeds;
 }
 

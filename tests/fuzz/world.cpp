@@ -35,6 +35,38 @@ item server(lb_u16_t number, const std::string &addr, lb_u16_t weight)
             bytes_of(server_block(weight))};
 }
 
+// One whose settings are not the usual ones.
+item special(lb_u16_t number, const std::string &addr, const lbsrv_addable_t &add,
+             const lbsrv_setable_t &set)
+{
+    return {LBCMD_KEYTYPE_CONFIG, stack::cfgkey(CLUSTER, number, addr), bytes_of(add),
+            bytes_of(set)};
+}
+
+item natted(lb_u16_t number, const std::string &addr)
+{
+    lbsrv_addable_t add{};
+    add.nat = 1;
+    add.returnaddress = stack::ip(RETURN);
+    add.routeraddress = stack::ip("10.0.0.12");
+    return special(number, addr, add, server_block(1));
+}
+
+item tunnelled(lb_u16_t number, lb_u8_t type)
+{
+    lbsrv_setable_t set = server_block(1);
+    set.encapflags = static_cast<lb_u8_t>(type | LBSRV_ENCAPFLAG_ENCAPSULATE);
+    set.encapmtu = MTU - 100;
+    return special(number, "192.0.2.8", {}, set);
+}
+
+item collocated(lb_u16_t number)
+{
+    lbsrv_setable_t set = server_block(1);
+    set.Collocated = 1;
+    return special(number, "10.0.0.13", {}, set);
+}
+
 std::vector<item> configuration()
 {
     lbifin_setable_t ppp = stack::ethernet(1, MTU);
@@ -72,6 +104,15 @@ std::vector<item> configuration()
         port(85, CONNECTIONS, UDPRR),
         server(85, "10.0.0.11", 1),
         server(85, "10.0.0.12", 1),
+        port(86, CONNECTIONS, UDPRR),
+        natted(86, "10.2.0.11"),
+        natted(86, "10.2.0.12"),
+        port(87, HASH, UDPRR),
+        tunnelled(87, LBSRV_ENCAPTYPE_GRE),
+        port(88, HASH, UDPRR),
+        tunnelled(88, LBSRV_ENCAPTYPE_IPIP),
+        port(89, HASH, UDPRR),
+        collocated(89),
     };
 }
 

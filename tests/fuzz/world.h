@@ -32,7 +32,12 @@ inline void require(bool good, const char *what)
 //   83    HASH           a server that no interface reaches
 //   84    HASH           a server at the far end of ppp0
 //   85    CONNECTION     servers 10.0.0.11 and 10.0.0.12
+//   86    CONNECTION     NAT servers 10.2.0.11 and 10.2.0.12, from the return address 10.0.0.200
+//   87    HASH           a server at the end of a GRE tunnel, of 100 bytes less than eth0's MTU
+//   88    HASH           the same in IPIP
+//   89    HASH           a server of this host
 constexpr const char *CLUSTER = "10.0.0.100";
+constexpr const char *RETURN = "10.0.0.200";
 constexpr lb_u32_t MTU = 600;
 
 class world : public stack::client

@@ -53,8 +53,8 @@ TEST_F(NatTest, WhatBecomesOfPacketsForAReturnAddress)
         p.fragoff = fragoff;
         return packets::build(p);
     };
-    const auto cut = [&with](std::size_t len, std::size_t total) {
-        bytes frame = with(1025, packets::TCP);
+    const auto cut = [&with](std::size_t len, std::size_t total, std::uint16_t fragoff = 0) {
+        bytes frame = with(1025, packets::TCP, fragoff);
         frame.resize(ETH + len);
         packets::put16(frame, ETH + 2, static_cast<std::uint16_t>(total));
         packets::mend_ip(frame);
@@ -84,6 +84,7 @@ TEST_F(NatTest, WhatBecomesOfPacketsForAReturnAddress)
         {"no ports", cut(23, 23), notforus, "notforus"},
         {"no whole TCP header", cut(39, 39), err, "nat-return-badinput"},
         {"longer than what came", cut(47, 48), err, "nat-return-badinput"},
+        {"fragment longer than what came", cut(47, 48, 4), err, "nat-return-badinput"},
     };
     set_executor_log_mask(LB_LOG_SELECT | LB_LOG_IP | LB_LOG_FRAGMENT);
     for (const auto &row : rows) {
