@@ -272,11 +272,11 @@ def test_the_hosts_own_traffic_is_left_to_it(wire, daemon):
     """Ping, a refused connection and a transfer: once each, as without a forwarder."""
     before = daemon.counters()
     link = Ether(src=mac_of(wire.CLIENT), dst=wire.forwarder.mac())
-    ping = link / IP(src=wire.CLIENT, dst=wire.FORWARDER) / ICMP(type=8, id=7, seq=1) / Raw(b"hello")
+    ping = link / IP(src=wire.CLIENT, dst=wire.FORWARDER) / ICMP(type=8, id=7, seq=1) / Raw(b"hello" * 8)
     with wire.client.capture() as capture, wire.client.injector() as out:
         out.send(ping)
         answer = Ether(capture.wait(is_icmp(0), what="the answer to a ping"))
-        assert bytes(answer[ICMP].payload) == b"hello"
+        assert bytes(answer[ICMP].payload) == b"hello" * 8
         with pytest.raises(LabError):
             capture.wait(is_icmp(0), timeout=0.2)
     with contextlib.closing(wire.client.socket(socket.AF_INET, socket.SOCK_STREAM)) as refused:
