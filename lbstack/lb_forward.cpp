@@ -101,10 +101,10 @@ int _lbsel_translate(lbpbuf_obj_t *pkt)
         }
         LB_LOG(LB_LOG_SELECT, "source port = %d\n", natport);
     }
-    const lb_nat_endpoints_s to = {.src = &server->addable.returnaddress,
-                                   .dst = &server->config.key.cfg.server,
-                                   .sport = natport,
-                                   .dport = 0};
+    lbip_addr_t returnaddress; // the command thread may be storing the same bytes once more
+    lb_load_shared(&returnaddress, &server->addable.returnaddress, sizeof(returnaddress));
+    const lb_nat_endpoints_s to = {
+        .src = &returnaddress, .dst = &server->config.key.cfg.server, .sport = natport, .dport = 0};
     return lb_nat_rewrite(pkt, &to);
 }
 
@@ -127,7 +127,7 @@ bool _lbsel_transmit(lbpbuf_obj_t *pkt, lbneigh_route_t *route, int usable)
 // Sends a packet of `usable` bytes along the route, or answers the client why not.
 void _lbsel_sendlink(lbpbuf_obj_t *pkt, lbneigh_route_t *route, int usable)
 {
-    const bool nat = pkt->server->addable.nat != 0;
+    const bool nat = lb_peek(pkt->server->addable.nat) != 0;
     const lb_u32_t mtu = lb_peek(route->ifin->setable.mtu_sys);
     if (static_cast<lb_u32_t>(usable) > mtu) { // before the addresses are rewritten: the client
         _lbsel_sendtoolong(pkt, usable, mtu);  // is to recognise what the error quotes
@@ -238,7 +238,7 @@ int lbsel_forwardipip(lbpbuf_obj_t *pkt)
 {
     const int usable = lbpbuf_usablelen(pkt);
     if (!_lbsel_fitstunnel(pkt, usable, LBIPV4_HDRLEN) ||
-        (pkt->server->addable.nat != 0 && _lbsel_translate(pkt) != 0)) {
+        (lb_peek(pkt->server->addable.nat) != 0 && _lbsel_translate(pkt) != 0)) {
         return 1;
     }
     _lbsel_xmittunnel(pkt, pkt->p.raw, usable, LBIP_PROTO_IPIP);
@@ -257,7 +257,7 @@ int lbsel_forwardgre(lbpbuf_obj_t *pkt)
         os_headroom(GRELEN, &pkt->hw.vd, &pkt->p.vd, &pkt->osopaque) != 0) {
         return 1;
     }
-    if (pkt->server->addable.nat != 0 && _lbsel_translate(pkt) != 0) {
+    if (lb_peek(pkt->server->addable.nat) != 0 && _lbsel_translate(pkt) != 0) {
         return 1;
     }
     auto *gre = reinterpret_cast<lbgre_hdr_t *>(pkt->p.raw - GRELEN);
