@@ -274,7 +274,7 @@ int lbicmp_pbuf_entry(lbpbuf_obj_t *pkt)
 
 int _lbicmp_pbuf_tcpudp_entry(lbpbuf_obj_t *pkt, const lbtcpudp_hdr_t *tcpudphdr, lb_u8_t protocol)
 {
-    const unsigned char *end = pkt->p.raw + pkt->ipfuncs->gethdrlen(pkt) + lbpbuf_ulplen(pkt);
+    const unsigned char *end = pkt->ulp.raw + lbpbuf_ulplen(pkt);
     const std::ptrdiff_t len = end - reinterpret_cast<const unsigned char *>(tcpudphdr);
     const lbtcpudp_hdr_t *ports = lb_view<lbtcpudp_hdr_t>(tcpudphdr, len);
     if (ports == nullptr) {

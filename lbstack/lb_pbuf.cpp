@@ -106,8 +106,8 @@ int lbpbuf_ulplen(lbpbuf_obj_t *pkt)
 {
     const int usable = lbpbuf_usablelen(pkt);
     const int end = usable >= 0 ? usable : pkt->buflen;
-    const int len = end - pkt->ipfuncs->gethdrlen(pkt);
-    return len > 0 ? len : 0;
+    const std::ptrdiff_t len = pkt->p.raw + end - pkt->ulp.raw;
+    return len > 0 ? static_cast<int>(len) : 0;
 }
 
 void _lbpbuf_print(lb_u64_t mask, lbpbuf_obj_t *pkt, const char *label)

@@ -9,8 +9,10 @@
 #include "prot/blocks.h"
 #include "prot/ether.h"
 #include "prot/icmp.h"
+#include "prot/icmpv6.h"
 #include "prot/ipaddr.h"
 #include "prot/ipv4.h"
+#include "prot/ipv6.h"
 #include "prot/tcpudp.h"
 
 // What differs by IP version. Every slot is filled, runs on the packet's thread, and takes no lock.
@@ -20,7 +22,7 @@ struct lbpbuf_ipfuncs_prv_s {
     lb_u8_t (*getproto)(lbpbuf_obj_t *pkt);      // upper-layer protocol
     int (*decttl)(lbpbuf_obj_t *pkt);            // 0; -1 when it would expire (unchanged then)
     int (*gettotlen)(lbpbuf_obj_t *pkt);         // as the header says, not as received
-    int (*gethdrlen)(lbpbuf_obj_t *pkt);
+    int (*gethdrlen)(lbpbuf_obj_t *pkt); // without IPv6 extension headers
     int (*geticmpfraglen)(lbpbuf_obj_t *pkt); // how much an ICMP error quotes, before bounds
     int (*setsaddr)(lbpbuf_obj_t *pkt, const lbip_addr_t *addr); // 0; -1 for another version
     int (*setdaddr)(lbpbuf_obj_t *pkt, const lbip_addr_t *addr);
@@ -71,6 +73,7 @@ struct lbpbuf_obj_s {
     } hw; // the link header, or null
     union {
         lbipv4_hdr_t *v4;
+        lbipv6_hdr_t *v6;
         lbarp_pkt_t *arp;
         unsigned char *raw;
         void *vd;
@@ -80,6 +83,7 @@ struct lbpbuf_obj_s {
         lbudp_hdr_t *udp;
         lbtcpudp_hdr_t *tcpudp;
         lbicmp_hdr_t *icmp;
+        lbicmpv6_hdr_t *icmpv6;
         unsigned char *raw;
         void *vd;
     } ulp; // the upper-layer header; may lie at the end of what was received
@@ -125,7 +129,7 @@ int lbpbuf_hold(lbpbuf_obj_t *pkt);
 
 // The packet's length where it can be believed (header <= total <= received), else -1.
 [[nodiscard]] int lbpbuf_usablelen(lbpbuf_obj_t *pkt);
-// Bytes of upper-layer header and data that were received and, where the total length can be
+// Bytes from `ulp` on that were received and, where the total length can be
 // believed, belong to the packet. Never negative.
 [[nodiscard]] int lbpbuf_ulplen(lbpbuf_obj_t *pkt);
 
