@@ -3,18 +3,23 @@ client's kernel cuts, the servers' kernels put together."""
 
 import contextlib
 import itertools
+import os
 import socket
+import time
 
 import pytest
 from packets import IP, UDP, Ether, Raw
 from scapy.layers.inet import fragment
 
-from lab import wait_until
+from lab import LabError, wait_until
 
 PORT = 5000
 SIZE = 8192
 COUNT = 60
 BURST = 6
+MASK = 0  # Lines about what is refused would fill the log.
+FLOOD = int(os.environ.get("VELL_FLOOD", "150000"))  # The budget holds 26,000.
+BUDGET_KB = 64 << 10
 
 
 @pytest.fixture(name="sinks", scope="module")
@@ -37,7 +42,7 @@ def content(number):
                     for place in range(SIZE // 16))
 
 
-def collect(sinks, want):
+def collect(sinks, want, timeout=5):
     """What arrived, sink by sink, once there are `want` datagrams."""
     found = [[] for _ in sinks]
 
@@ -48,7 +53,7 @@ def collect(sinks, want):
                     found[place].append(sink.recv(65535))
         return sum(map(len, found)) >= want
 
-    wait_until(enough, 5, f"{want} datagrams")
+    wait_until(enough, timeout, f"{want} datagrams")
     return found
 
 
@@ -88,3 +93,35 @@ def test_any_order_arrives_whole(net, sinks, order):
             client.send(*ORDERS[order](cut(number), cut(number + 1)))
             found += itertools.chain(*collect(sinks, 2))
     assert sorted(found) == sorted(map(content, range(first, first + 20)))
+
+
+def test_those_that_wait_for_a_first_stay_within_the_budget(net, daemon, sinks):
+    ends = {"dst": net.forwarder.mac(), "src": net.client.mac()}
+    packet = IP(src=net.CLIENT, dst=net.CLUSTER, frag=185, proto=17, chksum=0) / Raw(bytes(64))
+    frame = bytearray(bytes(Ether(**ends) / packet))
+    before, already = daemon.rss_kb(), daemon.counters()["received"]
+    number = taken = largest = 0
+    with net.client.injector() as client:
+        while taken < FLOOD:  # What finds the socket's buffer full is lost.
+            for number in range(number + 1, number + 20_001):
+                frame[18:20] = (number & 0xFFFF).to_bytes(2, "big")
+                frame[28:30] = (number >> 16).to_bytes(2, "big")  # The address of its sender.
+                client.socket.send(frame)
+            largest = max(largest, daemon.rss_kb())
+            taken = daemon.counters()["received"] - already
+    print(f"{taken} of {number} taken, {largest - before} KB more at most")
+    # Records that have lost their packet, and what the allocator keeps, come on top.
+    assert BUDGET_KB // 4 < largest - before < BUDGET_KB * 3 // 2
+    wait_until(lambda: arrives(net, sinks, content(7)), 10, "a datagram in pieces, its last one first")
+
+
+def arrives(net, sinks, data):
+    """Whether a datagram arrives that another host sends in pieces, the last one first."""
+    ends = {"dst": net.forwarder.mac(), "src": net.client.mac()}
+    number = int(time.monotonic() * 10) & 0xFFFF
+    whole = IP(src="198.51.100.77", dst=net.CLUSTER, id=number) / UDP(sport=77, dport=PORT) / Raw(data)
+    with net.client.injector() as client:
+        client.send(*[Ether(**ends) / part for part in reversed(fragment(whole, 1480))])
+    with contextlib.suppress(LabError):
+        return data in itertools.chain(*collect(sinks, 1, timeout=1))
+    return False
