@@ -1,0 +1,223 @@
+// IPv6 packets for tests, as packets.h has them for IPv4. Knows nothing of the stack.
+#pragma once
+
+#include "packets.h"
+
+namespace packets
+{
+
+using ip6 = std::array<std::uint8_t, 16>;
+
+constexpr std::size_t IP6 = ETH + 40; // where what follows the fixed header begins in a frame
+constexpr std::uint8_t HOPOPTS = 0;
+constexpr std::uint8_t ROUTING = 43;
+constexpr std::uint8_t FRAGMENT = 44;
+constexpr std::uint8_t ICMP6 = 58;
+constexpr std::uint8_t NONEXT = 59;
+constexpr std::uint8_t DSTOPTS = 60;
+
+inline ip6 to_ip6(const std::string &text)
+{
+    ip6 out;
+    if (inet_pton(AF_INET6, text.c_str(), out.data()) != 1) {
+        throw std::invalid_argument("not an IPv6 address: " + text);
+    }
+    return out;
+}
+
+inline std::string ip6_at(const bytes &b, std::size_t at)
+{
+    ip6 addr;
+    for (std::size_t i = 0; i < addr.size(); i++) {
+        addr[i] = b.at(at + i);
+    }
+    char text[INET6_ADDRSTRLEN];
+    return inet_ntop(AF_INET6, addr.data(), text, sizeof(text));
+}
+
+// An extension header: its type, and all of it but the next-header byte, which the builder fills.
+struct ext {
+    std::uint8_t type;
+    bytes whole;
+};
+
+// Options or a routing header of (units + 1) * 8 bytes, all padding.
+inline ext padding(std::uint8_t type, std::uint8_t units = 0)
+{
+    ext e = {type, bytes((units + std::size_t{1}) * 8)};
+    e.whole[1] = units;
+    if (type != ROUTING) { // RFC 8200, 4.2: PadN over what is left
+        for (std::size_t at = 2; at < e.whole.size();) {
+            const std::size_t len = std::min<std::size_t>(e.whole.size() - at, 250);
+            e.whole[at] = len == 1 ? 0 : 1;
+            if (len > 1) {
+                e.whole[at + 1] = static_cast<std::uint8_t>(len - 2);
+            }
+            at += len;
+        }
+    }
+    return e;
+}
+
+// A fragment header; `offmf` is its third and fourth byte: offset in units of 8 bytes << 3, and 1
+// for more fragments.
+inline ext fragment(std::uint32_t id, std::uint16_t offmf)
+{
+    ext e = {FRAGMENT, bytes(8)};
+    put16(e.whole, 2, offmf);
+    put32(e.whole, 4, id);
+    return e;
+}
+
+// A TCP or UDP packet (or another protocol's), as a client sends it to a cluster.
+struct packet6 {
+    std::string src = "2001:db8::50";
+    std::string dst = "2001:db8::100";
+    std::uint16_t sport = 40000;
+    std::uint16_t dport = 80;
+    std::uint8_t proto = TCP;
+    std::uint8_t hops = 64;
+    std::uint8_t flags = 0x02; // TCP
+    std::uint32_t seq = 1000;  // TCP
+    std::uint32_t ack = 0;     // TCP
+    std::vector<ext> exts = {};
+    std::size_t payload = 32; // bytes behind the transport header
+    mac ethdst = {2, 0, 0, 0, 0, 0xFF};
+    mac ethsrc = {2, 0, 0, 0, 0, 0x50};
+};
+
+// Where the transport header of a well-formed frame begins, and its protocol.
+struct upper {
+    std::size_t at;
+    std::uint8_t proto;
+};
+inline upper upper_of(const bytes &frame, std::size_t ip = ETH)
+{
+    upper u = {ip + 40, frame.at(ip + 6)};
+    while (u.proto == HOPOPTS || u.proto == ROUTING || u.proto == FRAGMENT || u.proto == DSTOPTS) {
+        const std::size_t len = u.proto == FRAGMENT ? 8 : (frame.at(u.at + 1) + std::size_t{1}) * 8;
+        u.proto = frame.at(u.at);
+        u.at += len;
+    }
+    return u;
+}
+
+// What the TCP, UDP or ICMPv6 checksum of a frame adds up to (RFC 8200, 8.1): 0 when it is right.
+inline std::uint16_t residue6(const bytes &frame, std::size_t ip = ETH)
+{
+    const upper u = upper_of(frame, ip);
+    const std::size_t end = ip + 40 + get16(frame, ip + 4);
+    bytes pseudo(frame.begin() + static_cast<long>(ip) + 8,
+                 frame.begin() + static_cast<long>(ip) + 40);
+    pseudo.resize(40);
+    put32(pseudo, 32, static_cast<std::uint32_t>(end - u.at));
+    pseudo[39] = u.proto;
+    const auto start = static_cast<std::uint16_t>(0xFFFF - checksum(pseudo, 0, pseudo.size()));
+    return checksum(frame, u.at, end, start);
+}
+
+inline void mend6(bytes &frame, std::size_t ip = ETH)
+{
+    const upper u = upper_of(frame, ip);
+    const std::size_t at = u.at + (u.proto == TCP ? 16 : u.proto == UDP ? 6 : 2);
+    put16(frame, at, 0);
+    put16(frame, at, residue6(frame, ip));
+}
+
+inline bytes build(const packet6 &p)
+{
+    bytes f(IP6);
+    set_at(f, 0, p.ethdst);
+    set_at(f, 6, p.ethsrc);
+    put16(f, 12, 0x86DD);
+    f[ETH] = 0x60;
+    f[ETH + 7] = p.hops;
+    set_at(f, ETH + 8, to_ip6(p.src));
+    set_at(f, ETH + 24, to_ip6(p.dst));
+    std::size_t next = ETH + 6; // the byte that names what follows
+    for (const ext &e : p.exts) {
+        f[next] = e.type;
+        next = f.size();
+        f.insert(f.end(), e.whole.begin(), e.whole.end());
+    }
+    f[next] = p.proto;
+    const std::size_t l4 = f.size();
+    const std::size_t l4len = p.proto == TCP ? 20 : p.proto == UDP ? 8 : 0;
+    f.resize(l4 + l4len + p.payload);
+    for (std::size_t i = 0; i < p.payload; i++) {
+        f[l4 + l4len + i] = static_cast<std::uint8_t>('a' + i % 26);
+    }
+    put16(f, ETH + 4, static_cast<std::uint16_t>(f.size() - IP6));
+    if (l4len == 0) {
+        return f;
+    }
+    put16(f, l4, p.sport);
+    put16(f, l4 + 2, p.dport);
+    if (p.proto == TCP) {
+        put32(f, l4 + 4, p.seq);
+        put32(f, l4 + 8, p.ack);
+        f[l4 + 12] = 0x50;
+        f[l4 + 13] = p.flags;
+        put16(f, l4 + 14, 64240);
+    } else {
+        put16(f, l4 + 4, static_cast<std::uint16_t>(l4len + p.payload));
+    }
+    mend6(f);
+    return f;
+}
+
+// What an ICMPv6 error quotes of a packet that a server sent: `len` bytes at most.
+inline bytes quote(const packet6 &p, std::size_t len = 1232)
+{
+    const bytes f = build(p);
+    return {f.begin() + ETH, f.begin() + static_cast<long>(std::min(f.size(), ETH + len))};
+}
+
+// An ICMPv6 message: the outer packet's addresses, extensions and hop limit are those of `outer`.
+struct icmp6 {
+    std::uint8_t type = 1;
+    std::uint8_t code = 0;
+    std::uint32_t word = 0; // bytes 4 to 7: an MTU, flags, or nothing
+    bytes body = {};
+    packet6 outer = {};
+};
+
+inline bytes build(const icmp6 &m)
+{
+    packet6 outer = m.outer;
+    outer.proto = ICMP6;
+    outer.payload = 8 + m.body.size();
+    bytes f = build(outer);
+    const std::size_t at = upper_of(f).at;
+    f[at] = m.type;
+    f[at + 1] = m.code;
+    put32(f, at + 4, m.word);
+    set_at(f, at + 8, m.body);
+    mend6(f);
+    return f;
+}
+
+// Cuts a frame that has no extension headers as a sender does for a link of that MTU (RFC 8200,
+// 4.5).
+inline std::vector<bytes> fragments6(const packet6 &p, std::uint32_t id, std::size_t mtu = 1500)
+{
+    const bytes whole = build(p);
+    const std::size_t piece = (mtu - 48) / 8 * 8;
+    std::vector<bytes> out;
+    for (std::size_t at = IP6; at < whole.size(); at += piece) {
+        const std::size_t end = std::min(whole.size(), at + piece);
+        const std::size_t more = end < whole.size() ? 1 : 0;
+        ext header = fragment(id, static_cast<std::uint16_t>((at - IP6) | more));
+        header.whole[0] = p.proto;
+        bytes f(whole.begin(), whole.begin() + static_cast<long>(IP6));
+        f[ETH + 6] = FRAGMENT;
+        f.insert(f.end(), header.whole.begin(), header.whole.end());
+        f.insert(f.end(), whole.begin() + static_cast<long>(at),
+                 whole.begin() + static_cast<long>(end));
+        put16(f, ETH + 4, static_cast<std::uint16_t>(f.size() - IP6));
+        out.push_back(std::move(f));
+    }
+    return out;
+}
+
+} // namespace packets
