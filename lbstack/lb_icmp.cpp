@@ -5,6 +5,9 @@
 // errors that forwarding sends are built here, in memory of their own, because what they quote lies
 // in a receive buffer; the host builds their IP header.
 //
+// What becomes of an error once its quoted ports are found, and of echo requests, is ICMPv6's way,
+// too; each packet counts with the ICMP of its version.
+//
 // Runs on the receive workers. Look-ups take the locks of lists and tables, one at a time; none is
 // held while a packet is sent. What is read of a packet lies within what was received and what its
 // total length owns up to; a packet that stays with the host is never written to.
@@ -28,34 +31,27 @@ constexpr int ICMPLEN = sizeof(lbicmp_hdr_t);
 constexpr int QUOTEDDATA = 8;                             // what an error quotes of the data
 constexpr int TUNNELLEN = ICMPLEN + sizeof(lbipv4_hdr_t); // of an error about a tunnel
 
-// Counts the packet with its protocol, with ICMP, and with the cluster's ICMP if it is for one.
+bool _lbicmp_isv6(const lbpbuf_obj_t *pkt)
+{
+    return pkt->ip.dstip.version == 6;
+}
+
+lb_u64_t _lbicmp_logbit(const lbpbuf_obj_t *pkt)
+{
+    return _lbicmp_isv6(pkt) ? LB_LOG_ICMPV6 : LB_LOG_ICMP;
+}
+
+// Counts the packet with its protocol, with the ICMP of its version, and with the cluster's ICMP if
+// it is for one.
 template <class T> void _lbicmp_count(lbpbuf_obj_t *pkt, T lb_proto_stats_t::*counter)
 {
+    lbexe_getable_t &executor = lbexecutor->getable;
+    lb_proto_stats_t &own = _lbicmp_isv6(pkt) ? executor.icmpv6stats : executor.icmpstats;
     lb_stat_inc(pkt->stats->*counter);
-    lb_stat_inc(lbexecutor->getable.icmpstats.*counter);
+    lb_stat_inc(own.*counter);
     if (pkt->cluster != nullptr) {
         lb_stat_inc(pkt->cluster->getable.icmpstats.*counter);
     }
-}
-
-int _lbicmp_drop(lbpbuf_obj_t *pkt, const char *label)
-{
-    _lbicmp_count(pkt, &lb_proto_stats_t::discard);
-    lbpbuf_trace(LB_LOG_ICMP | LB_LOG_DISCARDED, pkt, label);
-    os_packetfree(pkt->osopaque);
-    return LB_PACKETRC_CONSUMED;
-}
-
-// A message that can't be read ends here if it is for a cluster; others are the host's.
-int _lbicmp_badinput(lbpbuf_obj_t *pkt)
-{
-    _lbicmp_count(pkt, &lb_proto_stats_t::err);
-    lbpbuf_trace(LB_LOG_ICMP | LB_LOG_PKTERROR, pkt, "badinput");
-    if (pkt->cluster == nullptr) {
-        return LB_PACKETRC_INTACT;
-    }
-    os_packetfree(pkt->osopaque);
-    return LB_PACKETRC_CONSUMED;
 }
 
 int _lbicmp_notforus(lbpbuf_obj_t *pkt)
@@ -291,6 +287,25 @@ int _lbicmp_pbuf_tcpudp_entry(lbpbuf_obj_t *pkt, const lbtcpudp_hdr_t *tcpudphdr
     return pkt->server != nullptr ? _lbicmp_forward(pkt) : _lbicmp_drop(pkt, "no-existing-record");
 }
 
+int _lbicmp_drop(lbpbuf_obj_t *pkt, const char *label)
+{
+    _lbicmp_count(pkt, &lb_proto_stats_t::discard);
+    lbpbuf_trace(_lbicmp_logbit(pkt) | LB_LOG_DISCARDED, pkt, label);
+    os_packetfree(pkt->osopaque);
+    return LB_PACKETRC_CONSUMED;
+}
+
+int _lbicmp_badinput(lbpbuf_obj_t *pkt)
+{
+    _lbicmp_count(pkt, &lb_proto_stats_t::err);
+    lbpbuf_trace(_lbicmp_logbit(pkt) | LB_LOG_PKTERROR, pkt, "badinput");
+    if (pkt->cluster == nullptr) {
+        return LB_PACKETRC_INTACT;
+    }
+    os_packetfree(pkt->osopaque);
+    return LB_PACKETRC_CONSUMED;
+}
+
 int lbicmp_pbuf_fwdrr(lbpbuf_obj_t *pkt)
 {
     pkt->port = _lbicmp_chooseport_rr(pkt, lb_take_next(pkt->cluster->getable.sel_rr_icmpctr));
@@ -302,7 +317,7 @@ int lbicmp_pbuf_fwdrr(lbpbuf_obj_t *pkt)
     if (pkt->server == nullptr) {
         return _lbicmp_drop(pkt, "icmp-no-servers");
     }
-    lbpbuf_trace(LB_LOG_ICMP | LB_LOG_FORWARDED, pkt, "icmp-fwd");
+    lbpbuf_trace(_lbicmp_logbit(pkt) | LB_LOG_FORWARDED, pkt, "icmp-fwd");
     return _lbicmp_forward(pkt);
 }
 

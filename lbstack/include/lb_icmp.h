@@ -12,9 +12,16 @@
 // destination, which is the host's whatever is learnt from it.
 int lbicmp_pbuf_entry(lbpbuf_obj_t *pkt);
 // An error for a cluster, which quotes a packet of `protocol` that a server sent to the client in
-// sel_clientip. `tcpudphdr` may lie at the end of what was received. Consumed.
+// sel_clientip; of either IP version. `tcpudphdr` may lie at the end of what was received.
+// Consumed.
 int _lbicmp_pbuf_tcpudp_entry(lbpbuf_obj_t *pkt, const lbtcpudp_hdr_t *tcpudphdr, lb_u8_t protocol);
-// An echo request for a cluster: to the next server of its next port. Consumed.
+// A message that goes nowhere: counted as a discard, traced under the label, consumed.
+int _lbicmp_drop(lbpbuf_obj_t *pkt, const char *label);
+// A message that can't be read, counted as an error: consumed if it is for a cluster; others are
+// the host's.
+int _lbicmp_badinput(lbpbuf_obj_t *pkt);
+// An echo request of either IP version for a cluster: to the next server of its next port.
+// Consumed.
 int lbicmp_pbuf_fwdrr(lbpbuf_obj_t *pkt);
 
 // The checksum that a message of `icmplen` bytes should carry; the stored one is taken as zero and
