@@ -15,6 +15,7 @@
 
 #include "lb_arp.h"
 #include "lb_executor.h"
+#include "lb_icmpv6.h"
 #include "lb_ip.h"
 #include "lb_log.h"
 #include "lb_pbuf.h"
@@ -246,11 +247,29 @@ lbneigh_route_t *_lbneigh_resolve(lbneigh_obj_t *entry)
 
 // --- Queries and answers -------------------------------------------------------------------------
 
+bool _lbneigh_isversion(const lbip_addr_t *addr)
+{
+    return addr->version == 4 || addr->version == 6;
+}
+
+// Sends an ARP or a neighbour message; `target` says which. Where nobody's hardware address is
+// needed, `dhost` is null.
+void _lbneigh_xmit(int type, const unsigned char *dhost, const lbifin_obj_t *ifin,
+                   const lbip_addr_t *sender, const lbip_addr_t *target, lb_xmithandle_t *handle)
+{
+    const lbeth_addr_align_t shost = lb_peek(ifin->setable.ethaddr);
+    if (target->version == 4) {
+        lbarp_send(type, dhost, shost.b, sender->nboaddr.v4, target->nboaddr.v4, handle);
+        return;
+    }
+    (void)lbicmpv6_send(type, dhost, shost.b, sender->nboaddr.v6, target->nboaddr.v6, handle); // 1
+}
+
 // Queries for the entry, or settles it where nothing needs to be asked.
 void _lbneigh_send(lbneigh_obj_t *entry, int type)
 {
     lbneigh_route_t *route = _lbneigh_resolve(entry);
-    if (entry->ipaddr.version != 4) {
+    if (!_lbneigh_isversion(&entry->ipaddr)) {
         LB_LOG(LB_LOG_NEIGH | LB_LOG_FAILURE, "bad ip version\n");
         return;
     }
@@ -268,11 +287,13 @@ void _lbneigh_send(lbneigh_obj_t *entry, int type)
         _lbneigh_nextstate(entry, LBNEIGH_VECTOR_RX);
         return;
     }
-    LB_LOG(LB_LOG_NEIGH, "ipv4 arp transmit\n");
+    if (entry->ipaddr.version == 4) {
+        LB_LOG(LB_LOG_NEIGH, "ipv4 arp transmit\n");
+    } else {
+        LB_LOG(LB_LOG_NEIGH, "ipv6 ndisc transmit\n");
+    }
     const lbeth_addr_align_t dhost = lb_peek(entry->eaddr);
-    const lbeth_addr_align_t shost = lb_peek(route->ifin->setable.ethaddr);
-    lbarp_send(type, dhost.b, shost.b, route->srcip.nboaddr.v4, entry->ipaddr.nboaddr.v4,
-               &route->xmithndl);
+    _lbneigh_xmit(type, dhost.b, route->ifin, &route->srcip, &entry->ipaddr, &route->xmithndl);
     lb_poke(entry->lasttx, _lbneigh_now());
 }
 
@@ -306,25 +327,43 @@ bool _lbneigh_learn(lbpbuf_obj_t *pkt)
 }
 
 // Answers a request for an address of ours: CONSUMED, or INTACT when it is not for us to answer.
+// Who asks without an address of its own wants the same one: over IPv6 all nodes are told whose it
+// is, because an answer can't be addressed to it (RFC 4861, 7.2.4; RFC 4862, 5.4.3).
 int _lbneigh_reply(lbpbuf_obj_t *pkt, lbip_addr_t *own)
 {
     lbifin_obj_t *ifin = lbifcol_selectbyip(own);
-    unsigned char *asker = pkt->neighfuncs->getsrchw(pkt, nullptr);
+    const lbip_addr_t *asking = pkt->neighfuncs->getsrcip(pkt);
+    const bool toall = own->version == 6 && lbip_isaddrvalid(asking) != LBIP_VALID_YES;
+    const unsigned char *asker =
+        toall ? nullptr : pkt->neighfuncs->getsrchw(pkt, lbneigh_lookup(asking));
     if (lbha_isstandby() || ifin == nullptr || !lbifin_doesarp(ifin) ||
-        !_lbneigh_isstation(asker)) {
+        (!toall && !_lbneigh_isstation(asker))) {
         return LB_PACKETRC_INTACT;
     }
-    const lbip_addr_t *asking = pkt->neighfuncs->getsrcip(pkt);
     lb_xmithandle_t handle = {};
     if (_lbneigh_gethandle(ifin, own, asking, &handle) != 0) {
         LB_LOG(LB_LOG_NEIGH | LB_LOG_FAILURE, "error getting transmit handle for %.*s\n", NAMELEN,
                _lbneigh_ifname(ifin));
         return LB_PACKETRC_INTACT;
     }
-    const lbeth_addr_align_t shost = lb_peek(ifin->setable.ethaddr);
-    lbarp_send(LBNEIGH_TYPE_REPLY, asker, shost.b, own->nboaddr.v4, asking->nboaddr.v4, &handle);
+    _lbneigh_xmit(toall ? LBNEIGH_TYPE_GRAT : LBNEIGH_TYPE_REPLY, asker, ifin, own, asking,
+                  &handle);
     os_packetfree(pkt->osopaque);
     return LB_PACKETRC_CONSUMED;
+}
+
+void _lbneigh_tracegrat(const lbip_addr_t *ipaddr, const lbifin_obj_t *ifin)
+{
+    const unsigned char *ip = ipaddr->nboaddr.v6;
+    if (ipaddr->version == 4) {
+        LB_LOG(LB_LOG_NEIGH, "lbneigh_grat_send sending arp for %d.%d.%d.%d on %.*s\n", ip[0],
+               ip[1], ip[2], ip[3], NAMELEN, _lbneigh_ifname(ifin));
+        return;
+    }
+    LB_LOG(LB_LOG_NEIGH, "lbneigh_grat_send sending ndisc6 for %x:%x:%x:%x:%x:%x:%x:%x on %.*s\n",
+           ip[0] << 8 | ip[1], ip[2] << 8 | ip[3], ip[4] << 8 | ip[5], ip[6] << 8 | ip[7],
+           ip[8] << 8 | ip[9], ip[10] << 8 | ip[11], ip[12] << 8 | ip[13], ip[14] << 8 | ip[15],
+           NAMELEN, _lbneigh_ifname(ifin));
 }
 
 int _lbneigh_request(lbpbuf_obj_t *pkt)
@@ -532,7 +571,7 @@ void lbneigh_timer_entry()
 
 void lbneigh_grat_send(lbip_addr_t *ipaddr)
 {
-    if (ipaddr->version != 4) {
+    if (!_lbneigh_isversion(ipaddr)) {
         LB_LOG(LB_LOG_NEIGH | LB_LOG_EVENT, "Error: bad ip version\n");
         return;
     }
@@ -550,11 +589,8 @@ void lbneigh_grat_send(lbip_addr_t *ipaddr)
         LB_LOG(LB_LOG_NEIGH | LB_LOG_EVENT, "Could not get xmit handle for grat neigh update\n");
         return;
     }
-    const unsigned char *ip = ipaddr->nboaddr.v4;
-    LB_LOG(LB_LOG_NEIGH, "lbneigh_grat_send sending arp for %d.%d.%d.%d on %.*s\n", ip[0], ip[1],
-           ip[2], ip[3], NAMELEN, _lbneigh_ifname(ifin));
-    const lbeth_addr_align_t shost = lb_peek(ifin->setable.ethaddr);
-    lbarp_send(LBNEIGH_TYPE_GRAT, nullptr, shost.b, ip, ip, &handle);
+    _lbneigh_tracegrat(ipaddr, ifin);
+    _lbneigh_xmit(LBNEIGH_TYPE_GRAT, nullptr, ifin, ipaddr, ipaddr, &handle);
 }
 
 int lbneigh_clear_iface(const lbifin_obj_t *ifin)

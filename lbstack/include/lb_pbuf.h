@@ -22,8 +22,8 @@ struct lbpbuf_ipfuncs_prv_s {
     lb_u8_t (*getproto)(lbpbuf_obj_t *pkt);      // upper-layer protocol
     int (*decttl)(lbpbuf_obj_t *pkt);            // 0; -1 when it would expire (unchanged then)
     int (*gettotlen)(lbpbuf_obj_t *pkt);         // as the header says, not as received
-    int (*gethdrlen)(lbpbuf_obj_t *pkt); // without IPv6 extension headers
-    int (*geticmpfraglen)(lbpbuf_obj_t *pkt); // how much an ICMP error quotes, before bounds
+    int (*gethdrlen)(lbpbuf_obj_t *pkt);         // without IPv6 extension headers
+    int (*geticmpfraglen)(lbpbuf_obj_t *pkt);    // how much an ICMP error quotes, before bounds
     int (*setsaddr)(lbpbuf_obj_t *pkt, const lbip_addr_t *addr); // 0; -1 for another version
     int (*setdaddr)(lbpbuf_obj_t *pkt, const lbip_addr_t *addr);
     int (*tcpchksum)(lbpbuf_obj_t *pkt);                   // 0; -1 when the lengths are unusable
@@ -42,7 +42,8 @@ struct lbpbuf_icmpfuncs_prv_s {
 struct lbpbuf_neighfuncs_prv_s {
     lbip_addr_t *(*getsrcip)(lbpbuf_obj_t *pkt);
     lbip_addr_t *(*gettgtip)(lbpbuf_obj_t *pkt);
-    // The sender's and the target's hardware address, 6 bytes. `neigh` may be null.
+    // The sender's and the target's hardware address, 6 bytes. `neigh` is the entry of whose
+    // address is asked for, or null; a message without an address means the entry's.
     unsigned char *(*getsrchw)(lbpbuf_obj_t *pkt, lbneigh_obj_t *neigh);
     unsigned char *(*gettgthw)(lbpbuf_obj_t *pkt, lbneigh_obj_t *neigh);
     int (*gettype)(lbpbuf_obj_t *pkt); // lbneigh_type_e: REQUEST, REPLY or UNDEF
@@ -100,6 +101,7 @@ struct lbpbuf_obj_s {
     struct {
         lbip_addr_t srcip;
         lbip_addr_t tgtip;
+        lbeth_addr_align_t hw; // a hardware address that the message doesn't hold
     } neigh;
     struct {
         lbip_addr_t sel_clientip;
