@@ -34,7 +34,9 @@ template <class T> void _lbsel_count(lbpbuf_obj_t *pkt, T lb_proto_stats_t::*cou
 // One ICMP message was sent about the packet.
 void _lbsel_counticmp(lbpbuf_obj_t *pkt)
 {
-    lb_stat_inc(lbexecutor->getable.icmpstats.gen);
+    lbexe_getable_t &executor = lbexecutor->getable;
+    const bool isv6 = lbpbuf_ethtype(pkt) == LBETH_TYPE_IPV6;
+    lb_stat_inc(isv6 ? executor.icmpv6stats.gen : executor.icmpstats.gen);
     lb_stat_inc(pkt->cluster->getable.icmpstats.gen);
     lb_stat_inc(pkt->port->getable.icmpstats.gen);
     lb_stat_inc(pkt->server->getable.icmpstats.gen);
@@ -68,7 +70,7 @@ void _lbsel_setlinkheader(lbpbuf_obj_t *pkt, const lbneigh_obj_t *neigh, const l
                    "Unable to setup eth header, transmitting anyway\n");
             return;
         }
-        lb_put16(pkt->hw.eth->type, LBETH_TYPE_IPV4);
+        lb_put16(pkt->hw.eth->type, lbpbuf_ethtype(pkt));
     }
     const lbeth_addr_align_t dst = lb_peek(neigh->eaddr);
     const lbeth_addr_align_t src = lb_peek(ifin->setable.ethaddr);
@@ -155,7 +157,8 @@ void _lbsel_sendlink(lbpbuf_obj_t *pkt, lbneigh_route_t *route, int usable)
 }
 
 // Whether a packet may enter the tunnel to its server, which takes `overhead` bytes of the path's
-// MTU. One that is too long and may be fragmented goes all the same; its client is told anyway.
+// MTU. The host has tunnels for IPv4 in IPv4 alone. One that is too long and may be fragmented goes
+// all the same; its client is told anyway.
 bool _lbsel_fitstunnel(lbpbuf_obj_t *pkt, int usable, lb_u32_t overhead)
 {
     const lbsrv_obj_t *server = pkt->server;

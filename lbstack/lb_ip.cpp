@@ -8,6 +8,7 @@
 #include "lb_executor.h"
 #include "lb_fragment.h"
 #include "lb_icmp.h"
+#include "lb_icmpv6.h"
 #include "lb_linkedlist.h"
 #include "lb_nat.h"
 #include "lb_pbuf.h"
@@ -67,16 +68,27 @@ bool _lbip_onnetof6(const lbip_addr_t *ip, const lbip_addr_t *net)
     return lbip_isaddrequal(&maskedip, &maskednet) != 0;
 }
 
-int _lbip_forcluster(lbpbuf_obj_t *pkt)
+using entry_fn = int (*)(lbpbuf_obj_t *pkt);
+
+// The entry for the ICMP of the packet's own version, or null; the other's number means nothing.
+entry_fn _lbip_icmpentry(const lbip_addr_t *dst, lb_u8_t proto)
 {
-    switch (pkt->ipfuncs->getproto(pkt)) {
-    case LBIP_PROTO_TCP:
-    case LBIP_PROTO_UDP:
+    if (proto == LBIP_PROTO_ICMP && dst->version == 4) {
+        return lbicmp_pbuf_entry;
+    }
+    return proto == LBIP_PROTO_ICMPV6 && dst->version == 6 ? lbicmpv6_pbuf_entry : nullptr;
+}
+
+int _lbip_forcluster(lbpbuf_obj_t *pkt, const lbip_addr_t *dst)
+{
+    const lb_u8_t proto = pkt->ipfuncs->getproto(pkt);
+    if (proto == LBIP_PROTO_TCP || proto == LBIP_PROTO_UDP) {
         // A first fragment has the ports, so it goes the way of a whole packet, and the others
         // after it.
         return pkt->frag_offset != 0 ? lbfrag_pbuf_entry(pkt) : lbtcpudp_pbuf_entry(pkt);
-    case LBIP_PROTO_ICMP: return lbicmp_pbuf_entry(pkt);
-    default: break;
+    }
+    if (const entry_fn icmp = _lbip_icmpentry(dst, proto); icmp != nullptr) {
+        return icmp(pkt);
     }
     lb_stat_inc(pkt->stats->discard);
     lbpbuf_trace(LB_LOG_IP | LB_LOG_DISCARDED, pkt, "proto");
@@ -106,8 +118,8 @@ int _lbip_forothers(lbpbuf_obj_t *pkt, lbip_addr_t *dst)
                               "lb_nat_entry.\n");
         return static_cast<int>(lb_nat_entry(pkt, retaddr));
     }
-    if (pkt->ipfuncs->getproto(pkt) == LBIP_PROTO_ICMP) {
-        return lbicmp_pbuf_entry(pkt);
+    if (const entry_fn icmp = _lbip_icmpentry(dst, pkt->ipfuncs->getproto(pkt)); icmp != nullptr) {
+        return icmp(pkt);
     }
     lbpbuf_trace(LB_LOG_IP | LB_LOG_INTACT, pkt, "notforus");
     lb_stat_inc(pkt->stats->notforus);
@@ -120,7 +132,7 @@ int lbip_pbuf_entry(lbpbuf_obj_t *pkt)
 {
     lbip_addr_t *dst = pkt->ipfuncs->getdaddr(pkt);
     pkt->cluster = static_cast<lbclu_obj_t *>(lbll_select1(&lbexecutor->clusterlist, dst));
-    return pkt->cluster != nullptr ? _lbip_forcluster(pkt) : _lbip_forothers(pkt, dst);
+    return pkt->cluster != nullptr ? _lbip_forcluster(pkt, dst) : _lbip_forothers(pkt, dst);
 }
 
 int lbip_isaddrequal(const lbip_addr_t *a, const lbip_addr_t *b)

@@ -1,12 +1,16 @@
-// The IPv6 layer: finds what lies behind the extension headers of a packet (RFC 8200, 4), and sums
-// pseudo headers. The forwarder serves IPv4 clusters only, so every IPv6 frame belongs to the host;
-// the frames are counted, so that an operator sees that they come.
+// The IPv6 layer: validates every frame that comes in (RFC 8200), builds its packet object, finds
+// the upper layer behind its extension headers, and hands it to the version-neutral layer; reads
+// and rewrites IPv6 headers for the others, sums pseudo headers, and answers clients with TCP
+// resets.
 //
 // Every receive worker enters at once; no lock is taken, and nothing is kept. No header's length
-// is believed: the walk ends where the bytes end that were received.
+// is believed: the walk ends where the bytes end that were received, and whoever sends, sums or
+// quotes a packet asks lbpbuf_usablelen().
 #include "lb_ipv6.h"
 
 #include "lb_executor.h"
+#include "lb_icmpv6.h"
+#include "lb_ip.h"
 #include "lb_ipv4.h"
 
 namespace
@@ -14,6 +18,10 @@ namespace
 
 // The low nibble is cleared, not the flag bits alone: the lowest bit of the offset goes with them.
 constexpr lb_u16_t OFFSET_MASK = 0xFFF0;
+// What an error may quote: with both headers in front of it, as long as every link must carry
+// (RFC 4443, 2.4).
+constexpr int QUOTE_MAX = 1232;
+constexpr lb_u8_t RESET_HOPLIMIT = 64;
 
 enum quoted_e { RECEIVED, QUOTED };
 
@@ -76,12 +84,176 @@ lb_u8_t _lbipv6_walk(lbipv6_hdr_t *iph, int len, lb_u8_t **protoh, lbpbuf_obj_t 
     }
 }
 
+lbip_addr_t *_lbipv6_pbuf_getsaddr(lbpbuf_obj_t *pkt)
+{
+    pkt->ip.srcip = lbip_fromv6(pkt->p.v6->src);
+    return &pkt->ip.srcip;
+}
+
+lbip_addr_t *_lbipv6_pbuf_getdaddr(lbpbuf_obj_t *pkt)
+{
+    pkt->ip.dstip = lbip_fromv6(pkt->p.v6->dst);
+    return &pkt->ip.dstip;
+}
+
+lb_u8_t _lbipv6_pbuf_getproto(lbpbuf_obj_t *pkt)
+{
+    lb_u8_t *upper = nullptr;
+    return _lbipv6_getproto(pkt->p.v6, pkt->buflen, &upper, nullptr);
+}
+
+int _lbipv6_pbuf_decttl(lbpbuf_obj_t *pkt)
+{
+    if (pkt->p.v6->hoplimit <= 1) {
+        return -1;
+    }
+    --pkt->p.v6->hoplimit;
+    return 0;
+}
+
+int _lbipv6_pbuf_gettotlen(lbpbuf_obj_t *pkt)
+{
+    return lb_get16(pkt->p.v6->payloadlen) + LBIPV6_HDRLEN;
+}
+
+int _lbipv6_pbuf_gethdrlen(lbpbuf_obj_t * /*pkt*/)
+{
+    return LBIPV6_HDRLEN;
+}
+
+int _lbipv6_pbuf_geticmpfraglen(lbpbuf_obj_t *pkt)
+{
+    const int totlen = _lbipv6_pbuf_gettotlen(pkt);
+    return totlen < QUOTE_MAX ? totlen : QUOTE_MAX;
+}
+
+int _lbipv6_pbuf_setsaddr(lbpbuf_obj_t *pkt, const lbip_addr_t *addr)
+{
+    if (addr->version != 6) {
+        return -1;
+    }
+    os_memcpy(pkt->p.v6->src, addr->nboaddr.v6, sizeof(pkt->p.v6->src));
+    return 0;
+}
+
+int _lbipv6_pbuf_setdaddr(lbpbuf_obj_t *pkt, const lbip_addr_t *addr)
+{
+    if (addr->version != 6) {
+        return -1;
+    }
+    os_memcpy(pkt->p.v6->dst, addr->nboaddr.v6, sizeof(pkt->p.v6->dst));
+    return 0;
+}
+
+// Sums a TCP segment of `len` bytes, the last of the packet's `total`, into its header.
+void _lbipv6_sumtcp(lbipv6_hdr_t *iph, int total, lbtcp_hdr_t *tcp, int len)
+{
+    lb_put16(tcp->csum, 0);
+    const lb_u32_t segment = lbipv4_primativesum(reinterpret_cast<const unsigned char *>(tcp),
+                                                 static_cast<unsigned>(len));
+    const lb_u32_t sum = lbipv6_pseudohdrsum(iph, total) + segment;
+    lb_put16(tcp->csum, static_cast<lb_u16_t>(~lbipv4_foldsum(sum)));
+}
+
+// Extension headers are no part of the segment, whatever the payload length counts.
+int _lbipv6_pbuf_tcpchksum(lbpbuf_obj_t *pkt)
+{
+    const int usable = lbpbuf_usablelen(pkt);
+    if (usable < 0) {
+        return -1;
+    }
+    const int len = lbpbuf_ulplen(pkt);
+    lbtcp_hdr_t *tcp = lb_view<lbtcp_hdr_t>(pkt->ulp.vd, len);
+    if (tcp == nullptr) {
+        return -1;
+    }
+    _lbipv6_sumtcp(pkt->p.v6, usable, tcp, len);
+    return 0;
+}
+
+void _lbipv6_pbuf_hdrchksum(lbpbuf_obj_t * /*pkt*/) {}
+
+lbneigh_obj_t *_lbipv6_pbuf_getclientgwneigh(lbpbuf_obj_t * /*pkt*/)
+{
+    return lb_peekptr(lbexecutor->clientgw_neigh_ipv6);
+}
+
+// Steps from a packet object that knows its bytes to a disposition.
+int _lbipv6_pbuf_entry(lbpbuf_obj_t *pkt)
+{
+    const lbipv6_hdr_t *iph = lb_view<lbipv6_hdr_t>(pkt->p.vd, pkt->buflen);
+    if (iph == nullptr || iph->verclassflow.b[0] >> 4 != 6) {
+        lb_stat_inc(pkt->stats->err);
+        lbpbuf_trace(LB_LOG_IPV6 | LB_LOG_PKTERROR, pkt, "badinput");
+        os_packetfree(pkt->osopaque);
+        return LB_PACKETRC_CONSUMED;
+    }
+    pkt->ipfuncs = &lbipv6_funcs;
+    pkt->icmpfuncs = {
+        .sendpkt2long = lbicmpv6_packet2long,
+        .sendtimeexceeded = lbicmpv6_timeexceeded,
+    };
+    pkt->sendreset = _lbipv6_pbuf_sendreset;
+    if (_lbipv6_getproto(pkt->p.v6, pkt->buflen, &pkt->ulp.raw, pkt) == 0) {
+        lb_stat_inc(pkt->stats->discard);
+        lbpbuf_trace(LB_LOG_IPV6 | LB_LOG_DISCARDED, pkt, "proto");
+        os_packetfree(pkt->osopaque);
+        return LB_PACKETRC_CONSUMED;
+    }
+    return lbip_pbuf_entry(pkt);
+}
+
+// A reset as it lies on the wire.
+struct reset_s {
+    lbeth_hdr_t eth;
+    lbipv6_hdr_t ip;
+    lbtcp_hdr_t tcp;
+};
+static_assert(sizeof(reset_s) == 74);
+
+void _lbipv6_fillreset(reset_s *reset, const lbipv6_hdr_t *iph, const lbtcp_hdr_t *tcp)
+{
+    *reset = reset_s{};
+    reset->ip.verclassflow.b[0] = 6 << 4;
+    lb_put16(reset->ip.payloadlen, sizeof(lbtcp_hdr_t));
+    reset->ip.nexthdr = LBIP_PROTO_TCP;
+    reset->ip.hoplimit = RESET_HOPLIMIT;
+    os_memcpy(reset->ip.src, iph->dst, sizeof(reset->ip.src));
+    os_memcpy(reset->ip.dst, iph->src, sizeof(reset->ip.dst));
+
+    reset->tcp.sport = tcp->dport;
+    reset->tcp.dport = tcp->sport;
+    reset->tcp.seq = tcp->ack;
+    reset->tcp.ack = tcp->seq;
+    reset->tcp.dataoff = sizeof(lbtcp_hdr_t) / 4 << 4;
+    reset->tcp.flags = LBTCP_RST;
+    _lbipv6_sumtcp(&reset->ip, sizeof(reset->ip) + sizeof(reset->tcp), &reset->tcp,
+                   sizeof(reset->tcp));
+}
+
 } // namespace
 
-int lbipv6_entry(void * /*ethh*/, void * /*iph*/, int /*len*/, lb_osopaque_t /*osopaque*/)
+int lbipv6_entry(void *ethh, void *iph, int len, lb_osopaque_t osopaque)
 {
-    lb_stat_inc(lbexecutor->getable.ipv6stats.in);
-    return LB_PACKETRC_INTACT;
+    lb_proto_stats_t *stats = &lbexecutor->getable.ipv6stats;
+    LB_LOG(LB_LOG_IPV6, "ipv6_entry\n");
+    lb_stat_inc(stats->in);
+    lbpbuf_obj_t *pkt = lbpbuf_alloc();
+    if (pkt == nullptr) {
+        LB_LOG(LB_LOG_IPV6 | LB_LOG_FAILURE | LB_LOG_PKTERROR, "ipv6_entry pbuf-alloc-failure\n");
+        lb_stat_inc(stats->err);
+        return LB_PACKETRC_INTACT;
+    }
+    pkt->hw.vd = ethh;
+    pkt->p.vd = iph;
+    pkt->buflen = len;
+    pkt->osopaque = osopaque;
+    pkt->stats = stats;
+    const int rc = _lbipv6_pbuf_entry(pkt);
+    if (rc != LB_PACKETRC_HELD) {
+        lbpbuf_free(pkt);
+    }
+    return rc;
 }
 
 lb_u8_t _lbipv6_getproto(lbipv6_hdr_t *iph, int len, lb_u8_t **protoh, lbpbuf_obj_t *pkt)
@@ -115,3 +287,45 @@ lb_u32_t lbipv6_pseudohdrsum(lbipv6_hdr_t *iph, int len)
     pseudo.nexthdr = proto != 0 ? proto : iph->nexthdr;
     return lbipv4_primativesum(reinterpret_cast<const unsigned char *>(&pseudo), sizeof(pseudo));
 }
+
+int _lbipv6_pbuf_sendreset(lbpbuf_obj_t *pkt)
+{
+    LB_LOG(LB_LOG_TCPUDP, "ipv6 _lbipv6_pbuf_sendreset entered\n");
+    const lbneigh_obj_t *neigh = pkt->ipfuncs->getclientgwneigh(pkt);
+    lbneigh_route_t *route = neigh != nullptr ? lb_peekptr(neigh->route) : nullptr;
+    if (route == nullptr) {
+        LB_LOG(LB_LOG_TCPUDP, "sendreset: no neigh or no interface\n");
+        return -1;
+    }
+    const lbtcp_hdr_t *tcp = lb_view<lbtcp_hdr_t>(pkt->ulp.vd, lbpbuf_ulplen(pkt));
+    if (tcp == nullptr) {
+        LB_LOG(LB_LOG_TCPUDP, "sendreset: no sequence numbers\n");
+        return -1;
+    }
+    reset_s reset;
+    _lbipv6_fillreset(&reset, pkt->p.v6, tcp);
+    const lbeth_addr_align_t dst = lb_peek(neigh->eaddr);
+    const lbeth_addr_align_t src = lb_peek(route->ifin->setable.ethaddr);
+    os_memcpy(reset.eth.dst.b, dst.b, LBETH_ADDRLEN);
+    os_memcpy(reset.eth.src.b, src.b, LBETH_ADDRLEN);
+    lb_put16(reset.eth.type, LBETH_TYPE_IPV6);
+    void *eth = lbifin_haslinkheader(route->ifin) ? &reset.eth : nullptr;
+    LB_LOG(LB_LOG_TCPUDP | LB_LOG_FAILURE, "Calling os_packetxmit\n");
+    os_packetxmit(eth, &reset.ip, sizeof(reset.ip) + sizeof(reset.tcp), &route->xmithndl, nullptr);
+    return 0;
+}
+
+const lbpbuf_ipfuncs_prv_s lbipv6_funcs = {
+    .getsaddr = _lbipv6_pbuf_getsaddr,
+    .getdaddr = _lbipv6_pbuf_getdaddr,
+    .getproto = _lbipv6_pbuf_getproto,
+    .decttl = _lbipv6_pbuf_decttl,
+    .gettotlen = _lbipv6_pbuf_gettotlen,
+    .gethdrlen = _lbipv6_pbuf_gethdrlen,
+    .geticmpfraglen = _lbipv6_pbuf_geticmpfraglen,
+    .setsaddr = _lbipv6_pbuf_setsaddr,
+    .setdaddr = _lbipv6_pbuf_setdaddr,
+    .tcpchksum = _lbipv6_pbuf_tcpchksum,
+    .getclientgwneigh = _lbipv6_pbuf_getclientgwneigh,
+    .hdrchksum = _lbipv6_pbuf_hdrchksum,
+};

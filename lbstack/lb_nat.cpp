@@ -225,8 +225,7 @@ void setlinkheader(lbpbuf_obj_t *pkt, const lbneigh_obj_t *neigh, const lbifin_o
                    "Unable to setup eth header, transmitting anyway\n");
             return;
         }
-        const lb_u8_t version = pkt->ipfuncs->getdaddr(pkt)->version;
-        lb_put16(pkt->hw.eth->type, version == 4 ? LBETH_TYPE_IPV4 : LBETH_TYPE_IPV6);
+        lb_put16(pkt->hw.eth->type, lbpbuf_ethtype(pkt));
     }
     LB_LOG(TRACE, "NAT return : copying hw address\n");
     const lbeth_addr_align_t dst = lb_peek(neigh->eaddr);
@@ -437,16 +436,15 @@ int lb_nat_rewrite(lbpbuf_obj_t *pkt, const lb_nat_endpoints_s *to)
     if (to->src->version != oldsrc.version || to->dst->version != oldsrc.version) {
         return -1;
     }
-    const int len = lbpbuf_usablelen(pkt) - pkt->ipfuncs->gethdrlen(pkt);
+    if (lbpbuf_usablelen(pkt) < 0) {
+        return -1;
+    }
     if (pkt->frag_offset != 0) {
-        if (len < 0) {
-            return -1;
-        }
         setaddresses(pkt, to);
         pkt->ipfuncs->hdrchksum(pkt);
         return 0;
     }
-    lbtcp_hdr_t *tcp = lb_view<lbtcp_hdr_t>(pkt->ulp.vd, len);
+    lbtcp_hdr_t *tcp = lb_view<lbtcp_hdr_t>(pkt->ulp.vd, lbpbuf_ulplen(pkt));
     if (tcp == nullptr) {
         return -1;
     }

@@ -96,7 +96,7 @@ int lbpbuf_hold(lbpbuf_obj_t *pkt)
 int lbpbuf_usablelen(lbpbuf_obj_t *pkt)
 {
     const int totlen = pkt->ipfuncs->gettotlen(pkt);
-    if (totlen < pkt->ipfuncs->gethdrlen(pkt) || totlen > pkt->buflen) {
+    if (totlen < pkt->ulp.raw - pkt->p.raw || totlen > pkt->buflen) {
         return -1;
     }
     return totlen;

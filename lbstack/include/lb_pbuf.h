@@ -129,11 +129,17 @@ void lbpbuf_drain();
 // LB_PACKETRC_HELD.
 int lbpbuf_hold(lbpbuf_obj_t *pkt);
 
-// The packet's length where it can be believed (header <= total <= received), else -1.
+// The packet's length where it can be believed (headers <= total <= received), else -1.
 [[nodiscard]] int lbpbuf_usablelen(lbpbuf_obj_t *pkt);
-// Bytes from `ulp` on that were received and, where the total length can be
-// believed, belong to the packet. Never negative.
+// Bytes from `ulp` on that were received and, where the total length can be believed, belong to the
+// packet. Never negative.
 [[nodiscard]] int lbpbuf_ulplen(lbpbuf_obj_t *pkt);
+
+// The EtherType of the packet's IP version.
+[[nodiscard]] inline lb_u16_t lbpbuf_ethtype(const lbpbuf_obj_t *pkt)
+{
+    return pkt->p.raw[0] >> 4 == 6 ? LBETH_TYPE_IPV6 : LBETH_TYPE_IPV4;
+}
 
 // The packet's trace line; the caller tests the mask.
 void _lbpbuf_print(lb_u64_t mask, lbpbuf_obj_t *pkt, const char *label);

@@ -174,12 +174,13 @@ TEST_F(ForwardTest, WhatBecomesOfAPacket)
     }
 }
 
-TEST_F(ForwardTest, Ipv6IsTheHosts)
+TEST_F(ForwardTest, AFrameIsWhatItsLinkHeaderSays)
 {
     bytes v6 = packet();
     packets::put16(v6, 12, 0x86DD);
-    EXPECT_EQ(fake::receive(v6), LB_PACKETRC_INTACT);
-    EXPECT_EQ(get_executor().getable.ipv6stats.in, 1U);
+    EXPECT_EQ(fake::receive(v6), LB_PACKETRC_CONSUMED);
+    EXPECT_EQ(get_executor().getable.ipv6stats.err, 1U);
+    EXPECT_EQ(stats().in, 0U);
     EXPECT_TRUE(fake::take_sent().empty());
 }
 

@@ -58,6 +58,7 @@ TEST_F(PbufTest, LengthsAreBelievedOnlyBetweenHeaderAndReceived)
         lbpbuf_obj_t pkt = {};
         pkt.ipfuncs = &lbipv4_funcs;
         pkt.p.raw = header.data();
+        pkt.ulp.raw = pkt.p.raw + row.ihl * 4;
         pkt.buflen = row.received;
         EXPECT_EQ(lbpbuf_usablelen(&pkt), row.usable);
         EXPECT_EQ(lbpbuf_ulplen(&pkt), row.ulplen);
