@@ -1,8 +1,8 @@
-// Clusters. The module owns a cluster's ports and its fragment table.
+// Clusters. The module owns a cluster's ports, its fragment table, and the membership that lets
+// solicitations for an IPv6 cluster reach the stack.
 //
 // Init and remove run on the command thread, reap and the periodic work on the timer thread;
-// workers read linked clusters without a lock. Only lists are locked, one at a time. IPv6 clusters
-// are refused: nothing receives their packets yet.
+// workers read linked clusters without a lock. Only lists are locked, one at a time.
 
 #include "lb_cluster.h"
 
@@ -57,6 +57,7 @@ int _lbclu_cmd_rm(lbcmd_objhdr_t *obj)
         LB_LOG(LB_LOG_CLUSTER | LB_LOG_FAILURE, "No parent!\n");
         return LBCMD_RC_FAILURE;
     }
+    lbmc_leave(&cluster->membership);
     if (lbll_rmnode(&cluster->parent->clusterlist, cluster) != 0) {
         LB_LOG(LB_LOG_CLUSTER | LB_LOG_FAILURE, "removal of cluster from list failed\n");
     }
@@ -80,6 +81,7 @@ int _lbclu_cmd_reap(lbcmd_objhdr_t *obj, int age)
         LB_LOG(LB_LOG_CLUSTER | LB_LOG_REAP, "not reaping cluster age %d\n", age);
         return 0;
     }
+    lbmc_leave(&cluster->membership);
     if (cluster->clusternode._list != nullptr) {
         // Its removal was refused, so readers have been finding it until now.
         if (lbll_rmnode(&cluster->parent->clusterlist, cluster) != 0) {
@@ -121,11 +123,7 @@ int lbclu_init(lbcfg_key_t *key, lbclu_obj_t *cluster, void *addable, void *seta
     cluster->parent = lbexecutor;
     os_memcpy(&cluster->addable, addable, sizeof(cluster->addable));
     os_memcpy(&cluster->setable, setable, sizeof(cluster->setable));
-    if (key->cluster.version == 6) {
-        LB_LOG(LB_LOG_CLUSTER | LB_LOG_EVENT, "IPv6 clusters are not available\n");
-        return 1;
-    }
-    if (key->cluster.version != 4) {
+    if (key->cluster.version != 4 && key->cluster.version != 6) {
         LB_LOG(LB_LOG_CLUSTER | LB_LOG_FAILURE, "ip version not set!\n");
         return 1;
     }
@@ -140,6 +138,7 @@ int lbclu_init(lbcfg_key_t *key, lbclu_obj_t *cluster, void *addable, void *seta
         (void)lbll_rmlist(&cluster->portlist); // it is empty and ready
         return 1;
     }
+    lbmc_enter(&cluster->membership, &key->cluster);
     return 0;
 }
 

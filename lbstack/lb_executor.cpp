@@ -12,6 +12,7 @@
 #include "lb_entry.h"
 #include "lb_ip.h"
 #include "lb_log.h"
+#include "lb_multicast.h"
 #include "lb_nat.h"
 #include "lb_select.h"
 #include "lb_srvset.h"
@@ -51,10 +52,12 @@ int _lbexe_addchild_cluster(lbcfg_key_t *key, void *addable, void *setable, lbcm
         LB_LOG(LB_LOG_EXECUTOR | LB_LOG_FAILURE, "cluster init failed\n");
         return LBCMD_RC_FAILURE;
     }
+    lb_undo undo_init([cluster] { lbmc_leave(&cluster->membership); });
     if (lbll_addnode_rhs(&lbexecutor->clusterlist, cluster) != 0) {
         LB_LOG(LB_LOG_EXECUTOR | LB_LOG_FAILURE, "add cluster to clusterlist failed\n");
         return LBCMD_RC_FAILURE;
     }
+    undo_init.dismiss();
     undo_alloc.dismiss();
     *newobj = &cluster->cmdobj;
     if (!lbha_isstandby()) {
@@ -99,25 +102,35 @@ int _lbexe_cmd_get(lbcmd_objhdr_t * /*obj*/)
     return 0;
 }
 
-void addgateway(const lbip_addr_t *addr)
+// The client gateway of an IP version.
+struct gateway_s {
+    lb_u8_t version;
+    const char *suffix; // of its name in messages
+    lbneigh_obj_t *&neigh;
+};
+
+void addgateway(const gateway_s &gateway, const lbip_addr_t *addr)
 {
     lbneigh_obj_t *neigh = lbneigh_addnode(addr);
     if (neigh == nullptr) {
-        LB_LOG(LB_LOG_EXECUTOR | LB_LOG_FAILURE, "neigh record for clientgateway failed\n");
+        LB_LOG(LB_LOG_EXECUTOR | LB_LOG_FAILURE, "neigh record for clientgateway%s failed\n",
+               gateway.suffix);
     }
-    lb_pokeptr(lbexecutor->clientgw_neigh, neigh);
+    lb_pokeptr(gateway.neigh, neigh);
 }
 
 // Packets may be on their way to the old gateway: the new one is published first, and the old one's
 // entry outlives its last use by its grace.
-void setgateway(const lbip_addr_t *addr)
+void setgateway(const gateway_s &gateway, const lbip_addr_t *addr)
 {
-    lbneigh_obj_t *old = lb_peekptr(lbexecutor->clientgw_neigh);
-    const bool wanted = addr->version == 4 && lbip_isaddrvalid(addr) == LBIP_VALID_YES;
+    lbneigh_obj_t *old = lb_peekptr(gateway.neigh);
+    const bool wanted =
+        addr->version == gateway.version && lbip_isaddrvalid(addr) == LBIP_VALID_YES;
     if (old == nullptr) {
         if (wanted) {
-            LB_LOG(LB_LOG_EXECUTOR, "creating new neigh record for clientgateway\n");
-            addgateway(addr);
+            LB_LOG(LB_LOG_EXECUTOR, "creating new neigh record for clientgateway%s\n",
+                   gateway.suffix);
+            addgateway(gateway, addr);
         }
         return;
     }
@@ -126,11 +139,12 @@ void setgateway(const lbip_addr_t *addr)
     }
     const lbip_addr_t oldaddr = old->ipaddr;
     if (wanted) {
-        LB_LOG(LB_LOG_EXECUTOR, "removing old clientgateway from neigh table and add new\n");
-        addgateway(addr);
+        LB_LOG(LB_LOG_EXECUTOR, "removing old clientgateway%s from neigh table and add new\n",
+               gateway.suffix);
+        addgateway(gateway, addr);
     } else {
-        LB_LOG(LB_LOG_EXECUTOR, "removing clientgateway from neigh table\n");
-        lb_pokeptr(lbexecutor->clientgw_neigh, nullptr);
+        LB_LOG(LB_LOG_EXECUTOR, "removing clientgateway%s from neigh table\n", gateway.suffix);
+        lb_pokeptr(gateway.neigh, nullptr);
     }
     lbneigh_rmnode(&oldaddr);
 }
@@ -138,10 +152,8 @@ void setgateway(const lbip_addr_t *addr)
 int _lbexe_cmd_set(lbcmd_objhdr_t *obj)
 {
     const lbexe_setable_t *setable = &lbexecutor->setable;
-    setgateway(&setable->clientgateway);
-    if (lbip_isaddrvalid(&setable->clientgateway_ipv6) == LBIP_VALID_YES) {
-        LB_LOG(LB_LOG_EXECUTOR | LB_LOG_EVENT, "IPv6 client gateway is stored, but not used\n");
-    }
+    setgateway({4, "", lbexecutor->clientgw_neigh}, &setable->clientgateway);
+    setgateway({6, "6", lbexecutor->clientgw_neigh_ipv6}, &setable->clientgateway_ipv6);
     return lbha_cmd_set(obj);
 }
 
@@ -219,9 +231,10 @@ struct part_t {
     int (*stop)();
 };
 constexpr part_t PARTS[] = {
-    {lb_grace_init, lb_grace_exit}, {startselect, stopselect},     {lbcmd_init, lbcmd_exit},
-    {lbifcol_init, lbifcol_exit},   {lbneigh_init, lbneigh_exit},  {lbha_init, lbha_exit},
-    {linkself, unlinkself},         {startclusters, stopclusters}, {_lb_nat_init, _lb_nat_exit},
+    {lb_grace_init, lb_grace_exit}, {startselect, stopselect},    {lbcmd_init, lbcmd_exit},
+    {lbifcol_init, lbifcol_exit},   {lbneigh_init, lbneigh_exit}, {lbha_init, lbha_exit},
+    {lbmc_init, lbmc_exit},         {linkself, unlinkself},       {startclusters, stopclusters},
+    {_lb_nat_init, _lb_nat_exit},
 };
 constexpr int NUMPARTS = static_cast<int>(sizeof(PARTS) / sizeof(PARTS[0]));
 

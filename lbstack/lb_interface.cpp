@@ -11,6 +11,7 @@
 #include "lb_executor.h"
 #include "lb_ip.h"
 #include "lb_log.h"
+#include "lb_multicast.h"
 #include "lb_neigh.h"
 #include "lb_utils.h"
 #include "lb_words.h"
@@ -150,8 +151,17 @@ int _lbifaddr_cmd_rm(lbcmd_objhdr_t *obj)
         LB_LOG(LB_LOG_IFACE | LB_LOG_FAILURE, "removal of interface from list failed\n");
         return LBCMD_RC_FAILURE;
     }
+    lbmc_refresh();
     lb_grace_defer(&ifaddr->grace, freeifaddr);
     return LBCMD_RC_SUCCESS;
+}
+
+// What interfaces and addresses are set to says where IPv6 addresses of ours are reached: also when
+// one is added, which sets it, too.
+int _lbiface_cmd_set(lbcmd_objhdr_t * /*obj*/)
+{
+    lbmc_refresh();
+    return 0;
 }
 
 int lbifaddr_init(lbcmd_key_t *key, lbifin_obj_t *parent, lbifaddr_obj_t *ifaddr, void *setable)
@@ -164,6 +174,7 @@ int lbifaddr_init(lbcmd_key_t *key, lbifin_obj_t *parent, lbifaddr_obj_t *ifaddr
     hdr->setable = {sizeof(ifaddr->setable), &ifaddr->setable};
     hdr->getable = {sizeof(ifaddr->getable), &ifaddr->getable};
     hdr->remove = _lbifaddr_cmd_rm;
+    hdr->set = _lbiface_cmd_set;
     os_memcpy(&ifaddr->setable, setable, sizeof(ifaddr->setable));
     ifaddr->parent = parent;
     return 0;
@@ -271,6 +282,7 @@ int lbifin_init(lbcmd_key_t *key, lbifin_obj_t *ifin, void *setable)
     hdr->getable = {sizeof(ifin->getable), &ifin->getable};
     hdr->addchild = _lbifin_cmd_ifaddr_add;
     hdr->remove = _lbifin_cmd_rm;
+    hdr->set = _lbiface_cmd_set;
     os_memcpy(&ifin->setable, setable, sizeof(ifin->setable));
     LB_LOG(LB_LOG_IFACE, "init entered, mtu=%d\n", static_cast<int>(ifin->setable.mtu_sys));
     if (lbll_initlist(&ifin->ifaddrlist, offsetof(lbifaddr_obj_t, ifaddrnode), lbifaddr_ll_select,

@@ -132,6 +132,7 @@ lb_retaddr_obj_t *takenew(const lbip_addr_t *addr)
         }
         return nullptr;
     }
+    lbmc_enter(&obj->membership, addr);
     LB_LOG(LB_LOG_SERVER | LB_LOG_EVENT, "retaddrrecord = %x in serv init\n", lb_log_low32(obj));
     return obj;
 }
@@ -407,12 +408,19 @@ lb_retaddr_obj_t *lbrat_take(const lbip_addr_t *addr)
 void lbrat_drop(lb_retaddr_obj_t *obj)
 {
     LB_LOG(LB_LOG_SERVER, "return address record found!\n");
-    lbll_guard held(addresses());
-    obj->refcount--;
-    LB_LOG(LB_LOG_SERVER, "return address ref count = %d\n", obj->refcount);
-    if (obj->refcount == 0) {
-        LB_LOG(LB_LOG_SERVER, "return address record reference count is zero, delete\n");
-        (void)lbll_rmnode_nl(addresses(), obj); // a broken list is reported by its module
+    bool last = false;
+    {
+        lbll_guard held(addresses());
+        obj->refcount--;
+        LB_LOG(LB_LOG_SERVER, "return address ref count = %d\n", obj->refcount);
+        last = obj->refcount == 0;
+        if (last) {
+            LB_LOG(LB_LOG_SERVER, "return address record reference count is zero, delete\n");
+            (void)lbll_rmnode_nl(addresses(), obj); // a broken list is reported by its module
+        }
+    }
+    if (last) {
+        lbmc_leave(&obj->membership);
     }
 }
 

@@ -5,8 +5,10 @@
 // records are gone and whose memory it holds until it is freed itself.
 //
 // Init, get, set and remove run on the command thread, reap on the timer thread; workers read
-// linked servers without a lock. Only lists are locked, one at a time. IPv6 servers are
-// refused: what would carry their packets does not exist yet.
+// linked servers without a lock. Only lists are locked, one at a time. Whether the IP versions of
+// the cluster, the server and its NAT addresses go together is not looked at here, because the
+// settings that decide it may come later: packets that can't be sent as they are told to count as
+// errors.
 
 #include "lb_server.h"
 
@@ -51,10 +53,6 @@ int checknat(const lbsrv_addable_t *addable)
         LB_LOG(LB_LOG_SERVER | LB_LOG_EVENT, "NAT server's router address is not valid\n");
         return 1;
     }
-    if (addable->returnaddress.version != 4 || addable->routeraddress.version != 4) {
-        LB_LOG(LB_LOG_SERVER | LB_LOG_EVENT, "IPv6 NAT servers are not available\n");
-        return 1;
-    }
     return 0;
 }
 
@@ -64,10 +62,6 @@ int checkkind(const lbsrv_obj_t *srv)
     const lbip_addr_t *addr = &srv->config.key.cfg.server;
     if (lbip_isaddrvalid(addr) != LBIP_VALID_YES) {
         LB_LOG(LB_LOG_SERVER | LB_LOG_EVENT, "server address is not valid\n");
-        return 1;
-    }
-    if (addr->version != 4) {
-        LB_LOG(LB_LOG_SERVER | LB_LOG_EVENT, "IPv6 servers are not available\n");
         return 1;
     }
     if (srv->addable.nat != 0 && checknat(&srv->addable) != 0) {

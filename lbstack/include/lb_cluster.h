@@ -4,6 +4,7 @@
 
 #include "lb_command.h"
 #include "lb_fragment.h"
+#include "lb_multicast.h"
 
 #include "prot/blocks.h"
 
@@ -16,9 +17,11 @@ struct lbclu_obj_s {
     alignas(8) lbclu_getable_t getable;
     lbexe_obj_t *parent;
     lbfrag_table_t fragtable;
+    lbmc_membership_t membership;
 };
 
-// Fills a freshly allocated object: 0, or 1 (nothing is left behind then).
+// Fills a freshly allocated object: 0, or 1 (nothing is left behind then). Solicitations for an
+// IPv6 cluster reach the stack from then on.
 [[nodiscard]] int lbclu_init(lbcfg_key_t *key, lbclu_obj_t *cluster, void *addable, void *setable);
 void lbclu_timer_entry(lbclu_obj_t *cluster);
 int lbclu_ll_select(void *key, void *obj); // key: lbip_addr_t

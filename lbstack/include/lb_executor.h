@@ -16,6 +16,7 @@ struct lbexe_obj_s {
     alignas(8) lbexe_setable_t setable;
     alignas(8) lbexe_getable_t getable;
     lbll_list_t clusterlist;
+    lbll_list_t memberships; // of lbmc_membership_t
     lbll_list_t ifacecmdlist;
     lbll_list_t cmdreaplist;
     lbifcol_collection_t ifcollection;

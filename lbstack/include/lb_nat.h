@@ -6,6 +6,7 @@
 #include "lb_fragment.h"
 #include "lb_grace.h"
 #include "lb_linkedlist.h"
+#include "lb_multicast.h"
 #include "lb_types.h"
 
 #include "os.h"
@@ -53,6 +54,7 @@ struct lb_retaddr_obj_s {
     lbfrag_table_t frag; // fragments of answers; their second address is the client's
     lb_u32_t refcount;   // servers that use it; under the list's lock, as is the next
     lb_u32_t holders;    // servers that used it and have not been freed
+    lbmc_membership_t membership;
     lb_grace_node_t grace;
 };
 

@@ -75,12 +75,40 @@ TEST_F(ExecutorTest, GatewayWithoutMemoryIsTakenByTheNextSet)
     EXPECT_NE(lbexecutor->clientgw_neigh, nullptr);
 }
 
-TEST_F(ExecutorTest, IPv6GatewayIsStoredWithoutANeighbour)
+TEST_F(ExecutorTest, EachIpVersionHasAGatewayOfItsOwn)
 {
-    EXPECT_EQ(set_executor([](lbexe_setable_t &b) { b.clientgateway_ipv6 = ip("2001:db8::1"); }),
-              LBCMD_RC_SUCCESS);
-    EXPECT_EQ(get_executor().setable.clientgateway_ipv6.version, 6);
-    EXPECT_EQ(lbexecutor->clientgw_neigh_ipv6, nullptr);
+    const auto gateway6 = [this](const std::string &addr) {
+        return set_executor([&](lbexe_setable_t &b) { b.clientgateway_ipv6 = ip(addr); });
+    };
+    const auto entry = [](const std::string &addr) {
+        const lbip_addr_t key = ip(addr);
+        return lbneigh_lookup(&key);
+    };
+    ASSERT_ADDED(set_client_gateway("10.0.0.1"));
+    set_executor_log_mask(LB_LOG_EXECUTOR);
+    const struct {
+        const char *addr;
+        bool isneighbour;
+        const char *log;
+    } rows[] = {
+        {"2001:db8::1", true, "creating new neigh record for clientgateway6\n"},
+        {"2001:db8::2", true, "removing old clientgateway6 from neigh table and add new\n"},
+        {"2001:db8::2", true, nullptr},
+        {"10.0.0.9", false, "removing clientgateway6 from neigh table\n"},
+        {"", false, nullptr},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.addr);
+        fake::log_clear();
+        EXPECT_EQ(gateway6(row.addr), LBCMD_RC_SUCCESS);
+        EXPECT_EQ(lbexecutor->clientgw_neigh_ipv6, row.isneighbour ? entry(row.addr) : nullptr);
+        EXPECT_EQ(lbexecutor->clientgw_neigh_ipv6 != nullptr, row.isneighbour);
+        EXPECT_EQ(get_executor().getable.clientgwneighstate_ipv6 != 0, row.isneighbour);
+        EXPECT_EQ(fake::log_count("clientgateway"), row.log != nullptr ? 1 : 0);
+        EXPECT_TRUE(row.log == nullptr || fake::log_contains(row.log));
+    }
+    EXPECT_EQ(entry("2001:db8::2"), nullptr);
+    EXPECT_EQ(lbexecutor->clientgw_neigh, entry("10.0.0.1")) << "the other's is left alone";
     EXPECT_EQ(set_client_gateway("2001:db8::1"), LBCMD_RC_SUCCESS);
     EXPECT_EQ(lbexecutor->clientgw_neigh, nullptr);
 }
