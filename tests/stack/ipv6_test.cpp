@@ -1,0 +1,629 @@
+// IPv6 through the whole stack: what becomes of every kind of packet and chain of headers, what
+// servers and clients receive, translation both ways, fragments, packets of one version for servers
+// of the other, and which multicast groups the host hears while all that is configured.
+#include "lb_ipv6.h"
+#include "lb_neigh.h"
+
+#include <map>
+#include <set>
+
+#include "packets6.h"
+#include "stack_fixture.h"
+
+namespace
+{
+
+using packets::bytes;
+using packets::DSTOPTS;
+using packets::ETH;
+using packets::ext;
+using packets::fragment;
+using packets::HOPOPTS;
+using packets::IP6;
+using packets::mac_of;
+using packets::packet6;
+using packets::padding;
+using packets::ROUTING;
+using packets::TCP;
+using packets::UDP;
+
+constexpr const char *C = "2001:db8::100";
+constexpr const char *S = "2001:db8::11";
+constexpr const char *CLIENT = "2001:db8:9::1"; // behind the gateway
+constexpr const char *NATSERVER = "2001:db8:2::11";
+constexpr const char *R = "2001:db8:1::200";
+constexpr std::uint8_t RST = 0x04;
+constexpr std::uint8_t ACK = 0x10;
+
+// An advertisement by which a neighbour makes its hardware address known.
+bytes advertisement(const std::string &ip, std::uint8_t last)
+{
+    packets::icmp6 m = {.type = 136, .word = 0x60000000, .outer = {.src = ip, .hops = 255}};
+    m.outer.dst = "2001:db8::1";
+    const packets::ip6 target = packets::to_ip6(ip);
+    m.body.assign(target.begin(), target.end());
+    m.body.insert(m.body.end(), {2, 1, 2, 0, 0, 0, 0, last});
+    return packets::build(m);
+}
+
+bytes packet(const packet6 &p = {})
+{
+    return packets::build(p);
+}
+
+bytes with(bytes frame, std::size_t at, std::uint8_t value)
+{
+    frame.at(ETH + at) = value;
+    return frame;
+}
+
+// Cuts what follows the fixed header to `len` bytes; `honest` makes the header say so.
+bytes cut(bytes frame, std::size_t len, bool honest = true)
+{
+    frame.resize(IP6 + len);
+    if (honest) {
+        packets::put16(frame, ETH + 4, static_cast<std::uint16_t>(len));
+    }
+    return frame;
+}
+
+class Ipv6Test : public StackTest
+{
+  protected:
+    void SetUp() override
+    {
+        StackTest::SetUp();
+        ASSERT_ADDED(add_interface("eth0", stack::ethernet(1)));
+        ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
+        ASSERT_ADDED(add_ifaddr("eth0", "2001:db8::1/64"));
+        ASSERT_ADDED(set_executor(
+            [](lbexe_setable_t &b) { b.clientgateway_ipv6 = stack::ip("2001:db8::254"); }));
+        ASSERT_ADDED(add_cluster(C));
+        ASSERT_ADDED(add_port(C, 80));
+        ASSERT_ADDED(add_server(C, 80, S));
+        meet("2001:db8::254", 254);
+        meet(S, 11);
+    }
+    // Whatever a test does, each group is joined once and left once, by turns.
+    void TearDown() override
+    {
+        stop_stack();
+        std::map<std::string, int> joined;
+        for (const fake::membership &m : fake::memberships()) {
+            int &count = joined[m.ifname + " " + packets::ip6_at(m.ip6, 0)];
+            count += m.join ? 1 : -1;
+            EXPECT_TRUE(count == 0 || count == 1) << m.ifname;
+        }
+        for (const auto &[where, count] : joined) {
+            EXPECT_EQ(count, 0) << where << " was never left";
+        }
+        StackTest::TearDown();
+    }
+
+    static void meet(const std::string &ip, std::uint8_t last)
+    {
+        fake::receive(ip.find(':') != std::string::npos ? advertisement(ip, last)
+                                                        : packets::arp_reply(ip, last));
+        (void)fake::take_sent();
+    }
+    // The frame that was sent for a received one; empty unless it is the only one.
+    static bytes forwarded(const bytes &frame)
+    {
+        (void)fake::take_sent();
+        EXPECT_EQ(fake::receive(frame), LB_PACKETRC_CONSUMED);
+        const auto sent = fake::take_sent();
+        return sent.size() == 1 && sent[0].how == fake::via::packet ? sent[0].bytes : bytes();
+    }
+    // The last byte of the hardware address that it was sent to; -1 for none.
+    static int server_of(const packet6 &p)
+    {
+        const bytes sent = forwarded(packet(p));
+        return sent.empty() ? -1 : sent[5];
+    }
+    lb_proto_stats_t stats() { return get_executor().getable.ipv6stats; }
+};
+
+// --- What comes in -------------------------------------------------------------------------------
+
+enum fate { FORWARDED, INTACT, DISCARDED, ERROR };
+
+TEST_F(Ipv6Test, WhatBecomesOfAPacket)
+{
+    const auto chain = [](const std::vector<ext> &exts, std::uint8_t proto = TCP) {
+        return packet({.proto = proto, .exts = exts});
+    };
+    const std::vector<ext> full(180, padding(DSTOPTS)); // 1500 bytes with what TCP begins with
+    const std::vector<ext> first = {fragment(7, 1)};
+    bytes shortest = packet();
+    shortest.resize(IP6 - 1);
+    const struct {
+        const char *name;
+        bytes frame;
+        fate expected;
+        const char *label;
+    } rows[] = {
+        {"TCP", packet(), FORWARDED, "hash-fwd"},
+        {"UDP", packet({.proto = UDP}), FORWARDED, "hash-fwd"},
+        {"options and TCP", chain({padding(HOPOPTS), padding(DSTOPTS, 3)}), FORWARDED, "hash-fwd"},
+        {"routing and UDP", chain({padding(ROUTING, 2)}, UDP), FORWARDED, "hash-fwd"},
+        {"fragment that is whole", chain({fragment(6, 0)}), FORWARDED, "hash-fwd"},
+        {"first fragment", chain(first), FORWARDED, "hash-fwd"},
+        {"last fragment", chain({padding(HOPOPTS), fragment(7, 32)}), FORWARDED, "frag-fwd"},
+        {"offset 8 counts as none", chain({fragment(8, 9)}), FORWARDED, "hash-fwd"},
+        {"as many headers as fit", packet({.exts = full, .payload = 0}), FORWARDED, "hash-fwd"},
+        {"flags just received", cut(packet(), 14), FORWARDED, "hash-fwd"},
+        {"flags not received", cut(packet(), 13), ERROR, "pullup failed"},
+        {"padding behind it", cut(packet({.payload = 4}), 60, false), FORWARDED, "hash-fwd"},
+        {"another host", packet({.dst = "2001:db8::101"}), INTACT, "notforus"},
+        {"our own address", packet({.dst = "2001:db8::1"}), INTACT, "notforus"},
+        {"port that is not configured", packet({.dport = 81}), DISCARDED, "not a lb port"},
+        {"nothing follows", chain({padding(HOPOPTS)}, packets::NONEXT), DISCARDED, "proto"},
+        {"unknown header", chain({padding(DSTOPTS)}, 50), DISCARDED, "proto"},
+        {"unknown to another", packet({.dst = "2001:db8::101", .proto = 50}), DISCARDED, "proto"},
+        {"the other version's ICMP", packet({.proto = 1}), DISCARDED, "proto"},
+        {"GRE", packet({.proto = 47}), DISCARDED, "proto"},
+        {"header longer than the frame", with(chain({padding(DSTOPTS)}), 41, 255), DISCARDED,
+         "proto"},
+        {"header cut", cut(chain({padding(HOPOPTS)}), 7), DISCARDED, "proto"},
+        {"no bytes of a header", cut(chain({padding(HOPOPTS)}), 0), DISCARDED, "proto"},
+        {"longer than what came", cut(packet(), 51, false), ERROR, "send-failure"},
+        {"shorter than its headers", with(chain({padding(HOPOPTS)}), 5, 7), ERROR, "send-failure"},
+        {"another version", with(packet(), 0, 0x45), ERROR, "badinput"},
+        {"no whole header", shortest, ERROR, "badinput"},
+    };
+    set_executor_log_mask(LB_LOG_FORWARDED | LB_LOG_INTACT | LB_LOG_DISCARDED | LB_LOG_PKTERROR);
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        fake::log_clear();
+        const lb_proto_stats_t before = stats();
+        const lb_u64_t frees = fake::unheld_frees();
+        const bool intact = row.expected == INTACT;
+        EXPECT_EQ(fake::receive(row.frame), intact ? LB_PACKETRC_INTACT : LB_PACKETRC_CONSUMED);
+        EXPECT_EQ(fake::unheld_frees(), frees + (intact ? 0 : 1));
+        EXPECT_EQ(fake::take_sent().size(), row.expected == FORWARDED ? 1U : 0U);
+        const lb_proto_stats_t after = stats();
+        EXPECT_EQ(after.in, before.in + 1);
+        EXPECT_EQ(after.fwd, before.fwd + (row.expected == FORWARDED ? 1 : 0));
+        EXPECT_EQ(after.notforus, before.notforus + (intact ? 1 : 0));
+        EXPECT_EQ(after.discard, before.discard + (row.expected == DISCARDED ? 1 : 0));
+        EXPECT_EQ(after.err, before.err + (row.expected == ERROR ? 1 : 0));
+        EXPECT_TRUE(fake::log_contains(std::string(" ") + row.label + "\n"));
+    }
+    lbpbuf_drain();
+    fake::fail(fake::op::alloc, 1);
+    EXPECT_EQ(fake::receive(packet()), LB_PACKETRC_INTACT);
+    EXPECT_TRUE(fake::log_contains("ipv6_entry pbuf-alloc-failure"));
+}
+
+TEST_F(Ipv6Test, EveryTruncationSendsNoMoreThanCame)
+{
+    for (const std::uint8_t proto : {TCP, UDP}) {
+        const bytes whole = packet(
+            {.proto = proto,
+             .exts = {padding(HOPOPTS), padding(ROUTING, 1), fragment(9, 0), padding(DSTOPTS)},
+             .payload = 4});
+        for (std::size_t len = 0; len <= whole.size() - IP6; len++) {
+            for (const bool honest : {true, false}) {
+                const bytes frame = cut(whole, len, honest);
+                const auto freed = fake::unheld_frees();
+                ASSERT_EQ(fake::receive(frame), LB_PACKETRC_CONSUMED) << len;
+                ASSERT_EQ(fake::unheld_frees(), freed + 1) << len;
+                for (const auto &sent : fake::take_sent()) {
+                    ASSERT_LE(sent.bytes.size(), frame.size()) << len;
+                }
+            }
+        }
+    }
+}
+
+TEST_F(Ipv6Test, TheFunctionsOfTheVersion)
+{
+    bytes frame = packet({.hops = 2, .exts = {fragment(0xFEDCBA98, 0x0009)}, .payload = 1432});
+    lbpbuf_obj_t pkt = {};
+    pkt.p.raw = frame.data() + ETH;
+    pkt.buflen = static_cast<int>(frame.size()) - ETH;
+    ASSERT_EQ(_lbipv6_getproto(pkt.p.v6, pkt.buflen, &pkt.ulp.raw, &pkt), TCP);
+    EXPECT_EQ(pkt.frag_id, 0xFEDCBA98U);
+    EXPECT_EQ(pkt.frag_mf, 1);
+    EXPECT_EQ(pkt.frag_offset, 0) << "the mask takes the offset's lowest bit, too";
+    pkt.ipfuncs = &lbipv6_funcs;
+    EXPECT_EQ(lbipv6_funcs.gettotlen(&pkt), 1500);
+    EXPECT_EQ(lbipv6_funcs.gethdrlen(&pkt), 40);
+    EXPECT_EQ(lbpbuf_ulplen(&pkt), 1452);
+    EXPECT_EQ(lbipv6_funcs.geticmpfraglen(&pkt), 1232);
+    EXPECT_EQ(lbipv6_funcs.decttl(&pkt), 0);
+    EXPECT_EQ(lbipv6_funcs.decttl(&pkt), -1);
+    EXPECT_EQ(frame[ETH + 7], 1);
+    const lbip_addr_t other = stack::ip("10.0.0.1");
+    EXPECT_EQ(lbipv6_funcs.setsaddr(&pkt, &other), -1);
+    EXPECT_EQ(lbipv6_funcs.setdaddr(&pkt, &other), -1);
+    packets::put16(frame, IP6 + 8 + 16, 0);
+    EXPECT_EQ(lbipv6_funcs.tcpchksum(&pkt), 0);
+    EXPECT_EQ(packets::residue6(frame), 0) << "headers in front are not part of the sum";
+    packets::put16(frame, ETH + 4, 200 - 40);
+    EXPECT_EQ(lbipv6_funcs.geticmpfraglen(&pkt), 200);
+    for (const int payload : {0, 7, 8 + 19, 1461}) { // and one byte more than came
+        packets::put16(frame, ETH + 4, static_cast<std::uint16_t>(payload));
+        const bytes before = frame;
+        EXPECT_EQ(lbipv6_funcs.tcpchksum(&pkt), -1) << payload;
+        EXPECT_EQ(frame, before);
+    }
+}
+
+// --- What goes out -------------------------------------------------------------------------------
+
+TEST_F(Ipv6Test, OnlyMacsAndHopLimitDiffer)
+{
+    for (const std::vector<ext> &exts :
+         {std::vector<ext>{}, {padding(HOPOPTS), padding(ROUTING)}}) {
+        for (const std::uint8_t proto : {TCP, UDP}) {
+            bytes frame = packet({.src = CLIENT, .proto = proto, .hops = 2, .exts = exts});
+            bytes expected = frame;
+            frame.resize(frame.size() + 5); // padding is not sent on
+            packets::set_at(expected, 0, mac_of(11));
+            packets::set_at(expected, 6, mac_of(1));
+            expected[ETH + 7]--;
+            EXPECT_EQ(forwarded(frame), expected);
+        }
+    }
+}
+
+TEST_F(Ipv6Test, ConnectionsAndAffinityKnowClientsByTheirWholeAddress)
+{
+    ASSERT_ADDED(add_port(C, 443, LBSEL_ALGORIGHM_CONNECTION));
+    ASSERT_ADDED(add_port(C, 8443, LBSEL_ALGORIGHM_AFFINITY));
+    for (const std::uint8_t last : {12, 13}) {
+        const std::string server = "2001:db8::" + std::to_string(last);
+        lbsrv_setable_t setable{};
+        setable.weight = 1;
+        setable.stickyflag = 1;
+        ASSERT_ADDED(add_server(C, 443, server, setable));
+        ASSERT_ADDED(add_server(C, 8443, server, setable));
+        meet(server, last);
+    }
+    for (const std::uint16_t dport : {443, 8443}) {
+        // The addresses end alike, so one bucket holds both.
+        const packet6 a = {.src = "2001:db8:a::1", .dport = dport};
+        const packet6 b = {.src = "2001:db8:b::1", .dport = dport};
+        const int first = server_of(a);
+        const int second = server_of(b);
+        EXPECT_EQ(first + second, 12 + 13) << dport << ": round robin";
+        for (const auto &[who, server] : {std::pair{a, first}, {b, second}, {a, first}}) {
+            packet6 next = who;
+            next.flags = ACK;
+            EXPECT_EQ(server_of(next), server) << dport;
+        }
+    }
+}
+
+TEST_F(Ipv6Test, AResetByteByByte)
+{
+    constexpr const char *OTHER = "2001:db8::12"; // where a drained server's clients shall go
+    ASSERT_ADDED(add_port(C, 443, LBSEL_ALGORIGHM_CONNECTION));
+    ASSERT_ADDED(add_server(C, 443, S));
+    ASSERT_ADDED(add_server(C, 443, OTHER));
+    ASSERT_EQ(set_port(C, 443, [](lbport_setable_t &b) { b.reset = 1; }), LBCMD_RC_SUCCESS);
+    // What a client gets for a packet on an established connection to a drained server.
+    const auto reset = [this](const lbifin_setable_t &interface) {
+        const auto weigh = [this](lb_u16_t weight) {
+            const auto set_weight = [this](const char *server, lb_u16_t value) {
+                return set_server(C, 443, server, [=](lbsrv_setable_t &b) { b.weight = value; });
+            };
+            EXPECT_EQ(set_weight(S, weight), LBCMD_RC_SUCCESS);
+            EXPECT_EQ(set_weight(OTHER, 1 - weight), LBCMD_RC_SUCCESS);
+        };
+        packet6 p = {.src = CLIENT, .dport = 443, .exts = {padding(DSTOPTS)}};
+        weigh(1);
+        EXPECT_EQ(server_of(p), 11);
+        p.flags = ACK;
+        EXPECT_EQ(server_of(p), 11);
+        weigh(0);
+        EXPECT_EQ(set_interface("eth0", interface), LBCMD_RC_SUCCESS);
+        p.seq = 0x11223344;
+        p.ack = 0x55667788;
+        const bytes sent = forwarded(packet(p));
+        EXPECT_EQ(set_interface("eth0", stack::ethernet(1)), LBCMD_RC_SUCCESS);
+        return sent;
+    };
+    bytes want = packet({.src = C,
+                         .dst = CLIENT,
+                         .sport = 443,
+                         .dport = 40000,
+                         .flags = RST,
+                         .seq = 0x55667788,
+                         .ack = 0x11223344,
+                         .payload = 0,
+                         .ethdst = mac_of(254),
+                         .ethsrc = mac_of(1)});
+    packets::put16(want, IP6 + 14, 0); // window
+    packets::mend6(want);
+    EXPECT_EQ(reset(stack::ethernet(1)), want);
+    lbifin_setable_t bare = stack::ethernet(1);
+    bare.isPTP = LBIFIN_YN_YES;
+    EXPECT_EQ(reset(bare), bytes(want.begin() + ETH, want.end()));
+    bare.isPTP = LBIFIN_YN_NO;
+    bare.arp = LBIFIN_YN_NO;
+    EXPECT_EQ(reset(bare), bytes(want.begin() + ETH, want.end()));
+    set_executor_log_mask(LB_LOG_TCPUDP);
+    ASSERT_EQ(set_executor([](lbexe_setable_t &b) { b.clientgateway_ipv6 = {}; }),
+              LBCMD_RC_SUCCESS);
+    EXPECT_EQ(reset(stack::ethernet(1)), bytes());
+    EXPECT_TRUE(fake::log_contains("sendreset: no neigh or no interface"));
+}
+
+TEST_F(Ipv6Test, TheClientIsToldWhatCannotGoOn)
+{
+    const bytes large =
+        packet({.src = CLIENT, .hops = 1, .exts = {padding(DSTOPTS)}, .payload = 1433});
+    const bytes late = packet({.src = CLIENT, .hops = 1});
+    const lb_u32_t gen = get_executor().getable.icmpv6stats.gen;
+    const struct {
+        const bytes &frame;
+        int type;
+        lb_u32_t word;
+        std::size_t quoted;
+    } rows[] = {{large, 2, 1500, 1232}, {late, 3, 0, late.size() - ETH}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.type);
+        EXPECT_EQ(fake::receive(row.frame), LB_PACKETRC_CONSUMED);
+        const auto sent = fake::take_sent();
+        ASSERT_EQ(sent.size(), 1U);
+        EXPECT_EQ(sent[0].how, fake::via::raw6);
+        EXPECT_EQ(sent[0].protocol, 58);
+        EXPECT_EQ(packets::ip6_at(sent[0].dest, 0), CLIENT);
+        const bytes &icmp = sent[0].bytes;
+        ASSERT_EQ(icmp.size(), 8 + row.quoted);
+        EXPECT_EQ(packets::get16(icmp, 0), row.type << 8);
+        EXPECT_EQ(packets::get32(icmp, 4), row.word);
+        EXPECT_TRUE(std::equal(icmp.begin() + 8, icmp.end(), row.frame.begin() + ETH));
+    }
+    EXPECT_EQ(get_executor().getable.icmpv6stats.gen, gen + 2);
+    EXPECT_EQ(get_server(C, 80, S).getable.icmpstats.gen, 2U);
+    EXPECT_EQ(stats().discard, 1U);
+    EXPECT_EQ(stats().err, 1U);
+}
+
+TEST_F(Ipv6Test, FragmentsFollowTheirFirstOneWhateverTheOrder)
+{
+    ASSERT_ADDED(add_server(C, 80, "2001:db8::12"));
+    meet("2001:db8::12", 12);
+    // Two datagrams of one client whose identifications differ in the upper half alone.
+    const packet6 datagram = {.src = CLIENT, .proto = UDP, .payload = 4000};
+    std::vector<bytes> frames = packets::fragments6(datagram, 0x10007);
+    for (const bytes &f : packets::fragments6(datagram, 0x20007)) {
+        frames.push_back(f);
+    }
+    std::reverse(frames.begin(), frames.end());
+    std::map<std::uint32_t, std::set<bytes>> got;
+    std::map<std::uint32_t, std::set<int>> servers;
+    for (const bytes &frame : frames) {
+        EXPECT_NE(fake::receive(frame), LB_PACKETRC_INTACT);
+        for (const auto &sent : fake::take_sent()) {
+            const std::uint32_t id = packets::get32(sent.bytes, IP6 + 4);
+            got[id].emplace(sent.bytes.begin() + IP6, sent.bytes.end());
+            servers[id].insert(sent.bytes[5]);
+        }
+    }
+    for (const std::uint32_t id : {0x10007U, 0x20007U}) {
+        std::set<bytes> want;
+        for (const bytes &f : packets::fragments6(datagram, id)) {
+            want.emplace(f.begin() + IP6, f.end());
+        }
+        EXPECT_EQ(got[id], want) << id;
+        EXPECT_EQ(servers[id].size(), 1U) << id;
+    }
+    EXPECT_NE(servers[0x10007], servers[0x20007]) << "they take turns";
+}
+
+// --- Translation ---------------------------------------------------------------------------------
+
+class Ipv6NatTest : public Ipv6Test
+{
+  protected:
+    void SetUp() override
+    {
+        Ipv6Test::SetUp();
+        ASSERT_ADDED(add_interface("eth1", stack::ethernet(2)));
+        ASSERT_ADDED(add_ifaddr("eth1", "2001:db8:1::1/64"));
+        ASSERT_ADDED(add_port(C, 443, LBSEL_ALGORIGHM_CONNECTION, LBSEL_ALGORIGHM_CONNECTION));
+    }
+    int make_natserver(const std::string &cluster, const std::string &server,
+                       const std::string &returnaddress)
+    {
+        lbsrv_addable_t addable{};
+        addable.nat = 1;
+        addable.returnaddress = stack::ip(returnaddress);
+        addable.routeraddress = stack::ip("2001:db8:1::254");
+        lbsrv_setable_t setable{};
+        setable.weight = 1;
+        const int rc = add_server(cluster, 443, server, setable, addable);
+        meet("2001:db8:1::254", 0xFE);
+        return rc;
+    }
+    // What becomes of one whole packet, on its way and back: "source destination sum".
+    static std::string ends(const bytes &f)
+    {
+        const std::size_t at = f.empty() ? 0 : packets::upper_of(f).at;
+        return at == 0 ? ""
+                       : packets::ip6_at(f, ETH + 8) + " " + std::to_string(packets::get16(f, at)) +
+                             " > " + packets::ip6_at(f, ETH + 24) + " " +
+                             std::to_string(packets::get16(f, at + 2)) + " " +
+                             std::to_string(packets::residue6(f));
+    }
+};
+
+TEST_F(Ipv6NatTest, BothWaysWithHeadersInFrontAndOddLengths)
+{
+    ASSERT_ADDED(make_natserver(C, NATSERVER, R));
+    const packet6 answer = {.src = NATSERVER, .dst = R, .sport = 443, .dport = 1025, .hops = 1};
+    for (const std::vector<ext> &exts :
+         {std::vector<ext>{}, {padding(HOPOPTS), padding(DSTOPTS)}, {fragment(5, 0)}}) {
+        for (const std::size_t payload : {0, 1, 700}) {
+            packet6 p = {.src = CLIENT, .dport = 443, .exts = exts, .payload = payload};
+            EXPECT_EQ(ends(forwarded(packet(p))), "2001:db8:1::200 1025 > 2001:db8:2::11 443 0");
+            packet6 back = answer;
+            back.exts = exts;
+            back.payload = payload;
+            const bytes sent = forwarded(packet(back));
+            EXPECT_EQ(ends(sent), "2001:db8::100 443 > 2001:db8:9::1 40000 0");
+            EXPECT_EQ(packets::mac_at(sent, 0), mac_of(254));
+        }
+    }
+    const bytes lying = cut(packet(answer), 51, false);
+    EXPECT_EQ(forwarded(lying), bytes());
+    EXPECT_EQ(stats().err, 1U);
+}
+
+TEST_F(Ipv6NatTest, FragmentsOfEitherWayMakeAWholeSegment)
+{
+    ASSERT_ADDED(make_natserver(C, NATSERVER, R));
+    ASSERT_FALSE(forwarded(packet({.src = CLIENT, .dport = 443})).empty());
+    const struct {
+        packet6 packet;
+        const char *becomes;
+    } rows[] = {
+        {{.src = CLIENT, .dport = 443, .flags = ACK, .payload = 3001},
+         "2001:db8:1::200 1025 > 2001:db8:2::11 443 0"},
+        {{.src = NATSERVER, .dst = R, .sport = 443, .dport = 1025, .payload = 3001},
+         "2001:db8::100 443 > 2001:db8:9::1 40000 0"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.becomes);
+        auto frames = packets::fragments6(row.packet, 0xABCD1234);
+        std::reverse(frames.begin(), frames.end());
+        bytes whole = packet(row.packet);
+        std::size_t got = 0;
+        for (const bytes &frame : frames) {
+            EXPECT_NE(fake::receive(frame), LB_PACKETRC_INTACT);
+            for (const auto &sent : fake::take_sent()) {
+                const bytes &f = sent.bytes;
+                const std::size_t at = packets::get16(f, IP6 + 2) & 0xFFF8U;
+                std::copy(f.begin() + ETH + 8, f.begin() + IP6, whole.begin() + ETH + 8);
+                std::copy(f.begin() + IP6 + 8, f.end(),
+                          whole.begin() + static_cast<long>(IP6 + at));
+                got += f.size() - IP6 - 8;
+            }
+        }
+        EXPECT_EQ(got, whole.size() - IP6);
+        EXPECT_EQ(ends(whole), row.becomes);
+    }
+}
+
+// --- Both versions -------------------------------------------------------------------------------
+
+TEST_F(Ipv6NatTest, APacketNeverLeavesHalfWayToTheOtherVersion)
+{
+    constexpr const char *C4 = "10.0.0.100";
+    ASSERT_ADDED(add_cluster(C4));
+    ASSERT_ADDED(add_port(C4, 443, LBSEL_ALGORIGHM_CONNECTION));
+    const bytes six = packet({.src = CLIENT, .dport = 443});
+    const bytes four = packets::build(packets::packet{.dport = 443});
+    lbsrv_setable_t tunnel{};
+    tunnel.weight = 1;
+    tunnel.encapmtu = 1500;
+    tunnel.encapsrcip = stack::ip("10.0.0.1");
+    tunnel.encapflags = LBSRV_ENCAPFLAG_ENCAPSULATE;
+    const auto add_tunnel = [&](const char *cluster, const char *server, lb_u8_t type) {
+        tunnel.encapflags = static_cast<lb_u8_t>(LBSRV_ENCAPFLAG_ENCAPSULATE | type);
+        return add_server(cluster, 443, server, tunnel);
+    };
+    const struct {
+        const char *name;
+        const char *cluster;
+        const char *server;
+        std::function<int(const char *cluster, const char *server)> add;
+        int hw; // where it is forwarded to; -1 for an error
+    } rows[] = {
+        {"IPv6 to an IPv4 neighbour", C, "10.0.0.21",
+         [this](auto *c, auto *s) { return add_server(c, 443, s); }, 21},
+        {"IPv4 to an IPv6 neighbour", C4, "2001:db8::21",
+         [this](auto *c, auto *s) { return add_server(c, 443, s); }, 21},
+        {"NAT to IPv4", C, "10.2.0.11",
+         [this](auto *c, auto *s) { return make_natserver(c, s, R); }, -1},
+        {"NAT from IPv4", C, NATSERVER,
+         [this](auto *c, auto *s) { return make_natserver(c, s, "10.1.0.200"); }, -1},
+        {"NAT of IPv4 to IPv6", C4, NATSERVER,
+         [this](auto *c, auto *s) { return make_natserver(c, s, R); }, -1},
+        {"GRE to IPv4", C, "10.0.0.21",
+         [&](auto *c, auto *s) { return add_tunnel(c, s, LBSRV_ENCAPTYPE_GRE); }, -1},
+        {"IPIP to IPv6", C, S,
+         [&](auto *c, auto *s) { return add_tunnel(c, s, LBSRV_ENCAPTYPE_IPIP); }, -1},
+        {"IPIP of IPv4 to IPv6", C4, S,
+         [&](auto *c, auto *s) { return add_tunnel(c, s, LBSRV_ENCAPTYPE_IPIP); }, -1},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(row.add(row.cluster, row.server), LBCMD_RC_SUCCESS);
+        meet(row.server, 21);
+        const bytes &frame = row.cluster == C ? six : four;
+        const bytes sent = forwarded(frame);
+        const lb_proto_stats_t counted = get_server(row.cluster, 443, row.server).getable.ipstats;
+        EXPECT_EQ(counted.err, row.hw < 0 ? 1U : 0U);
+        EXPECT_EQ(counted.fwd, row.hw < 0 ? 0U : 1U);
+        if (row.hw < 0) {
+            EXPECT_EQ(sent, bytes());
+        } else {
+            ASSERT_EQ(sent.size(), frame.size());
+            EXPECT_EQ(sent[5], row.hw);
+            EXPECT_EQ(packets::get16(sent, 12), packets::get16(frame, 12));
+        }
+        EXPECT_EQ(rm_server(row.cluster, 443, row.server), LBCMD_RC_SUCCESS);
+    }
+}
+
+// --- Multicast -----------------------------------------------------------------------------------
+
+TEST_F(Ipv6NatTest, GroupsAreJoinedWhereTheAddressIsReachedInWhateverOrder)
+{
+    constexpr const char *X = "2001:db8:7::100";
+    constexpr const char *RX = "2001:db8:7::200";
+    lbifin_setable_t noarp = stack::ethernet(2);
+    noarp.arp = LBIFIN_YN_NO;
+    const auto arp = [&](bool on) {
+        return set_interface("eth1", on ? stack::ethernet(2) : noarp);
+    };
+    const auto net = [this](const char *name) { return add_ifaddr(name, "2001:db8:7::1/64"); };
+    const auto rmnet = [this](const char *name) { return rm_ifaddr(name, "2001:db8:7::1/64"); };
+    const struct {
+        const char *name;
+        std::function<int()> step;
+        const char *changes; // to the host's memberships
+    } rows[] = {
+        {"a cluster without an interface", [&] { return add_cluster(X); }, ""},
+        {"goes as it came", [&] { return rm_cluster(X); }, ""},
+        {"again, and", [&] { return add_cluster(X); }, ""},
+        {"ARP off", [&] { return arp(false); }, ""},
+        {"the address appears", [&] { return net("eth1"); }, ""},
+        {"ARP on", [&] { return arp(true); }, "+eth1 100 "},
+        {"ARP on again", [&] { return arp(true); }, ""},
+        {"ARP off again", [&] { return arp(false); }, "-eth1 100 "},
+        {"no address", [&] { return rmnet("eth1"); }, ""},
+        {"another interface", [&] { return net("eth0"); }, "+eth0 100 "},
+        {"both, the first holds", [&] { return arp(true), net("eth1"); }, ""},
+        {"it moves", [&] { return rmnet("eth0"); }, "-eth0 100 +eth1 100 "},
+        {"a return address", [&] { return make_natserver(C, NATSERVER, RX); }, "+eth1 200 "},
+        {"shared", [&] { return make_natserver(C, "2001:db8:2::12", RX); }, ""},
+        {"by one", [&] { return rm_server(C, 443, NATSERVER); }, ""},
+        {"the last address", [&] { return rmnet("eth1"); }, "-eth1 100 -eth1 200 "},
+        {"back", [&] { return net("eth1"); }, "+eth1 100 +eth1 200 "},
+        {"by none", [&] { return rm_server(C, 443, "2001:db8:2::12"); }, "-eth1 200 "},
+        {"the cluster goes", [&] { return rm_cluster(X); }, "-eth1 100 "},
+        {"and is freed", [] { return tick(4), LBCMD_RC_SUCCESS; }, ""},
+        {"IPv4", [&] { return add_cluster("10.0.0.100"); }, ""},
+    };
+    std::size_t seen = fake::memberships().size();
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(row.step(), LBCMD_RC_SUCCESS);
+        std::string changes;
+        const auto all = fake::memberships();
+        for (; seen < all.size(); seen++) {
+            const std::string ip = packets::ip6_at(all[seen].ip6, 0);
+            changes += (all[seen].join ? "+" : "-") + all[seen].ifname + " " +
+                       ip.substr(ip.size() - 3) + " ";
+        }
+        EXPECT_EQ(changes, row.changes);
+    }
+}
+
+} // namespace
