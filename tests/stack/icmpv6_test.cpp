@@ -1,0 +1,516 @@
+// ICMPv6 in and out: solicitations for our addresses are answered byte by byte, neighbours are
+// asked and learnt over IPv6, errors about servers' answers reach the servers, echo requests go
+// round, and the errors that the stack sends say what they must. Frames are cut at every length;
+// the fake host sees to it that nothing is read beyond.
+#include "lb_icmpv6.h"
+#include "lb_neigh.h"
+
+#include "neighbours6.h"
+#include "stack_fixture.h"
+
+namespace
+{
+
+using packets::bytes;
+using packets::ETH;
+using packets::icmp6;
+using packets::IP6;
+using packets::mac;
+using packets::neighbour;
+using packets::packet6;
+using packets::TCP;
+
+constexpr const char *C = "2001:db8::100";
+constexpr const char *OWN = "2001:db8::1";
+constexpr const char *ASKER = "2001:db8::50";
+constexpr const char *SERVER = "2001:db8::11";
+constexpr const char *RETURN = "2001:db8::1:2:3";
+constexpr const char *ALLNODES = "ff02::1";
+constexpr mac OWNHW = packets::mac_of(1);
+constexpr mac ASKERHW = packets::mac_of(0x50);
+constexpr mac SERVERHW = packets::mac_of(11);
+constexpr mac ALLNODESHW = {0x33, 0x33, 0, 0, 0, 1};
+
+bytes solicitation(const std::string &src, std::uint8_t option = 1, mac hw = ASKERHW,
+                   const std::string &target = C)
+{
+    neighbour n = {.target = target, .option = option, .hw = hw};
+    n.outer.src = src;
+    return build(n);
+}
+
+// What the stack sends from OWNHW: a solicitation of its own address, an answer, an announcement.
+bytes sent_by_us(std::uint8_t type, std::uint32_t flags, const std::string &src,
+                 const std::string &dst, const mac &ethdst, const std::string &target)
+{
+    return build(neighbour{
+        .type = type,
+        .flags = flags,
+        .target = target,
+        .option = static_cast<std::uint8_t>(type - 134),
+        .hw = OWNHW,
+        .outer = {.src = src, .dst = dst, .hops = 255, .ethdst = ethdst, .ethsrc = OWNHW}});
+}
+bytes answer_to(const std::string &asker, const mac &hw, const std::string &target = C)
+{
+    return sent_by_us(136, 0x60000000, target, asker, hw, target);
+}
+bytes announcement(const std::string &target = C)
+{
+    return sent_by_us(136, 0x20000000, target, ALLNODES, ALLNODESHW, target);
+}
+
+bytes advertisement(const std::string &target = SERVER, const mac &hw = SERVERHW,
+                    std::uint8_t option = 2, const mac &ethsrc = SERVERHW)
+{
+    return build(neighbour{.type = 136,
+                           .flags = 0x60000000,
+                           .target = target,
+                           .option = option,
+                           .hw = hw,
+                           .outer = {.src = target, .dst = OWN, .hops = 255, .ethsrc = ethsrc}});
+}
+
+// Cuts what follows the IPv6 header to `len` bytes; `honest` makes the header and the checksum say
+// so.
+bytes cut(bytes frame, std::size_t len, bool honest)
+{
+    frame.resize(IP6 + len);
+    if (honest) {
+        packets::put16(frame, ETH + 4, static_cast<std::uint16_t>(len));
+    }
+    if (honest && len >= 4) {
+        packets::mend6(frame);
+    }
+    return frame;
+}
+
+bytes with(bytes frame, std::size_t at, std::uint8_t value)
+{
+    frame.at(at) = value;
+    return frame;
+}
+
+class Icmpv6Test : public StackTest
+{
+  protected:
+    void SetUp() override
+    {
+        StackTest::SetUp();
+        set_executor_log_mask(LB_LOG_FORWARDED | LB_LOG_DISCARDED | LB_LOG_PKTERROR | LB_LOG_IPV6 |
+                              LB_LOG_ICMPV6);
+        ASSERT_ADDED(add_interface("eth0", stack::ethernet(1)));
+        ASSERT_ADDED(add_ifaddr("eth0", std::string(OWN) + "/64"));
+        ASSERT_ADDED(add_cluster(C));
+        const auto sent = fake::take_sent();
+        ASSERT_EQ(sent.size(), 1U);
+        EXPECT_EQ(sent[0].bytes, announcement());
+        EXPECT_EQ(sent[0].ifname, "eth0");
+        EXPECT_EQ(sent[0].ipver, 6);
+    }
+
+    int make_port(lb_u16_t port, lb_u8_t algorithm)
+    {
+        return add_port(C, port, algorithm, algorithm);
+    }
+    int make_server(lb_u16_t port, int last)
+    {
+        const std::string addr = "2001:db8::" + std::to_string(last);
+        const int rc = add_server(C, port, addr);
+        fake::receive(packets::advertisement(addr, static_cast<std::uint8_t>(last)));
+        (void)fake::take_sent();
+        return rc;
+    }
+    static lbneigh_obj_t *neigh(const std::string &addr = SERVER)
+    {
+        const lbip_addr_t key = stack::ip(addr);
+        return lbneigh_lookup(&key);
+    }
+    static mac known(const std::string &addr = SERVER)
+    {
+        const lbeth_addr_align_t eaddr = lb_peek(neigh(addr)->eaddr);
+        mac out;
+        std::copy(eaddr.b, eaddr.b + 6, out.begin());
+        return out;
+    }
+    static lb_proto_stats_t stats() { return lbexecutor->getable.icmpv6stats; }
+
+    // The host gets the frame as it came, and nothing is sent.
+    static void expect_left_to_host(const bytes &frame)
+    {
+        fake::frame buffer{};
+        EXPECT_EQ(fake::receive_into(buffer, frame.data(), frame.size()), LB_PACKETRC_INTACT);
+        EXPECT_TRUE(std::equal(frame.begin(), frame.end(), buffer.bytes()));
+        EXPECT_TRUE(fake::take_sent().empty());
+    }
+    static void expect_answered(const bytes &frame, const bytes &expected)
+    {
+        EXPECT_EQ(fake::receive(frame), LB_PACKETRC_CONSUMED);
+        const auto sent = fake::take_sent();
+        ASSERT_EQ(sent.size(), 1U);
+        EXPECT_EQ(sent[0].bytes, expected);
+        EXPECT_EQ(sent[0].ifname, "eth0");
+        EXPECT_EQ(sent[0].ipver, 6);
+    }
+    // The packet is dropped under the label, and counted with both protocols and the cluster.
+    void expect_dropped(const bytes &frame, const char *label, bool aserror = false)
+    {
+        const auto counter = aserror ? &lb_proto_stats_t::err : &lb_proto_stats_t::discard;
+        const auto counted = [&] {
+            const auto &executor = lbexecutor->getable;
+            return std::array<lb_u32_t, 3>{executor.ipv6stats.*counter, stats().*counter,
+                                           get_cluster(C).getable.icmpstats.*counter};
+        };
+        auto expected = counted();
+        for (lb_u32_t &count : expected) {
+            count++;
+        }
+        fake::log_clear();
+        EXPECT_EQ(fake::receive(frame), LB_PACKETRC_CONSUMED);
+        EXPECT_TRUE(fake::take_sent().empty());
+        EXPECT_TRUE(fake::log_contains(std::string(" ") + label + "\n"));
+        EXPECT_EQ(counted(), expected);
+    }
+    // Sends a message for the cluster: the last byte of the station that got it as it was but for
+    // one hop, or -1.
+    static int sent_to(bytes frame)
+    {
+        EXPECT_EQ(fake::receive(frame), LB_PACKETRC_CONSUMED);
+        const auto sent = fake::take_sent();
+        if (sent.size() != 1) {
+            return -1;
+        }
+        frame[ETH + 7]--;
+        EXPECT_EQ(bytes(sent[0].bytes.begin() + ETH, sent[0].bytes.end()),
+                  bytes(frame.begin() + ETH, frame.end()));
+        return sent[0].bytes[5];
+    }
+};
+
+// --- Solicitations -------------------------------------------------------------------------------
+
+TEST_F(Icmpv6Test, SolicitationsForAClusterAreAnswered)
+{
+    ASSERT_ADDED(make_port(80, LBSEL_ALGORIGHM_HASH));
+    ASSERT_ADDED(make_server(80, 11));
+    ASSERT_ADDED(add_server(C, 80, "2001:db8::12")); // which says nothing of itself
+    lbsrv_addable_t nat{};
+    nat.nat = 1;
+    nat.returnaddress = stack::ip(RETURN);
+    nat.routeraddress = stack::ip(SERVER);
+    ASSERT_ADDED(add_server(C, 80, "2001:db8:2::11", lbsrv_setable_t{}, nat));
+    (void)fake::take_sent();
+    neighbour behind;
+    behind.outer.exts = {packets::padding(packets::HOPOPTS), packets::padding(packets::DSTOPTS, 1)};
+    neighbour bare = behind;
+    bare.option = 0;
+    bytes padded = solicitation(ASKER, 0);
+    padded.resize(padded.size() + 8, 0xEE); // which the payload length leaves out
+    const struct {
+        const char *name;
+        bytes frame, answer;
+    } rows[] = {
+        {"with its address", solicitation(ASKER), answer_to(ASKER, ASKERHW)},
+        {"another address than the frame's", solicitation(ASKER, 1, packets::mac_of(0x51)),
+         answer_to(ASKER, packets::mac_of(0x51))},
+        {"for a return address", solicitation(ASKER, 1, ASKERHW, RETURN),
+         answer_to(ASKER, ASKERHW, RETURN)},
+        {"link-local", solicitation("fe80::50"), answer_to("fe80::50", ASKERHW)},
+        {"behind extension headers", build(behind), answer_to(ASKER, ASKERHW)},
+        {"no option", solicitation(ASKER, 0), answer_to(ASKER, ASKERHW)},
+        {"no option, as long as one with", build(bare), answer_to(ASKER, ASKERHW)},
+        {"no option, bytes behind the packet", padded, answer_to(ASKER, ASKERHW)},
+        {"no option, a neighbour", solicitation(SERVER, 0), answer_to(SERVER, SERVERHW)},
+        {"no option, a neighbour not met", solicitation("2001:db8::12", 0),
+         answer_to("2001:db8::12", ASKERHW)},
+        {"detection of duplicates", solicitation("::", 0), announcement()},
+        {"detection with a nonce", solicitation("::", 14, packets::BROADCAST), announcement()},
+    };
+    const lb_proto_stats_t before = stats();
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        expect_answered(row.frame, row.answer);
+    }
+    EXPECT_EQ(stats().in - before.in, std::size(rows));
+    EXPECT_EQ(stats().gen - before.gen, std::size(rows));
+    EXPECT_EQ(stats().err + stats().discard, before.err + before.discard);
+}
+
+TEST_F(Icmpv6Test, SolicitationsThatAreNotAnswered)
+{
+    lbifin_setable_t silent = stack::ethernet(2);
+    silent.arp = LBIFIN_YN_NO;
+    ASSERT_ADDED(add_interface("noarp", silent));
+    ASSERT_ADDED(add_ifaddr("noarp", "2001:db8:8::1/64"));
+    (void)fake::take_sent();
+    ASSERT_ADDED(add_cluster("2001:db8:8::100"));
+    ASSERT_ADDED(add_cluster("2001:db8:9::100"));
+    EXPECT_TRUE(fake::take_sent().empty()) << "announced where nobody asks";
+    const bytes good = solicitation(ASKER);
+    bytes lying = good; // its checksum is right for the bytes that are there
+    packets::put16(lying, ETH + 4, 33);
+    const lbicmpv6_hdr_t *message = lb_view<lbicmpv6_hdr_t>(lying.data() + IP6, 32);
+    packets::put16(lying, IP6 + 2,
+                   lbicmpv6_csum(lb_view<lbipv6_hdr_t>(lying.data() + ETH, 72), 72, message));
+    enum outcome { NOTHING, DISCARD, ERROR };
+    const struct {
+        const char *name;
+        bytes frame;
+        outcome counted;
+        const char *message;
+    } rows[] = {
+        {"another target", solicitation(ASKER, 1, ASKERHW, "2001:db8::77"), NOTHING, ""},
+        {"no ARP", solicitation(ASKER, 1, ASKERHW, "2001:db8:8::100"), NOTHING, ""},
+        {"no interface", solicitation(ASKER, 1, ASKERHW, "2001:db8:9::100"), NOTHING, ""},
+        {"a group's address", solicitation(ASKER, 1, ALLNODESHW), NOTHING, ""},
+        {"no address", solicitation(ASKER, 1, mac{}), NOTHING, ""},
+        {"an advertisement of ours", build(neighbour{.type = 136, .option = 2}), NOTHING, ""},
+        {"checksum off by one", with(good, IP6 + 3, static_cast<std::uint8_t>(good[IP6 + 3] + 1)),
+         DISCARD, "icmpv6_pbuf_entry invalid checksum\n"},
+        {"checksum 0", with(with(good, IP6 + 2, 0), IP6 + 3, 0), DISCARD, "invalid checksum\n"},
+        {"longer than it came", lying, DISCARD, "invalid checksum\n"},
+        {"cut, and mended", cut(good, 23, true), ERROR, "packet too small: 63\n"},
+        {"a router's", packets::build(icmp6{.type = 134, .body = bytes(8)}), DISCARD,
+         "icmpv6_pbuf_entry OP uninteresting\n"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        fake::log_clear();
+        const lb_proto_stats_t before = stats();
+        expect_left_to_host(row.frame);
+        EXPECT_EQ(stats().discard - before.discard, row.counted == DISCARD ? 1U : 0U);
+        EXPECT_EQ(stats().err - before.err, row.counted == ERROR ? 1U : 0U);
+        EXPECT_TRUE(fake::log_contains(row.message));
+    }
+    fake::set_interface_unknown("eth0");
+    expect_left_to_host(good);
+}
+
+TEST_F(Icmpv6Test, CutAnywhereASolicitationIsReadNoFurther)
+{
+    const bytes good = solicitation(ASKER);
+    for (std::size_t len = 0; len < 32; len++) {
+        SCOPED_TRACE(len);
+        expect_left_to_host(cut(good, len, false));
+        if (len >= 24) { // without the option, or with a part of it, which is none
+            expect_answered(cut(good, len, true), answer_to(ASKER, ASKERHW));
+        } else {
+            expect_left_to_host(cut(good, len, true));
+        }
+    }
+}
+
+// --- Neighbours ----------------------------------------------------------------------------------
+
+TEST_F(Icmpv6Test, ANeighbourIsAskedVerifiedDeclaredDeadAndComesBack)
+{
+    constexpr const char *PEER = "2001:db8::1:2:3";
+    const bytes request =
+        sent_by_us(135, 0, OWN, "ff02::1:ff02:3", {0x33, 0x33, 0xFF, 0x02, 0x00, 0x03}, PEER);
+    const bytes verify = sent_by_us(135, 0, OWN, PEER, SERVERHW, PEER);
+    ASSERT_ADDED(make_port(80, LBSEL_ALGORIGHM_HASH));
+    (void)fake::take_sent();
+    std::string seen;
+    const auto look = [&](int half) {
+        for (const auto &frame : fake::take_sent()) {
+            seen += std::to_string(half / 2);
+            seen += frame.bytes == request ? "r " : frame.bytes == verify ? "v " : "? ";
+        }
+    };
+    ASSERT_ADDED(add_server(C, 80, PEER));
+    look(0);
+    fake::receive(advertisement(PEER));
+    EXPECT_EQ(lb_peek(neigh(PEER)->state), LBNEIGH_STATE_RXOK);
+    for (int half = 1; half <= 100; half++) {
+        tick_once();
+        look(half);
+    }
+    EXPECT_EQ(seen, "0r 10v 11r 12r 13r 14r 44r ");
+    EXPECT_EQ(lb_peek(neigh(PEER)->state), LBNEIGH_STATE_DEAD | LBNEIGH_STATEMOD_SERVERSDOWN);
+    fake::receive(advertisement(PEER));
+    EXPECT_EQ(lb_peek(neigh(PEER)->state), LBNEIGH_STATE_RXOK);
+}
+
+TEST_F(Icmpv6Test, WhatIsLearntAndWhatIsNot)
+{
+    constexpr mac OTHERHW = packets::mac_of(0x12);
+    ASSERT_ADDED(make_port(80, LBSEL_ALGORIGHM_HASH));
+    ASSERT_ADDED(make_server(80, 11));
+    neighbour relayed = {.type = 136, .target = SERVER, .option = 2, .hw = OTHERHW};
+    neighbour about = {.type = 136, .target = ASKER, .option = 2, .hw = OTHERHW};
+    about.outer.src = SERVER;
+    const bytes other = advertisement(SERVER, OTHERHW);
+    const struct {
+        const char *name;
+        bytes frame;
+        mac learnt;
+    } rows[] = {
+        {"advertisement", other, OTHERHW},
+        {"advertisement from elsewhere", build(relayed), OTHERHW},
+        {"solicitation", solicitation(SERVER, 1, OTHERHW, "2001:db8::77"), OTHERHW},
+        {"no option", advertisement(SERVER, OTHERHW, 0, OTHERHW), SERVERHW},
+        {"about another", build(about), SERVERHW},
+        {"a group's address", advertisement(SERVER, packets::BROADCAST), SERVERHW},
+        {"no address", advertisement(SERVER, mac{}), SERVERHW},
+        {"bad checksum", with(other, IP6 + 3, static_cast<std::uint8_t>(other[IP6 + 3] + 1)),
+         SERVERHW},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        fake::receive(advertisement());
+        ASSERT_EQ(known(), SERVERHW);
+        expect_left_to_host(row.frame);
+        EXPECT_EQ(known(), row.learnt);
+    }
+    EXPECT_EQ(neigh(ASKER), nullptr) << "strangers are not taken in";
+    ASSERT_ADDED(add_server(C, 80, "2001:db8::12"));
+    fake::receive(advertisement("2001:db8::12", mac{}, 0, OTHERHW));
+    EXPECT_EQ(known("2001:db8::12"), OTHERHW) << "whose it was that sent the frame";
+}
+
+// --- Errors about servers' answers, and echo -----------------------------------------------------
+
+packet6 answer_of(std::uint8_t proto = TCP, std::uint16_t port = 80)
+{
+    return {.src = C, .dst = ASKER, .sport = port, .dport = 40000, .proto = proto};
+}
+
+bytes error_about(const packet6 &quoted, std::uint8_t type = 1)
+{
+    return packets::build(
+        icmp6{.type = type, .body = packets::quote(quoted), .outer = {.src = "2001:db8:f::1"}});
+}
+
+bytes with_exts(packet6 quoted, const std::vector<packets::ext> &exts)
+{
+    quoted.exts = exts;
+    return error_about(quoted);
+}
+
+TEST_F(Icmpv6Test, ErrorsReachTheServerOfTheConnectionThatTheyQuote)
+{
+    using packets::padding;
+    ASSERT_ADDED(make_port(80, LBSEL_ALGORIGHM_CONNECTION));
+    for (const int server : {11, 12, 13}) {
+        ASSERT_ADDED(make_server(80, server));
+    }
+    fake::receive(packets::build(packet6{.sport = 39999}));
+    fake::receive(packets::build(packet6{.sport = 40000}));
+    const auto sent = fake::take_sent();
+    ASSERT_EQ(sent.size(), 2U);
+    const int server = sent[1].bytes[5];
+    const lb_proto_stats_t before = stats();
+    for (const std::uint8_t type : {1, 2, 3, 4}) {
+        EXPECT_EQ(sent_to(error_about(answer_of(), type)), server);
+    }
+    EXPECT_EQ(stats().fwd - before.fwd, 4U);
+    EXPECT_EQ(
+        sent_to(with_exts(answer_of(), {padding(packets::HOPOPTS), padding(packets::ROUTING, 2),
+                                        padding(packets::DSTOPTS)})),
+        server);
+    EXPECT_EQ(sent_to(with_exts(answer_of(), {packets::fragment(1, 1)})), server);
+    icmp6 behind = {.body = packets::quote(answer_of())};
+    behind.outer.exts = {padding(packets::DSTOPTS, 3)};
+    EXPECT_EQ(sent_to(packets::build(behind)), server);
+
+    const bytes good = error_about(answer_of());
+    constexpr std::size_t QUOTED = IP6 + 8;
+    const struct {
+        const char *name;
+        bytes frame;
+        const char *label;
+        bool aserror;
+        const char *message;
+    } rows[] = {
+        {"another port", error_about(answer_of(TCP, 81)), "icmp-no-port-match", false, ""},
+        {"no connection", error_about({.src = C, .dst = ASKER, .sport = 80, .dport = 7}),
+         "no-existing-record", false, ""},
+        {"quoted later fragment", with_exts(answer_of(), {packets::fragment(1, 0x10)}), "proto",
+         false, "Original packet is fragmented and this is not the first fragment\n"},
+        {"quoted ICMPv6", error_about(answer_of(packets::ICMP6)), "proto", false, ""},
+        {"quoted nothing", error_about(answer_of(packets::NONEXT)), "proto", false,
+         "Error parsing ipv6 extension headers\n"},
+        {"quoted chain that does not end", with(with(good, QUOTED + 6, 60), QUOTED + 41, 255),
+         "proto", false, "Error parsing ipv6 extension headers\n"},
+        {"quoted version 4", with(good, QUOTED, 0x45), "badinput", true, ""},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        expect_dropped(row.frame, row.label, row.aserror);
+        EXPECT_TRUE(fake::log_contains(row.message));
+    }
+    for (std::size_t len = 8; len < 8 + 44; len++) { // the quoted ports are its last bytes
+        SCOPED_TRACE(len);
+        expect_dropped(cut(good, len, true), "badinput", true);
+        expect_dropped(cut(good, len, false), "badinput", true);
+    }
+    EXPECT_EQ(sent_to(cut(good, 8 + 44, true)), server);
+}
+
+TEST_F(Icmpv6Test, EchoGoesRoundAndTheHostKeepsItsOwn)
+{
+    const bytes ping = packets::build(icmp6{.type = 128, .body = bytes(32, 'x')});
+    expect_dropped(ping, "icmp-no-ports");
+    ASSERT_ADDED(make_port(80, LBSEL_ALGORIGHM_CONNECTION));
+    ASSERT_ADDED(make_port(443, LBSEL_ALGORIGHM_HASH));
+    ASSERT_ADDED(make_server(80, 11));
+    ASSERT_ADDED(make_server(80, 12));
+    ASSERT_ADDED(make_server(443, 13));
+    for (const int server : {13, 11, 13, 12, 13, 11}) {
+        EXPECT_EQ(sent_to(ping), server);
+    }
+    EXPECT_EQ(stats().fwd, 6U);
+    EXPECT_EQ(get_cluster(C).getable.icmpstats.fwd, 6U);
+    const lb_proto_stats_t before = stats();
+    icmp6 own = {.type = 128, .outer = {.dst = OWN}};
+    expect_left_to_host(packets::build(own));
+    own = {.type = 1, .body = packets::quote(answer_of()), .outer = {.dst = OWN}};
+    expect_left_to_host(packets::build(own));
+    EXPECT_EQ(stats().discard, before.discard);
+    icmp6 later = {.type = 128, .body = bytes(32)};
+    later.outer.exts = {packets::fragment(1, 0x10)};
+    expect_left_to_host(packets::build(later));
+    EXPECT_EQ(stats().discard - before.discard, 1U);
+    packets::packet other = {.dst = "10.0.0.1", .proto = packets::ICMP6};
+    expect_left_to_host(packets::build(other));
+    EXPECT_EQ(stats().in - before.in, 3U) << "ICMPv6 in IPv4 is none";
+}
+
+// --- Errors that are sent ------------------------------------------------------------------------
+
+TEST_F(Icmpv6Test, ErrorsSayWhatTheyMustAndTheirCodeIsZero)
+{
+    bytes data(1232, 'd');
+    lbip_addr_t asker = stack::ip(ASKER);
+    const auto toolong = [&data](lbip_addr_t *to) {
+        return lbicmpv6_packet2long(to, 4, 0x10000 + 1280, data.data(), 1232);
+    };
+    (void)fake::take_sent();
+    EXPECT_EQ(toolong(&asker), 0);
+    EXPECT_EQ(lbicmpv6_timeexceeded(&asker, 1, data.data(), 60), 0);
+    const auto sent = fake::take_sent();
+    ASSERT_EQ(sent.size(), 2U);
+    bytes expected = {2, 0, 0, 0, 0, 1, 5, 0};
+    expected.insert(expected.end(), data.begin(), data.end());
+    EXPECT_EQ(sent[0].bytes, expected);
+    expected = {3, 0, 0, 0, 0, 0, 0, 0};
+    expected.resize(8 + 60, 'd');
+    EXPECT_EQ(sent[1].bytes, expected);
+    for (const auto &frame : sent) {
+        EXPECT_EQ(frame.how, fake::via::raw6);
+        EXPECT_EQ(frame.protocol, packets::ICMP6);
+        EXPECT_EQ(packets::ip6_at(frame.dest, 0), ASKER);
+    }
+    EXPECT_TRUE(fake::log_contains("icmp(v6) packet2long packet sent with 1232 bytes of data.\n"));
+    EXPECT_TRUE(fake::log_contains("icmp(v6) time_ exceeded packet sent with 60 bytes of data.\n"));
+
+    for (const char *nobody : {"::", "ff02::1", "10.0.0.1"}) {
+        lbip_addr_t to = stack::ip(nobody);
+        EXPECT_EQ(toolong(&to), 0);
+    }
+    fake::fail(fake::op::alloc, 1);
+    EXPECT_EQ(toolong(&asker), 0);
+    EXPECT_TRUE(fake::take_sent().empty());
+}
+
+} // namespace
