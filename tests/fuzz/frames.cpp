@@ -9,6 +9,7 @@
 #include <algorithm>
 
 #include "fake_host.h"
+#include "frames6.h"
 #include "packets.h"
 
 namespace fuzz
@@ -19,64 +20,87 @@ namespace
 
 constexpr std::size_t ETH = packets::ETH;
 constexpr int ETH_IPV4 = 0x0800;
+constexpr int ETH_IPV6 = 0x86DD;
 constexpr int ETH_ARP = 0x0806;
 constexpr std::size_t ARP_FRAME = 42;
 constexpr std::size_t ICMP_HEADER = 8;
 constexpr lb_u64_t HELD_FRAMES = 16; // so few that some find no room
 
-// What a line of the log says about the way of a frame.
+// What a line of the log says about the way of a frame of one IP version, or of either.
+enum version : unsigned { V4 = 1, V6 = 2, BOTH = V4 | V6 };
 struct label {
     const char *text;
     const char *place;
+    version versions;
 };
 constexpr label LABELS[] = {
-    {"arp_entry packet too small", "ARP: too short"},
-    {"arp_entry not ether", "ARP: other hardware or protocol"},
-    {"arp_entry hwlen", "ARP: other hardware length"},
-    {"arp_entry OP", "ARP: other operation"},
-    {"neigh update on reply", "ARP: reply of a neighbour"},
-    {"request is for a *target*", "ARP: request of a neighbour"},
-    {"not in neigh table", "ARP: reply of a stranger"},
-    {"request for a *cluster*", "ARP: request for the cluster"},
-    {"request not for cluster", "ARP: request for others"},
-    {"no station's", "ARP: group address not learnt"},
-    {"dIP sP:dP ERROR badinput", "IPv4: bad header"},
-    {"10.0.0.100 sP:dP ERROR badinput", "ICMP: for the cluster, can't be read"},
-    {"10.0.0.1 sP:dP ERROR badinput", "ICMP: about a tunnel, can't be read"},
-    {"icmp-unhandled-type", "ICMP: other type"},
-    {"this is not the first fragment", "ICMP: quotes a later fragment"},
-    {"icmp-no-port-match", "ICMP: quotes an unknown port"},
-    {"no-existing-record", "ICMP: quotes no connection"},
-    {"icmp-no-servers", "ICMP: echo, no server"},
-    {"icmp-fwd", "ICMP: echo to a server"},
-    {"reset server encapmtu", "ICMP: about a tunnel, too long"},
-    {"server marked as unreachable", "ICMP: about a tunnel, unreachable"},
-    {"badip4chksum", "IPv4: bad checksum"},
-    {"frag-discard-norecord", "fragment: no room to hold it"},
-    {"frag-fwd", "fragment: after its first"},
-    {"forward-saved-frag", "fragment: held until its first"},
-    {"DISCARD proto", "IP: other protocol for the cluster"},
-    {"pullup failed", "TCP/UDP: header incomplete"},
-    {"not a lb port", "TCP/UDP: unknown port"},
-    {"no connection table", "choose: no table"},
-    {"no affinity table", "choose: no table"},
-    {"no connection or affinity table", "choose: no table"},
-    {"hash-no-servers", "choose: no server"},
-    {"hash-fwd", "choose: a server"},
-    {"send-failure", "send: total length or route"},
-    {"forwarded packet success", "send: forwarded"},
-    {"Collocated forwarded packet success", "send: to this host"},
-    {"got nat port", "NAT: a connection"},
-    {"NAT return : copying hw address", "NAT: an answer"},
-    {"CR not found in NAT return path", "NAT: an answer to nobody"},
-    {"nat-return-badinput", "NAT: an answer that can't be read"},
-    {"time exceeded packet sent", "send: time exceeded"},
-    {"Destination unreachable packet", "send: too long for the link"},
+    {"arp_entry packet too small", "ARP: too short", V4},
+    {"arp_entry not ether", "ARP: other hardware or protocol", V4},
+    {"arp_entry hwlen", "ARP: other hardware length", V4},
+    {"arp_entry OP", "ARP: other operation", V4},
+    {"neigh update on reply", "neighbour: its reply", BOTH},
+    {"request is for a *target*", "neighbour: its request", BOTH},
+    {"not in neigh table", "neighbour: a stranger's reply", BOTH},
+    {"request for a *cluster*", "neighbour: request for the cluster", BOTH},
+    {"request for a *return address*", "neighbour: request for a return address", BOTH},
+    {"request not for cluster", "neighbour: request for others", BOTH},
+    {"no station's", "neighbour: group address not learnt", BOTH},
+    {"dIP sP:dP ERROR badinput", "IP: bad header", BOTH},
+    {"dIP sP:dP DISCARD proto", "IP: no upper layer", V6},
+    {"icmpv6_pbuf_entry packet too small", "ICMP: too short", V6},
+    {"icmpv6_pbuf_entry invalid checksum", "ICMP: bad checksum", V6},
+    {"icmpv6_pbuf_entry OP uninteresting", "ICMP: other type", V6},
+    {"10.0.0.100 sP:dP ERROR badinput", "ICMP: for the cluster, can't be read", V4},
+    {":100 sP:dP ERROR badinput", "ICMP: for the cluster, can't be read", V6},
+    {"10.0.0.1 sP:dP ERROR badinput", "ICMP: about a tunnel, can't be read", V4},
+    {"icmp-unhandled-type", "ICMP: other type", V4},
+    {"this is not the first fragment", "ICMP: quotes a later fragment", BOTH},
+    {"icmp-no-port-match", "ICMP: quotes an unknown port", BOTH},
+    {"no-existing-record", "ICMP: quotes no connection", BOTH},
+    {"icmp-no-servers", "ICMP: echo, no server", BOTH},
+    {"icmp-fwd", "ICMP: echo to a server", BOTH},
+    {"reset server encapmtu", "ICMP: about a tunnel, too long", V4},
+    {"server marked as unreachable", "ICMP: about a tunnel, unreachable", V4},
+    {"badip4chksum", "IP: bad checksum", V4},
+    {"frag-discard-norecord", "fragment: no room to hold it", BOTH},
+    {"frag-fwd", "fragment: after its first", BOTH},
+    {"forward-saved-frag", "fragment: held until its first", BOTH},
+    {"00 sP:dP DISCARD proto", "IP: other protocol for the cluster", BOTH},
+    {"pullup failed", "TCP/UDP: header incomplete", BOTH},
+    {"not a lb port", "TCP/UDP: unknown port", BOTH},
+    {"no connection table", "choose: no table", V4},
+    {"no affinity table", "choose: no table", V4},
+    {"no connection or affinity table", "choose: no table", V4},
+    {"hash-no-servers", "choose: no server", BOTH},
+    {"hash-fwd", "choose: a server", BOTH},
+    {"send-failure", "send: total length or route", BOTH},
+    {"forwarded packet success", "send: forwarded", BOTH},
+    {"Collocated forwarded packet success", "send: to this host", BOTH},
+    {"got nat port", "NAT: a connection", BOTH},
+    {"NAT return : copying hw address", "NAT: an answer", BOTH},
+    {"CR not found in NAT return path", "NAT: an answer to nobody", BOTH},
+    {"nat-return-badinput", "NAT: an answer that can't be read", BOTH},
+    {"time exceeded packet sent", "send: time exceeded", V4},
+    {"time_ exceeded packet sent", "send: time exceeded", V6},
+    {"Destination unreachable packet", "send: too long for the link", V4},
+    {"packet2long packet sent", "send: too long for the link", V6},
 };
+
+// The places that no line tells of.
+constexpr const char *LINK_PLACES[] = {"link: no entry", "link: SLIP", "send: in a tunnel"};
+constexpr const char *COUNTED_PLACES[] = {"IP: others'", "ICMP: error to a server",
+                                          "fragment: held"};
+constexpr const char *OTHERS_ICMP = "IP: others' ICMP";
+constexpr const char *ALL_NODES = "IPv6 neighbour: all are told whose the address is";
+
+std::string place(const char *name, bool isv6)
+{
+    return isv6 ? std::string("IPv6 ") + name : name;
+}
 
 constexpr lb_u64_t COUNTING_MASK = LB_LOG_PKTERROR | LB_LOG_DISCARDED | LB_LOG_INTACT |
                                    LB_LOG_FORWARDED | LB_LOG_TCPUDP | LB_LOG_ARP | LB_LOG_NEIGH |
-                                   LB_LOG_ICMP | LB_LOG_SELECT;
+                                   LB_LOG_ICMP | LB_LOG_ICMPV6 | LB_LOG_IPV6 | LB_LOG_SELECT;
 
 bool is_prefix(const bytes &part, std::size_t from, const bytes &whole)
 {
@@ -129,6 +153,13 @@ bool is_tunnelled(const fake::sent_frame &out)
 // Whether a packet of this host's sends the packet that came on to a server or a client.
 bool is_sent_as(const fake::sent_frame &out, const bytes &ip)
 {
+    if (is_ipv6(ip)) {
+        const bytes packet(out.bytes.begin() + (out.has_eth ? ETH : 0), out.bytes.end());
+        const bool linked = out.how == fake::via::packet;
+        return (linked || out.how == fake::via::tun) &&
+               (is_hop_of6(packet, ip) || is_same_as6(packet, ip) ||
+                (linked && is_translation_of6(packet, ip)));
+    }
     if (is_tunnelled(out)) {
         const bytes gre = {0, 0, 8, 0};
         const std::size_t header = out.protocol == 47 ? gre.size() : 0;
@@ -144,9 +175,17 @@ bool is_sent_as(const fake::sent_frame &out, const bytes &ip)
             (ip[9] != packets::TCP && is_prefix(packet, 0, ip))); // NAT leaves these as they are
 }
 
+bool is_icmp_error(const fake::sent_frame &out)
+{
+    return out.how == fake::via::raw6 || (out.how == fake::via::raw4 && out.protocol == 1);
+}
+
 // Whether an ICMP error quotes the packet.
 bool is_about(const fake::sent_frame &out, const bytes &ip)
 {
+    if (is_ipv6(ip)) {
+        return is_error_about6(out, ip);
+    }
     return out.how == fake::via::raw4 && out.protocol == 1 && out.bytes.size() > ICMP_HEADER &&
            is_prefix(out.bytes, ICMP_HEADER, ip);
 }
@@ -154,12 +193,17 @@ bool is_about(const fake::sent_frame &out, const bytes &ip)
 } // namespace
 
 const std::vector<std::string> FRAME_PLACES = [] {
-    std::vector<std::string> places = {"link: no entry",   "link: IPv6",
-                                       "link: SLIP",       "IP: others'",
-                                       "IP: others' ICMP", "ICMP: error to a server",
-                                       "fragment: held",   "send: in a tunnel"};
-    for (const label &l : LABELS) {
-        places.emplace_back(l.place);
+    std::vector<std::string> places(std::begin(LINK_PLACES), std::end(LINK_PLACES));
+    places.insert(places.end(), {OTHERS_ICMP, ALL_NODES});
+    for (const bool isv6 : {false, true}) {
+        for (const char *name : COUNTED_PLACES) {
+            places.push_back(place(name, isv6));
+        }
+        for (const label &l : LABELS) {
+            if ((l.versions & (isv6 ? V6 : V4)) != 0) {
+                places.push_back(place(l.place, isv6));
+            }
+        }
     }
     return places;
 }();
@@ -191,7 +235,9 @@ void frame_feeder::feed(const bytes &frame, fake::link link)
     check_sent(received, link);
     world::require_unharmed();
     if (counting_) {
-        count(rc, link);
+        count(rc, link,
+              link != fake::link::slip && received.size() >= ETH &&
+                  packets::get16(received, 12) == ETH_IPV6);
     }
 }
 
@@ -199,7 +245,7 @@ void frame_feeder::feed(const bytes &frame, fake::link link)
 // until none is held.)
 bool frame_feeder::was_held(const fake::sent_frame &out)
 {
-    if (out.how == fake::via::raw4 && out.protocol == 1) {
+    if (is_icmp_error(out)) {
         return std::any_of(held_.begin(), held_.end(),
                            [&out](const bytes &ip) { return is_about(out, ip); });
     }
@@ -246,6 +292,10 @@ void frame_feeder::check_one(const bytes &frame, fake::link link, const fake::se
         require(is_sent_as(out, ip), "the packet was changed on its way");
         return;
     }
+    if (out.how == fake::via::raw6) {
+        require(is_error_about6(out, ip), "an ICMPv6 error about something else");
+        return;
+    }
     if (out.how == fake::via::raw4) {
         check_answer(ip, out.bytes);
         return;
@@ -256,10 +306,15 @@ void frame_feeder::check_one(const bytes &frame, fake::link link, const fake::se
                 "an ARP answer of the wrong length");
         return;
     }
+    if (is_advertisement_for(out, ip)) {
+        places_[ALL_NODES] += (out.bytes[0] & 1) != 0 ? 1 : 0;
+        return;
+    }
     const std::size_t outheader = out.has_eth ? ETH : 0;
     require(out.bytes.size() >= outheader + 20, "half a packet was sent");
     require(out.bytes.size() - outheader <= ip.size(), "sent longer than it came");
-    require(!out.has_eth || packets::get16(out.bytes, 12) == ETH_IPV4, "the type was changed");
+    require(!out.has_eth || packets::get16(out.bytes, 12) == (is_ipv6(ip) ? ETH_IPV6 : ETH_IPV4),
+            "the type is another version's");
     require(is_sent_as(out, ip), "the packet was changed on its way");
 }
 
@@ -271,22 +326,27 @@ void frame_feeder::check_answer(const bytes &ip, const bytes &message)
     require(packets::checksum(message, 0, message.size()) == 0, "a wrong ICMP checksum");
 }
 
-void frame_feeder::count(int rc, fake::link link)
+void frame_feeder::count(int rc, fake::link link, bool isv6)
 {
     places_["link: no entry"] += rc == fake::NOT_DISPATCHED ? 1 : 0;
-    places_["fragment: held"] += rc == LB_PACKETRC_HELD ? 1 : 0;
     places_["link: SLIP"] += link == fake::link::slip ? 1 : 0;
-    places_["link: IPv6"] = lb_peek(lbexecutor->getable.ipv6stats.in);
-    places_["IP: others'"] = lb_peek(lbexecutor->getable.ipv4stats.notforus) -
-                             lb_peek(lbexecutor->getable.icmpstats.notforus);
-    places_["IP: others' ICMP"] = lb_peek(lbexecutor->getable.icmpstats.notforus);
+    places_[place("fragment: held", isv6)] += rc == LB_PACKETRC_HELD ? 1 : 0;
     for (const std::string &line : fake::log_lines()) {
         for (const label &l : LABELS) {
-            places_[l.place] += line.find(l.text) != std::string::npos ? 1 : 0;
+            if ((l.versions & (isv6 ? V6 : V4)) != 0 && line.find(l.text) != std::string::npos) {
+                places_[place(l.place, isv6)]++;
+            }
         }
     }
-    places_["ICMP: error to a server"] =
-        lb_peek(lbexecutor->getable.icmpstats.fwd) - places_["ICMP: echo to a server"];
+    const lbexe_getable_t &stats = lbexecutor->getable;
+    const lb_u32_t others = lb_peek(stats.icmpstats.notforus);
+    places_[OTHERS_ICMP] = others;
+    places_["IP: others'"] = lb_peek(stats.ipv4stats.notforus) - others;
+    places_["IPv6 IP: others'"] = lb_peek(stats.ipv6stats.notforus);
+    const char *const echo = "ICMP: echo to a server";
+    places_["ICMP: error to a server"] = lb_peek(stats.icmpstats.fwd) - places_[place(echo, false)];
+    places_["IPv6 ICMP: error to a server"] =
+        lb_peek(stats.icmpv6stats.fwd) - places_[place(echo, true)];
     fake::log_clear();
 }
 
@@ -334,6 +394,12 @@ bytes frame_record(const bytes &frame, fake::link link)
 void mend_checksums(bytes &frame, fake::link link)
 {
     const std::size_t ip = link == fake::link::slip ? 0 : ETH;
+    if (ip != 0 && frame.size() > ip && packets::get16(frame, 12) == ETH_IPV6) {
+        bytes packet(frame.begin() + ETH, frame.end());
+        mend_checksum6(packet);
+        std::copy(packet.begin(), packet.end(), frame.begin() + ETH);
+        return;
+    }
     if (frame.size() < ip + 20 || (ip != 0 && packets::get16(frame, 12) != ETH_IPV4)) {
         return;
     }

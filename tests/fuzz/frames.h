@@ -32,7 +32,7 @@ class frame_feeder
     void check_one(const bytes &frame, fake::link link, const fake::sent_frame &out);
     bool was_held(const fake::sent_frame &out);
     void check_answer(const bytes &ip, const bytes &message);
-    void count(int rc, fake::link link);
+    void count(int rc, fake::link link, bool isv6);
 
     bool counting_;
     fake::worker worker_{};
@@ -42,12 +42,12 @@ class frame_feeder
 
 // One input of the fuzz target: records of a control byte, a length of two bytes (high first) and
 // as many bytes of frame. The control byte: bits 0 and 1 choose the link (2: SLIP, 3: no frame, but
-// the length is tenths of a second that pass); bit 2 has the IPv4 and inner checksums mended.
+// the length is tenths of a second that pass); bit 2 has the IP and inner checksums mended.
 // Afterwards the stack must still forward.
 void run_frames(world &stack, const std::uint8_t *data, std::size_t size);
 bytes frame_record(const bytes &frame, fake::link link);
 
-// Computes the checksums anew of what looks like IPv4, and of the TCP, UDP or ICMP within.
+// Computes the checksums anew of what looks like IPv4 or IPv6, and of the TCP, UDP or ICMP within.
 void mend_checksums(bytes &frame, fake::link link);
 
 } // namespace fuzz

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 namespace fuzz
 {
@@ -20,7 +21,8 @@ std::size_t below(rng &random, std::size_t bound)
 
 std::uint8_t interesting(rng &random)
 {
-    constexpr std::uint8_t VALUES[] = {0, 1, 2, 4, 5, 6, 7, 8, 10, 15, 16, 20, 64, 127, 128, 255};
+    constexpr std::uint8_t VALUES[] = {0,  1,  2,  4,  5,  6,  7,  8,  10,  15,  16, 17,
+                                       20, 43, 44, 47, 58, 59, 60, 64, 127, 128, 255};
     return VALUES[below(random, sizeof(VALUES))];
 }
 
@@ -51,7 +53,14 @@ void mutate_header(rng &random, bytes &frame)
     // last bytes of the addresses; the destination port. Or in ARP: types, lengths, operation.
     constexpr std::size_t FIELDS[] = {12, 13, 14, 14, 15, 16, 17, 18, 19, 20,
                                       21, 22, 23, 24, 25, 29, 33, 36, 37};
-    const std::size_t at = FIELDS[below(random, sizeof(FIELDS) / sizeof(FIELDS[0]))];
+    // In IPv6: EtherType; version; payload length; next header; hop limit; the last bytes of the
+    // addresses; then, with and without an extension header of 8 bytes: its next header, length and
+    // fragment offset, ports, or type, code and checksum; a target, and an option.
+    constexpr std::size_t FIELDS6[] = {12, 13, 14, 18, 19, 20, 20, 21, 37, 53, 54, 54, 55,
+                                       56, 57, 58, 62, 63, 64, 65, 66, 68, 77, 78, 80, 86};
+    const bool isv6 = frame.size() > 13 && frame[12] == 0x86 && frame[13] == 0xDD;
+    const std::size_t at = isv6 ? FIELDS6[below(random, std::size(FIELDS6))]
+                                : FIELDS[below(random, std::size(FIELDS))];
     if (at < frame.size()) {
         frame[at] =
             below(random, 2) == 0 ? interesting(random) : static_cast<std::uint8_t>(random());

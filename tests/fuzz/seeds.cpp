@@ -253,6 +253,7 @@ std::vector<seed> frame_seeds()
         arp("arp-request-of-server", 1, "10.0.0.11", "10.0.0.1"),
         arp("arp-reply-of-server", 2, "10.0.0.12", "10.0.0.1"),
         arp("arp-reply-of-stranger", 2, "10.0.0.200", "10.0.0.1"),
+        arp("arp-request-for-return-address", 1, "10.0.0.50", RETURN),
         arp("arp-other-operation", 3, "10.0.0.11", "10.0.0.1"),
         frame("tcp-unknown-port", to(9)),
         frame("udp-rotating", to(80, packets::UDP)),
@@ -270,6 +271,8 @@ std::vector<seed> frame_seeds()
     add_special_packets(seeds);
     add_icmp(seeds);
     add_ways(seeds);
+    const std::vector<seed> v6 = frame_seeds6();
+    seeds.insert(seeds.end(), v6.begin(), v6.end());
     return seeds;
 }
 

@@ -12,6 +12,7 @@ struct seed {
 };
 
 std::vector<seed> frame_seeds();
+std::vector<seed> frame_seeds6(); // of IPv6; frame_seeds() has them, too
 std::vector<seed> command_seeds();
 
 } // namespace fuzz

@@ -7,6 +7,8 @@
 
 #include <cstring>
 
+#include "neighbours6.h"
+
 namespace fuzz
 {
 
@@ -23,71 +25,93 @@ struct item {
     bytes set;
 };
 
-item port(lb_u16_t number, lb_u8_t tcp, lb_u8_t udp)
+item cluster(const std::string &addr)
 {
-    return {LBCMD_KEYTYPE_CONFIG, stack::cfgkey(CLUSTER, number), bytes_of(port_block(tcp, udp)),
+    return {LBCMD_KEYTYPE_CONFIG, stack::cfgkey(addr), bytes_of(lbclu_addable_t{}),
+            bytes_of(lbclu_setable_t{})};
+}
+
+item interface(const std::string &name, const lbifin_setable_t &set)
+{
+    return {LBCMD_KEYTYPE_IFACE, stack::ifacekey(name), {}, bytes_of(set)};
+}
+
+item address(const std::string &name, const std::string &addr, const std::string &peer = "")
+{
+    return {LBCMD_KEYTYPE_IFACE,
+            stack::ifacekey(name, addr),
+            {},
+            bytes_of(lbifaddr_setable_t{stack::ip(peer)})};
+}
+
+// The cluster of a server's own IP version.
+std::string cluster_of(const std::string &addr)
+{
+    return addr.find(':') == std::string::npos ? CLUSTER : CLUSTER6;
+}
+
+item port(lb_u16_t number, lb_u8_t tcp, lb_u8_t udp, const std::string &of = CLUSTER)
+{
+    return {LBCMD_KEYTYPE_CONFIG, stack::cfgkey(of, number), bytes_of(port_block(tcp, udp)),
             bytes_of(lbport_setable_t{})};
+}
+item port6(lb_u16_t number, lb_u8_t tcp)
+{
+    return port(number, tcp, LBSEL_ALGORIGHM_UDPRR, CLUSTER6);
+}
+
+// One whose settings are not the usual ones.
+item special(const std::string &of, lb_u16_t number, const std::string &addr,
+             const lbsrv_addable_t &add, const lbsrv_setable_t &set)
+{
+    return {LBCMD_KEYTYPE_CONFIG, stack::cfgkey(of, number, addr), bytes_of(add), bytes_of(set)};
 }
 
 item server(lb_u16_t number, const std::string &addr, lb_u16_t weight)
 {
-    return {LBCMD_KEYTYPE_CONFIG, stack::cfgkey(CLUSTER, number, addr), bytes_of(lbsrv_addable_t{}),
-            bytes_of(server_block(weight))};
+    return special(cluster_of(addr), number, addr, {}, server_block(weight));
 }
 
-// One whose settings are not the usual ones.
-item special(lb_u16_t number, const std::string &addr, const lbsrv_addable_t &add,
-             const lbsrv_setable_t &set)
-{
-    return {LBCMD_KEYTYPE_CONFIG, stack::cfgkey(CLUSTER, number, addr), bytes_of(add),
-            bytes_of(set)};
-}
-
-item natted(lb_u16_t number, const std::string &addr)
+item natted(lb_u16_t number, const std::string &addr, const char *from = RETURN,
+            const char *router = "10.0.0.12")
 {
     lbsrv_addable_t add{};
     add.nat = 1;
-    add.returnaddress = stack::ip(RETURN);
-    add.routeraddress = stack::ip("10.0.0.12");
-    return special(number, addr, add, server_block(1));
+    add.returnaddress = stack::ip(from);
+    add.routeraddress = stack::ip(router);
+    return special(cluster_of(addr), number, addr, add, server_block(1));
 }
 
-item tunnelled(lb_u16_t number, lb_u8_t type)
+item tunnelled(lb_u16_t number, lb_u8_t type, const std::string &of = CLUSTER)
 {
     lbsrv_setable_t set = server_block(1);
     set.encapflags = static_cast<lb_u8_t>(type | LBSRV_ENCAPFLAG_ENCAPSULATE);
     set.encapmtu = MTU - 100;
-    return special(number, "192.0.2.8", {}, set);
+    return special(of, number, "192.0.2.8", {}, set);
 }
 
-item collocated(lb_u16_t number)
+item collocated(lb_u16_t number, const std::string &addr)
 {
     lbsrv_setable_t set = server_block(1);
     set.Collocated = 1;
-    return special(number, "10.0.0.13", {}, set);
+    return special(cluster_of(addr), number, addr, {}, set);
 }
 
-std::vector<item> configuration()
+constexpr lb_u8_t HASH = LBSEL_ALGORIGHM_HASH;
+constexpr lb_u8_t UDPRR = LBSEL_ALGORIGHM_UDPRR;
+constexpr lb_u8_t CONNECTIONS = LBSEL_ALGORIGHM_CONNECTION;
+
+std::vector<item> configuration4()
 {
     lbifin_setable_t ppp = stack::ethernet(1, MTU);
     ppp.isPTP = LBIFIN_YN_YES;
     ppp.arp = LBIFIN_YN_NO;
-    constexpr lb_u8_t HASH = LBSEL_ALGORIGHM_HASH;
-    constexpr lb_u8_t UDPRR = LBSEL_ALGORIGHM_UDPRR;
-    constexpr lb_u8_t CONNECTIONS = 2;
     return {
-        {LBCMD_KEYTYPE_IFACE, stack::ifacekey("eth0"), {}, bytes_of(stack::ethernet(1, MTU))},
-        {LBCMD_KEYTYPE_IFACE,
-         stack::ifacekey("eth0", "10.0.0.1/24"),
-         {},
-         bytes_of(lbifaddr_setable_t{})},
-        {LBCMD_KEYTYPE_IFACE, stack::ifacekey("ppp0"), {}, bytes_of(ppp)},
-        {LBCMD_KEYTYPE_IFACE,
-         stack::ifacekey("ppp0", "10.9.0.1/32"),
-         {},
-         bytes_of(lbifaddr_setable_t{stack::ip("10.9.0.2")})},
-        {LBCMD_KEYTYPE_CONFIG, stack::cfgkey(CLUSTER), bytes_of(lbclu_addable_t{}),
-         bytes_of(lbclu_setable_t{})},
+        interface("eth0", stack::ethernet(1, MTU)),
+        address("eth0", "10.0.0.1/24"),
+        interface("ppp0", ppp),
+        address("ppp0", "10.9.0.1/32", "10.9.0.2"),
+        cluster(CLUSTER),
         port(80, HASH, UDPRR),
         server(80, "10.0.0.11", 1),
         server(80, "10.0.0.12", 1),
@@ -112,7 +136,30 @@ std::vector<item> configuration()
         port(88, HASH, UDPRR),
         tunnelled(88, LBSRV_ENCAPTYPE_IPIP),
         port(89, HASH, UDPRR),
-        collocated(89),
+        collocated(89, "10.0.0.13"),
+    };
+}
+
+std::vector<item> configuration6()
+{
+    return {
+        address("eth0", "2001:db8::1/64"),
+        cluster(CLUSTER6),
+        port6(80, HASH),
+        server(80, "2001:db8::11", 1),
+        server(80, "2001:db8::12", 1),
+        port6(82, HASH),
+        port6(83, HASH),
+        special(CLUSTER6, 83, "10.0.0.11", {}, server_block(1)),
+        port6(85, CONNECTIONS),
+        server(85, "2001:db8::11", 1),
+        server(85, "2001:db8::12", 1),
+        port6(86, CONNECTIONS),
+        natted(86, "2001:db8:2::11", RETURN6, "2001:db8::12"),
+        port6(87, HASH),
+        tunnelled(87, LBSRV_ENCAPTYPE_GRE, CLUSTER6),
+        port6(89, HASH),
+        collocated(89, "2001:db8::13"),
     };
 }
 
@@ -164,13 +211,16 @@ world::~world()
 
 void world::configure()
 {
-    for (const item &i : configuration()) {
-        const int rc = command(LBCMD_ACTION_ADD, i.keytype, i.key, i.add, i.set);
-        require(rc == LBCMD_RC_SUCCESS || rc == LBCMD_RC_ALREADYEXISTS,
-                "the configuration was refused");
+    for (const auto &items : {configuration4(), configuration6()}) {
+        for (const item &i : items) {
+            const int rc = command(LBCMD_ACTION_ADD, i.keytype, i.key, i.add, i.set);
+            require(rc == LBCMD_RC_SUCCESS || rc == LBCMD_RC_ALREADYEXISTS,
+                    "the configuration was refused");
+        }
     }
     lbexe_setable_t setable{};
     setable.clientgateway = stack::ip("10.0.0.254");
+    setable.clientgateway_ipv6 = stack::ip("2001:db8::fe");
     require(command(LBCMD_ACTION_SET, LBCMD_KEYTYPE_CONFIG, stack::cfgkey(), {},
                     bytes_of(setable)) == LBCMD_RC_SUCCESS,
             "the executor refused its settings");
@@ -204,22 +254,33 @@ void world::require_unharmed()
     }
 }
 
-void world::require_forwarding()
+namespace
 {
-    fake::receive(packets::arp_reply("10.0.0.11", 0x11));
-    fake::receive(packets::arp_reply("10.0.0.12", 0x12));
-    (void)fake::take_sent();
-    packets::packet p;
-    p.sport = 40001;
+
+// Sends a packet that a server with the hardware address 02::12 must get, one hop later.
+template <class Packet> void require_forwarded(Packet p, std::uint8_t Packet::*hops)
+{
     const bytes frame = packets::build(p);
     fake::receive(frame);
     const auto sent = fake::take_sent();
     require(sent.size() == 1, "a good frame was not forwarded");
-    packets::packet expected = p;
-    expected.ttl--;
-    expected.ethsrc = packets::mac_of(1);
-    expected.ethdst = packets::mac_of(0x12);
-    require(sent[0].bytes == packets::build(expected), "a good frame was forwarded wrongly");
+    (p.*hops)--;
+    p.ethsrc = packets::mac_of(1);
+    p.ethdst = packets::mac_of(0x12);
+    require(sent[0].bytes == packets::build(p), "a good frame was forwarded wrongly");
+}
+
+} // namespace
+
+void world::require_forwarding()
+{
+    fake::receive(packets::arp_reply("10.0.0.11", 0x11));
+    fake::receive(packets::arp_reply("10.0.0.12", 0x12));
+    fake::receive(packets::advertisement("2001:db8::11", 0x11));
+    fake::receive(packets::advertisement("2001:db8::12", 0x12));
+    (void)fake::take_sent();
+    require_forwarded(packets::packet{.sport = 40001}, &packets::packet::ttl);
+    require_forwarded(packets::packet6{.sport = 40001}, &packets::packet6::hops);
 }
 
 int world::execute()
