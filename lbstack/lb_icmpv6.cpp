@@ -272,7 +272,7 @@ bool _lbicmpv6_senderror(const lbicmpv6_hdr_t &hdr, const lbip_addr_t *dstip, co
                          lb_u32_t length)
 {
     if (!_lbicmpv6_isanswerable(dstip)) {
-        LB_LOG(FAILURE, "icmp(v6) to no host's IPv6 address, not sent\n");
+        LB_LOG(LB_LOG_ICMPV6, "icmp(v6) to no host's IPv6 address, not sent\n");
         return false;
     }
     const int total = static_cast<int>(sizeof(hdr) + length);
