@@ -32,6 +32,13 @@ seed arp(const std::string &name, std::uint16_t op, const std::string &from,
     return {name, packets::build(a)};
 }
 
+seed arp_of_group()
+{
+    return {"arp-reply-with-group-address",
+            packets::build(packets::arp{
+                .op = 2, .srchw = packets::BROADCAST, .srcip = "10.0.0.11", .tgtip = "10.0.0.1"})};
+}
+
 seed typed(const std::string &name, std::uint16_t ethertype, bytes content)
 {
     packets::put16(content, 12, ethertype);
@@ -254,6 +261,7 @@ std::vector<seed> frame_seeds()
         arp("arp-reply-of-server", 2, "10.0.0.12", "10.0.0.1"),
         arp("arp-reply-of-stranger", 2, "10.0.0.200", "10.0.0.1"),
         arp("arp-request-for-return-address", 1, "10.0.0.50", RETURN),
+        arp_of_group(),
         arp("arp-other-operation", 3, "10.0.0.11", "10.0.0.1"),
         frame("tcp-unknown-port", to(9)),
         frame("udp-rotating", to(80, packets::UDP)),
