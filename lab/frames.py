@@ -46,9 +46,11 @@ class Capture:
         ready, _, _ = select.select([self.socket], [], [], max(0, timeout))
         return self.socket.recv(65536) if ready else None
 
-    def drain(self):
-        """Every frame that is queued now."""
+    def drain(self, quiet=0):
+        """Every frame that is queued now, or that comes before `quiet` seconds without any."""
         frames = []
+        while quiet and (frame := self.next(quiet)) is not None:
+            frames.append(frame)
         while True:
             try:
                 frames.append(self.socket.recv(65536))
