@@ -135,6 +135,11 @@ bool is_unspecified(const lbip_addr_t &addr)
     return memcmp(&addr.nboaddr, zero.data(), static_cast<size_t>(width_bytes(addr))) == 0;
 }
 
+bool is_link_local(const lbip_addr_t &addr)
+{
+    return addr.version == 6 && addr.nboaddr.v6[0] == 0xFE && (addr.nboaddr.v6[1] & 0xC0U) == 0x80;
+}
+
 bool same_address(const lbip_addr_t &a, const lbip_addr_t &b)
 {
     return a.version == b.version &&

@@ -56,7 +56,8 @@ void look_at_port(session &s)
         const auto port = vellb::read_port(s.daemon, *s.req.address, s.req.port);
         auto texts = port ? port_surprises(*port) : std::vector<std::string>{};
         if (port && (port->settings.reset != 0 || translates(*port))) {
-            const auto more = gateway_surprises(vellb::read_executor(s.daemon));
+            const auto more =
+                gateway_surprises(vellb::read_executor(s.daemon), port->cluster.version);
             texts.insert(texts.end(), more.begin(), more.end());
         }
         return texts;
@@ -68,7 +69,7 @@ void executor_set(session &s)
     s.change(CONFIG, vellb::executor_key(), s.req.executor_edits);
     look_again(s, [&] {
         const auto now = vellb::read_executor(s.daemon);
-        auto texts = gateway_surprises(now);
+        auto texts = gateway_surprises(now, vellb::read_interfaces(s.daemon));
         lbexe_setable_t wanted = now.settings;
         s.req.executor_edits.apply(wanted);
         if (wanted.ha.role != now.settings.ha.role) {

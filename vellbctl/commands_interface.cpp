@@ -91,9 +91,9 @@ void interface_sync(session &s)
 {
     const auto host = host_or_declined();
     if (!is_usable(host)) {
-        throw declined("this host has no interface that is up and has an IPv4 address",
+        throw declined("this host has no interface that is up and has an address beyond its link",
                        "nothing was changed; run this in the daemon's network namespace, or see: "
-                       "ip -4 address");
+                       "ip address");
     }
     const auto tree = vellb::read_interfaces(s.daemon);
     check_only(s, host, tree);

@@ -54,18 +54,21 @@ void take_own_prefix(request &r, word_t word)
     r.address = take_prefix(word);
 }
 
-constexpr positional CLUSTER{"ADDRESS", "the cluster's address, as in 10.0.0.100", take_cluster};
+constexpr positional CLUSTER{"ADDRESS", "the cluster's address, as in 10.0.0.100 or 2001:db8::100",
+                             take_cluster};
 constexpr positional SOME_CLUSTER{"ADDRESS", "one cluster only", take_cluster, true};
-constexpr positional PORT{"ADDRESS:PORT", "cluster and port, as in 10.0.0.100:80", take_port};
+constexpr positional PORT{"ADDRESS:PORT",
+                          "cluster and port, as in 10.0.0.100:80 or [2001:db8::100]:80", take_port};
 constexpr positional SOME_PORT{"ADDRESS:PORT", "one port only", take_port, true};
-constexpr positional SERVER{"SERVER", "the server's address, as in 10.0.0.11", take_server};
+constexpr positional SERVER{"SERVER", "the server's address, as in 10.0.0.11 or 2001:db8::11",
+                            take_server};
 constexpr positional SOME_SERVER{"SERVER", "one server only", take_server, true};
 constexpr positional RULE{"RULE", "the rule's number; lower ones are tried first", take_rule};
 constexpr positional SOME_RULE{"RULE", "one rule only", take_rule, true};
 constexpr positional INTERFACE{"NAME", "the interface, as in eth0", take_name_of_interface};
 constexpr positional SOME_INTERFACE{"NAME", "one interface only", take_name_of_interface, true};
-constexpr positional OWN_PREFIX{"ADDRESS/LENGTH", "an address of it, as in 10.0.0.1/24",
-                                take_own_prefix};
+constexpr positional OWN_PREFIX{
+    "ADDRESS/LENGTH", "an address of it, as in 10.0.0.1/24 or 2001:db8::1/64", take_own_prefix};
 constexpr positional OWN_ADDRESS{"ADDRESS", "an address of it", take_own_address};
 
 // --- Options -------------------------------------------------------------------------------------
@@ -87,7 +90,7 @@ const std::vector<option> &executor_options()
              }
              r.executor_edits.add([addr](lbexe_setable_t &b) { b.clientgateway = addr; });
          }},
-        {"--client-gateway-ipv6", "ADDRESS|none", "IPv6 router towards the clients",
+        {"--client-gateway-ipv6", "ADDRESS|none", "IPv6 router towards the clients; carries resets",
          [](request &r, word_t word) {
              const lbip_addr_t addr = take_address_or_none(word);
              if (addr.version == 4) {
@@ -465,7 +468,7 @@ void add_interface_commands(std::vector<command> &table)
         {
             {"interface",
              "sync",
-             "write the host's interfaces and IPv4 addresses (IPv6: not yet; no loopback)",
+             "write the host's interfaces and addresses (no loopback, no temporary IPv6)",
              {},
              sync_options,
              interface_sync},

@@ -148,7 +148,11 @@ std::vector<sync_step> plan_sync(const interfaces_t &host, const interfaces_t &t
 bool is_usable(const interfaces_t &host)
 {
     return std::ranges::any_of(host, [](const vellb::interface &each) {
-        return each.settings.isup_sys == LBIFIN_YN_YES && !each.addresses.empty();
+        // Every interface that is up has a link-local address, in any namespace.
+        return each.settings.isup_sys == LBIFIN_YN_YES &&
+               !std::ranges::all_of(each.addresses, [](const vellb::interface_address &address) {
+                   return vellb::is_link_local(address.address);
+               });
     });
 }
 

@@ -11,8 +11,11 @@
 namespace vellbctl
 {
 
-// What the host says of itself (rtnetlink(7)): every interface but loopbacks, with its IPv4
-// addresses, in the host's order. The forwarder's own MTU and state are as the host's. Throws
+// What the host says of itself (rtnetlink(7)): every interface but loopbacks, with its addresses,
+// in the host's order. Link-local ones are among them: a gateway is often known by such an address
+// only, and is then asked for from there (RFC 4861, 7.2.2). Left out are temporary ones (RFC 8981),
+// which come and go beside a lasting one of the same subnet, those that another host has (RFC 4862,
+// 5.4), and multicast groups. The forwarder's own MTU and state are as the host's. Throws
 // std::system_error.
 std::vector<vellb::interface> read_host();
 

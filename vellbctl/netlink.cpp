@@ -85,27 +85,48 @@ int take_link(const nlmsghdr *message, void *data)
     return MNL_CB_OK;
 }
 
+// Temporary (RFC 8981), or another host's. The first flag means "secondary" with IPv4.
+bool passing(const ifaddrmsg &header)
+{
+    return header.ifa_family == AF_INET6 &&
+           (header.ifa_flags & (IFA_F_TEMPORARY | IFA_F_DADFAILED)) != 0;
+}
+
+// ip-address(8), autojoin: it stands among the addresses so that the kernel joins the group.
+bool multicast(const lbip_addr_t &addr)
+{
+    return addr.version == 4 ? (addr.nboaddr.v4[0] & 0xF0U) == 0xE0 : addr.nboaddr.v6[0] == 0xFF;
+}
+
 int take_address(const nlmsghdr *message, void *data)
 {
     auto *state = static_cast<host_state *>(data);
     const auto *header = static_cast<const ifaddrmsg *>(mnl_nlmsg_get_payload(message));
     const auto owner = state->interfaces.find(static_cast<int>(header->ifa_index));
-    if (header->ifa_family != AF_INET || owner == state->interfaces.end()) {
+    const lb_u8_t version = header->ifa_family == AF_INET    ? 4
+                            : header->ifa_family == AF_INET6 ? 6
+                                                             : 0;
+    if (version == 0 || passing(*header) || owner == state->interfaces.end()) {
         return MNL_CB_OK;
     }
     lbip_addr_t local{};
     lbip_addr_t far_end{};
+    const auto copy_address = [&](const nlattr *attribute, lbip_addr_t &to) {
+        if (copy_attribute(attribute, to.nboaddr, version == 4 ? 4 : sizeof(to.nboaddr))) {
+            to.version = version;
+        }
+    };
     each_attribute(message, sizeof(*header), [&](const nlattr *attribute) {
         const auto type = mnl_attr_get_type(attribute);
-        if (type == IFA_LOCAL && copy_attribute(attribute, local.nboaddr.v4, 4)) {
-            local.version = 4;
-        } else if (type == IFA_ADDRESS && copy_attribute(attribute, far_end.nboaddr.v4, 4)) {
-            far_end.version = 4;
+        if (type == IFA_LOCAL) {
+            copy_address(attribute, local);
+        } else if (type == IFA_ADDRESS) {
+            copy_address(attribute, far_end);
         }
     });
     // IFA_ADDRESS is the far end of a point-to-point address, else the address itself.
     local = local.version == 0 ? far_end : local;
-    if (local.version != 0) {
+    if (local.version != 0 && !multicast(local)) {
         const bool peered = far_end.version != 0 && !vellb::same_address(local, far_end);
         local.prefix = header->ifa_prefixlen;
         owner->second.addresses.push_back({local, peered ? far_end : lbip_addr_t{}});
@@ -158,7 +179,7 @@ std::vector<vellb::interface> read_host()
         }
         host_state state;
         if (dump(socket.get(), 1, RTM_GETLINK, AF_PACKET, take_link, state) &&
-            dump(socket.get(), 2, RTM_GETADDR, AF_INET, take_address, state)) {
+            dump(socket.get(), 2, RTM_GETADDR, AF_UNSPEC, take_address, state)) {
             std::vector<vellb::interface> result;
             for (auto &[index, each] : state.interfaces) {
                 result.push_back(std::move(each));

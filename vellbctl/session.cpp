@@ -65,11 +65,6 @@ lbcmd_key_t parent_of(lbcmd_keytype_e keytype, lbcmd_key_t key)
 std::string failure_hint(const vellb::request &what)
 {
     const object_e object = vellb::object_of(what.keytype, what.key);
-    const bool config = what.keytype == LBCMD_KEYTYPE_CONFIG;
-    if (config && what.action == LBCMD_ACTION_ADD &&
-        (what.key.cfg.cluster.version == 6 || what.key.cfg.server.version == 6)) {
-        return "the daemon does not forward IPv6 yet: use IPv4 addresses";
-    }
     if (object == object_e::PORT && what.action == LBCMD_ACTION_ADD &&
         what.addable.size() == sizeof(lbport_addable_t)) {
         const auto block = vellb::block_of<lbport_addable_t>(what.addable, "addable");

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 #include <numeric>
 
+#include "forwarding.h"
 #include "vellb/address.h"
 #include "vellb/names.h"
 
@@ -91,6 +92,30 @@ std::string rule_surprise(const vellb::port &port, const vellb::rule &rule)
     return "";
 }
 
+// Translation and tunnels keep to one version of IP; what is only carried to a hardware address
+// does not.
+std::vector<std::string> version_surprises(const vellb::port &port)
+{
+    std::vector<std::string> texts;
+    for (const vellb::server &each : port.servers) {
+        const std::string way = forwarding_name(each);
+        const bool tunnel = way == "gre" || way == "ipip";
+        const bool works = tunnel ? port.cluster.version == 4 && each.address.version == 4
+                                  : way != "nat" || port.cluster.version == each.address.version;
+        if (!works) {
+            texts.push_back(fmt::format(
+                "server {} of port {}: {}, so packets to it are dropped as errors; {}",
+                vellb::address_text(each.address), vellb::endpoint_text(port.cluster, port.number),
+                tunnel ? fmt::format("{} tunnels carry IPv4 only", way)
+                       : fmt::format("NAT does not turn IPv{} into IPv{}", port.cluster.version,
+                                     each.address.version),
+                tunnel ? "use --encap none if it is on a segment of the forwarder"
+                       : fmt::format("use an IPv{} address of it", port.cluster.version)));
+        }
+    }
+    return texts;
+}
+
 // Translation needs a record of each connection to find the way back.
 std::vector<std::string> nat_surprises(const vellb::port &port)
 {
@@ -132,6 +157,8 @@ std::vector<std::string> port_surprises(const vellb::port &port)
     }
     const auto nat = nat_surprises(port);
     texts.insert(texts.end(), nat.begin(), nat.end());
+    const auto versions = version_surprises(port);
+    texts.insert(texts.end(), versions.begin(), versions.end());
     for (const vellb::rule &rule : port.rules) {
         if (std::string text = rule_surprise(port, rule); !text.empty()) {
             texts.push_back(std::move(text));
@@ -143,9 +170,6 @@ std::vector<std::string> port_surprises(const vellb::port &port)
 std::vector<std::string> subnet_surprises(const lbip_addr_t &cluster,
                                           const std::vector<vellb::interface> &interfaces)
 {
-    if (cluster.version != 4) {
-        return {};
-    }
     for (const vellb::interface &interface : interfaces) {
         for (const vellb::interface_address &each : interface.addresses) {
             if (vellb::on_net(cluster, each.address) || vellb::same_address(cluster, each.peer)) {
@@ -153,19 +177,55 @@ std::vector<std::string> subnet_surprises(const lbip_addr_t &cluster,
             }
         }
     }
-    return {fmt::format("no interface carries the subnet of cluster {}, so ARP requests for it are "
-                        "not answered; teach the daemon its interfaces: vellbctl interface sync",
-                        vellb::address_text(cluster))};
+    return {fmt::format("no interface carries the subnet of cluster {}, so {} for it are not "
+                        "answered; teach the daemon its interfaces: vellbctl interface sync",
+                        vellb::address_text(cluster),
+                        cluster.version == 6 ? "neighbour solicitations" : "ARP requests")};
 }
 
-std::vector<std::string> gateway_surprises(const vellb::executor &executor)
+std::vector<std::string> gateway_surprises(const vellb::executor &executor, lb_u8_t version)
 {
-    if (vellb::is_set(executor.settings.clientgateway)) {
+    const lbexe_setable_t &set = executor.settings;
+    if (vellb::is_set(version == 6 ? set.clientgateway_ipv6 : set.clientgateway)) {
         return {};
     }
-    return {"no client gateway is set, so resets and answers of NAT servers cannot be sent to "
-            "clients; set it: "
-            "vellbctl executor set --client-gateway ADDRESS"};
+    return {version == 6 ? "no IPv6 client gateway is set, so resets and answers of NAT servers "
+                           "cannot be sent to clients of IPv6 clusters; set it: "
+                           "vellbctl executor set --client-gateway-ipv6 ADDRESS"
+                         : "no client gateway is set, so resets and answers of NAT servers cannot "
+                           "be sent to clients; set it: "
+                           "vellbctl executor set --client-gateway ADDRESS"};
+}
+
+std::vector<std::string> gateway_surprises(const vellb::executor &executor,
+                                           const std::vector<vellb::interface> &interfaces)
+{
+    std::vector<std::string> texts;
+    for (const lb_u8_t version : {lb_u8_t{4}, lb_u8_t{6}}) {
+        if (std::ranges::find(executor.clusters, version, &lbip_addr_t::version) !=
+            executor.clusters.end()) {
+            const auto more = gateway_surprises(executor, version);
+            texts.insert(texts.end(), more.begin(), more.end());
+        }
+    }
+    const lbip_addr_t &gateway = executor.settings.clientgateway_ipv6;
+    std::vector<std::string> names;
+    for (const vellb::interface &interface : interfaces) {
+        const auto has_it = [&](const vellb::interface_address &each) {
+            return vellb::on_net(gateway, each.address);
+        };
+        if (std::ranges::any_of(interface.addresses, has_it)) {
+            names.push_back(interface.name);
+        }
+    }
+    if (vellb::is_link_local(gateway) && names.size() > 1) {
+        texts.push_back(fmt::format("client gateway {} is link-local and may be behind any of {}: "
+                                    "the daemon takes {}, the first that it was told of; better "
+                                    "name a global address of the gateway",
+                                    vellb::address_text(gateway), fmt::join(names, ", "),
+                                    names.front()));
+    }
+    return texts;
 }
 
 std::vector<std::string> surprises(const vellb::picture &now)
@@ -174,9 +234,7 @@ std::vector<std::string> surprises(const vellb::picture &now)
     const auto take = [&](const std::vector<std::string> &more) {
         texts.insert(texts.end(), more.begin(), more.end());
     };
-    if (!now.clusters.empty()) {
-        take(gateway_surprises(now.executor));
-    }
+    take(gateway_surprises(now.executor, now.interfaces));
     for (const vellb::cluster &cluster : now.clusters) {
         take(subnet_surprises(cluster.address, now.interfaces));
         for (const vellb::port &port : cluster.ports) {

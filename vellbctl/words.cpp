@@ -92,8 +92,9 @@ lbip_addr_t take_address_or_none(const std::string &word)
 lbip_addr_t take_prefix(const std::string &word)
 {
     const auto addr = vellb::parse_prefix(word);
-    if (!addr && vellb::parse_address(word)) {
-        wrong(word, fmt::format("lacks its prefix length, as in {}/24", word));
+    if (const auto bare = vellb::parse_address(word); !addr && bare) {
+        wrong(word, fmt::format("lacks its prefix length, as in {}/{}", vellb::address_text(*bare),
+                                bare->version == 4 ? 24 : 64));
     }
     if (!addr) {
         wrong(word, "is not an address with a prefix length, as in 10.0.0.1/24");

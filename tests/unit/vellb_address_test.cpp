@@ -15,6 +15,9 @@ TEST(vellb_address, parses_and_prints)
         {"10.0.0.1", "10.0.0.1"},
         {"2001:DB8:0::1", "2001:db8::1"},
         {"[2001:db8::1]", "2001:db8::1"},
+        {"2001:db8:0:1:0:0:0:1", "2001:db8:0:1::1"},   // the longest run of zeros (RFC 5952, 4.2.3)
+        {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1"}, // of equal ones the first
+        {"2001:db8::1:1:1:1:1", "2001:db8:0:1:1:1:1:1"}, // never a single one (4.2.2)
         {"::ffff:10.0.0.1", "::ffff:10.0.0.1"},
     };
     for (const auto &[text, printed] : good) {
@@ -70,6 +73,16 @@ TEST(vellb_address, subnets)
     lbip_addr_t net = *vellb::parse_prefix("10.0.0.1/32");
     net.prefix = 255;
     EXPECT_FALSE(vellb::on_net(*vellb::parse_address("10.0.0.1"), net));
+}
+
+TEST(vellb_address, link_local_is_ten_bits)
+{
+    for (const char *text : {"fe80::1", "febf::"}) {
+        EXPECT_TRUE(vellb::is_link_local(*vellb::parse_address(text))) << text;
+    }
+    for (const char *text : {"fec0::1", "fe7f::1", "2001:db8::1", "254.128.0.1"}) {
+        EXPECT_FALSE(vellb::is_link_local(*vellb::parse_address(text))) << text;
+    }
 }
 
 TEST(vellb_address, macs)

@@ -82,6 +82,9 @@ TEST(vellbctl_words, wrong_ones_are_named)
         {"port add 10.0.0.1:0", "port '0', which is not a number from 1 to 65535", "usage:"},
         {"port add 10.0.0.1:65536", "port '65536'", "usage:"},
         {"port add 2001:db8::1:80", "does not look like", "usage:"},
+        {"port add [2001:db8::1]", "does not look like", "usage:"},
+        {"port add [2001:db8::1]:0", "port '0'", "usage:"},
+        {"cluster add ::", "'::' is the unspecified address", "usage:"},
         {"port add 10.0.0.1:80 --algorithm hsah",
          "'hsah' is not one of hash, connection, affinity, conn-affin, udprr (did you mean "
          "'hash'?)",
@@ -120,6 +123,7 @@ TEST(vellbctl_words, wrong_ones_are_named)
         {"interface add abcdefghijklmnopqrstuvwxyz0123456 --mtu 1500 --mac 02:00:00:00:00:01",
          "is not an interface name of 1 to 31 bytes", ""},
         {"address add eth0 10.0.0.1", "lacks its prefix length, as in 10.0.0.1/24", "usage:"},
+        {"address add eth0 2001:DB8::1", "lacks its prefix length, as in 2001:db8::1/64", "usage:"},
         {"cluster add 10.0.0.1 --json=yes", "--json takes no value", "usage:"},
         {"cluster add 10.0.0.1 --watch", "--watch goes with show only", "usage:"},
         {"show --count 3", "--count requires --watch", "usage:"},
@@ -154,7 +158,7 @@ TEST(vellbctl_words, help_is_no_mistake)
         EXPECT_FALSE(got.out.empty()) << line;
         EXPECT_TRUE(got.err.empty()) << line << ": " << got.err;
     }
-    EXPECT_NE(ctl("interface sync --help").out.find("IPv6: not yet"), std::string::npos);
+    EXPECT_NE(ctl("interface sync --help").out.find("no temporary IPv6"), std::string::npos);
 }
 
 TEST(vellbctl_words, completion_knows_what_may_follow)
@@ -180,11 +184,18 @@ TEST_F(vellbctl_test, objects_come_and_go)
         {"port rm 10.0.0.100:80", "removed port 10.0.0.100:80\n"},
         {"cluster set --id= 10.0.0.100", "changed cluster 10.0.0.100\n"},
         {"cluster rm 10.0.0.100", "removed cluster 10.0.0.100\n"},
+        {"cluster add 2001:DB8:0::1", "added cluster 2001:db8::1\n"},
+        {"port add [2001:db8::1]:80", "added port [2001:db8::1]:80\n"},
+        {"server add [2001:db8::1]:80 2001:db8::0:11",
+         "added server 2001:db8::11 of port [2001:db8::1]:80\n"},
+        {"rule add [2001:db8::1]:80 5 --type true", "added rule 5 of port [2001:db8::1]:80\n"},
+        {"cluster rm [2001:db8::1] --recursive", "removed, with 3 below it, cluster 2001:db8::1\n"},
         {"interface add show --mac 02:00:00:00:00:01 --mtu 1500", "added interface show\n"},
         {"interface add eth0 --mac 02:00:00:00:00:01 --mtu 1500", "added interface eth0\n"},
         {"address add eth0 10.0.0.1/24", "added address 10.0.0.1 of interface eth0\n"},
         {"address set eth0 10.0.0.1/24 --peer 10.0.0.9",
          "changed address 10.0.0.1 of interface eth0\n"},
+        {"address add eth0 2001:db8::2/64", "added address 2001:db8::2 of interface eth0\n"},
         {"interface set eth0 --up no", "changed interface eth0\n"},
         {"interface rm eth0 --recursive", "removed interface eth0\n"},
     };
@@ -325,8 +336,7 @@ TEST_F(vellbctl_test, a_failure_is_explained_as_far_as_it_can_be)
         return hdr.action == LBCMD_ACTION_ADD ? LBCMD_RC_FAILURE : 0;
     };
     const char *const rows[][2] = {
-        {"cluster add 2001:db8::1", "the daemon could not add cluster 2001:db8::1; the daemon does "
-                                    "not forward IPv6 yet"},
+        {"cluster add 2001:db8::1", "could not add cluster 2001:db8::1; the daemon's log says why"},
         {"port add 10.0.0.100:80 --crossport 443",
          "which algorithm hash does not have: use --algorithm"},
         {"port add 10.0.0.100:80", "the daemon's log says why"},
@@ -466,6 +476,40 @@ TEST_F(vellbctl_test, nat_that_cannot_work_is_told)
     EXPECT_EQ(run("server set 10.0.0.100:80 10.0.0.11 --weight 3").err, "");
 }
 
+TEST_F(vellbctl_test, ways_that_keep_to_one_ip_version_are_told)
+{
+    const char *const v4 = "10.0.0.11";
+    const char *const v6 = "2001:db8::11";
+    const char *const v4_nat = " --nat --return-address 10.0.0.50 --router-address 10.0.0.1";
+    const char *const v6_nat = " --nat --return-address 2001:db8::50 --router-address 2001:db8::1";
+    const struct {
+        std::string cluster, server;
+        const char *warning; // empty: none
+    } rows[] = {
+        {"10.0.0.100", v6, ""}, // carried to its hardware address
+        {"2001:db8::100", v4, ""},
+        {"2001:db8::100", std::string(v6) + v6_nat, ""},
+        {"10.0.0.100", std::string(v4) + " --encap gre", ""},
+        {"10.0.0.100", std::string(v6) + v6_nat, "NAT does not turn IPv4 into IPv6"},
+        {"2001:db8::100", std::string(v4) + v4_nat, "NAT does not turn IPv6 into IPv4"},
+        {"2001:db8::100", std::string(v4) + " --encap gre", "gre tunnels carry IPv4 only"},
+        {"2001:db8::100", std::string(v4) + " --encap ipip", "ipip tunnels carry IPv4 only"},
+    };
+    must("executor set --client-gateway 10.0.0.254 --client-gateway-ipv6 2001:db8::254");
+    for (const auto &row : rows) {
+        const std::string endpoint = row.cluster.find(':') == std::string::npos
+                                         ? row.cluster + ":80"
+                                         : "[" + row.cluster + "]:80";
+        must("cluster add " + row.cluster);
+        must("port add " + endpoint + " --algorithm connection");
+        const result_t got = run("server add " + endpoint + " " + row.server);
+        EXPECT_EQ(got.status, 0) << row.server;
+        EXPECT_EQ(got.err.empty(), *row.warning == '\0') << got.err;
+        EXPECT_NE(got.err.find(row.warning), std::string::npos) << got.err;
+        must("cluster rm " + row.cluster + " --recursive");
+    }
+}
+
 // --- Surprises -----------------------------------------------------------------------------------
 
 TEST_F(vellbctl_test, surprises_are_told_and_change_no_status)
@@ -515,6 +559,33 @@ TEST_F(vellbctl_test, a_cluster_off_every_subnet_is_told)
     const result_t whole = run("show");
     EXPECT_NE(whole.err.find("warning: no client gateway is set"), std::string::npos) << whole.err;
     EXPECT_NE(whole.err.find("subnet of cluster 10.0.1.100"), std::string::npos) << whole.err;
+}
+
+TEST_F(vellbctl_test, each_ip_version_wants_its_own_gateway_and_subnet)
+{
+    for (const char *eth : {"eth0", "eth1"}) {
+        must(std::string("interface add ") + eth + " --mac 02:00:00:00:00:01 --mtu 1500");
+        must(std::string("address add ") + eth + " fe80::1/64");
+    }
+    must("executor set --client-gateway 10.0.0.254");
+    const result_t cluster = run("cluster add 2001:db8::100");
+    EXPECT_NE(cluster.err.find("so neighbour solicitations for it are not"), std::string::npos)
+        << cluster.err;
+    const std::pair<const char *, const char *> rows[] = {
+        {"executor set --client-gateway-ipv6 none", "no IPv6 client gateway is set"},
+        {"port add [2001:db8::100]:80 --algorithm connection --reset on", "no IPv6 client gateway"},
+        {"executor set --client-gateway-ipv6 fe80::2",
+         "fe80::2 is link-local and may be behind any of eth0, eth1: the daemon takes eth0"},
+        {"executor set --client-gateway-ipv6 2001:db8::1", ""},
+        {"executor set --client-gateway none", ""}, // no cluster of IPv4
+    };
+    for (const auto &[line, warning] : rows) {
+        const result_t got = run(line);
+        EXPECT_EQ(got.err.empty(), *warning == '\0') << line << ": " << got.err;
+        EXPECT_NE(got.err.find(warning), std::string::npos) << line << ": " << got.err;
+    }
+    must("address add eth0 2001:db8::2/64");
+    EXPECT_EQ(run("show").err, "");
 }
 
 TEST_F(vellbctl_test, a_role_that_was_not_taken_is_told)

@@ -45,6 +45,7 @@ TEST(vellb_ifsync, plans)
     const auto peer = iface("eth0", 1500, {{"10.0.0.1/24", "10.9.9.9"}});
     const auto less = iface("eth1", 1500, {{"10.2.0.1/24", nullptr}});
     const auto twice = iface("eth0", 1500, {{"10.0.0.1/24", nullptr}, {"10.0.0.1/32", nullptr}});
+    const auto dual = iface("eth0", 1500, {{"10.0.0.1/24", nullptr}, {"2001:db8::1/64", nullptr}});
     const std::string add = "add interface eth0;add address 10.0.0.1/24 of eth0;";
     const std::string rm = "rm address 10.0.0.1/24 of eth0;";
     const struct {
@@ -69,11 +70,23 @@ TEST(vellb_ifsync, plans)
          {},
          "rm address 10.2.0.1/24 of eth1;rm interface eth1;"},
         {"one address, two prefixes: the first stands", {twice}, {eth0}, {}, ""},
+        {"IPv6 as well", {dual}, {eth0}, {}, "add address 2001:db8::1/64 of eth0;"},
+        {"IPv6 no more", {eth0}, {dual}, {}, "rm address 2001:db8::1/64 of eth0;"},
         {"only one of them", {eth0, eth1}, {eth9}, {"eth0"}, add},
         {"only one that is gone", {eth0, eth1}, {eth9}, {"eth9"}, "rm interface eth9;"},
     };
     for (const auto &row : rows) {
         EXPECT_EQ(plan(row.host, row.tree, row.only), row.steps) << row.name;
+    }
+}
+
+TEST(vellb_ifsync, a_host_with_link_local_addresses_only_is_not_taken_for_the_daemons)
+{
+    const char *link_local = "fe80::1/64";
+    EXPECT_FALSE(vellbctl::is_usable({iface("eth0", 1500, {{link_local, nullptr}})}));
+    for (const char *wider : {"2001:db8::1/64", "10.0.0.1/24"}) {
+        const auto both = iface("eth0", 1500, {{link_local, nullptr}, {wider, nullptr}});
+        EXPECT_TRUE(vellbctl::is_usable({both})) << wider;
     }
 }
 
@@ -96,7 +109,7 @@ TEST(vellb_ifsync, a_plan_carried_out_leaves_nothing_to_do)
     const interfaces_t stages[] = {
         {iface("eth0", 1500, {{"10.0.0.1/24", nullptr}}),
          iface("tun0", 1400, {{"10.3.0.1/32", "10.3.0.2"}})},
-        {iface("eth0", 9000, {{"10.0.0.1/16", nullptr}, {"10.4.0.1/24", nullptr}})},
+        {iface("eth0", 9000, {{"10.0.0.1/16", nullptr}, {"2001:db8::1/64", nullptr}})},
         {iface("eth1", 1500, {{"10.0.0.1/24", nullptr}}), iface("eth0", 1500, {})},
     };
     for (const interfaces_t &host : stages) {

@@ -34,6 +34,8 @@ std::string mac_text(const lbeth_addr_align_t &mac);
 bool is_set(const lbip_addr_t &addr);
 // Is it 0.0.0.0 or ::, which no object may have?
 bool is_unspecified(const lbip_addr_t &addr);
+// Is it of fe80::/10, which every IPv6 interface has an address of?
+bool is_link_local(const lbip_addr_t &addr);
 // Version and address bytes; the prefix is not compared.
 bool same_address(const lbip_addr_t &a, const lbip_addr_t &b);
 // Does the subnet of `net` (address and prefix) contain `addr`?
