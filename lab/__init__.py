@@ -26,6 +26,10 @@ reached by NAT or by a tunnel:
      | fwd |  NAT's return address 10.0.0.50:                | server1 |        | server2 |
      +-----+  on no interface                                +---------+        +---------+
 
+Either is dual-stack if asked for, Basic(lab, ipv6=True): every host has an IPv6 address beside its
+IPv4 one, 2001:db8::11 beside 10.0.0.11 ("front" is 2001:db8:7::/64, "back" 2001:db8:1::/64), and
+what the object says of itself (CLUSTER, GATEWAY, server_address(), ...) and configures is IPv6.
+
 A server takes packets out of tunnels with a small program (lab.decap): a raw socket in, a tun
 device out, so that no tunnel devices of the kernel are needed. Routers pass on less than their links
 carry where a test says so (Node.limit_mtu).
@@ -50,8 +54,8 @@ nobody holds the lock of its directory). `python3 -m lab clean` does the last by
 from lab.core import Lab, LabError, Terminated, build_dir, sanitized, wait_until
 from lab.daemon import Daemon
 from lab.frames import Capture, Injector
-from lab.node import Node, Segment, mac_of
+from lab.node import Node, Segment, ipv6_of, mac_of
 from lab.topology import Basic, Far, Routed
 
 __all__ = ["Basic", "Capture", "Daemon", "Far", "Injector", "Lab", "LabError", "Node", "Routed", "Segment",
-           "Terminated", "build_dir", "mac_of", "sanitized", "wait_until"]
+           "Terminated", "build_dir", "ipv6_of", "mac_of", "sanitized", "wait_until"]

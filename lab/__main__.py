@@ -12,7 +12,7 @@ from lab.topology import Basic, Routed
 def up(args):
     """Brings a topology up, configured, and stays until Ctrl-C."""
     with Lab() as lab:
-        net = (Routed if args.routed else Basic)(lab)
+        net = (Routed if args.routed else Basic)(lab, ipv6=args.ipv6)
         net.start_web()
         if not args.no_daemon:
             net.start_daemon()
@@ -20,7 +20,7 @@ def up(args):
         print(f"""lab {lab.ident} is up, with the programs of {build_dir()}.
 In another terminal, for instance:
 
-  python3 -m lab shell client            then: curl http://{net.CLUSTER}/
+  python3 -m lab shell client            then: curl http://{net.host()}/
   python3 -m lab shell fwd               then: vellbctl show
   ip netns exec {lab.name('server1')} tshark -i eth0
 
@@ -56,6 +56,7 @@ def main():
     commands = parser.add_subparsers(required=True, metavar="COMMAND")
     one = commands.add_parser("up", help="bring a lab up and stay until Ctrl-C")
     one.add_argument("--routed", action="store_true", help="put the client behind a router")
+    one.add_argument("-6", "--ipv6", action="store_true", help="dual-stack, the cluster of IPv6")
     one.add_argument("--no-daemon", action="store_true", help="leave the forwarder's host empty")
     one.set_defaults(function=up)
     one = commands.add_parser("shell", help="a shell in a node of a lab that is up")

@@ -171,7 +171,8 @@ class Daemon:
 
     def clear(self):
         """Removes every object and waits until their memory is free: what is left, leaked."""
-        self.ctl("executor", "set", "--log-mask", "+reaping", "--client-gateway", "none")
+        self.ctl("executor", "set", "--log-mask", "+reaping", "--client-gateway", "none",
+                 "--client-gateway-ipv6", "none")
         shown = self.ctl_json("show")
         for cluster in shown["clusters"]:
             self.ctl("cluster", "rm", cluster["cluster"], "--recursive")

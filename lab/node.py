@@ -26,9 +26,23 @@ OFFLOADS_OFF = ["tx", "off", "rx", "off", "tso", "off", "gso", "off", "gro", "of
 _libc = ctypes.CDLL(None, use_errno=True)
 
 
+# On a dual-stack segment, who has an address of the first kind has one of the second, too.
+NETWORKS = {"10.0.0.": "2001:db8::", "10.1.0.": "2001:db8:1::", "192.168.7.": "2001:db8:7::"}
+
+
+def ipv6_of(address):
+    """The lab's IPv6 address or network beside an IPv4 one: 2001:db8::11 beside 10.0.0.11."""
+    net, _, host = address.rpartition(".")
+    return NETWORKS[f"{net}."] + host.replace("0/24", "/64")
+
+
 def mac_of(address):
-    """The lab's hardware address for an IPv4 address: 02:00 and the four bytes of the address."""
-    packed = ipaddress.IPv4Address(address.split("/")[0]).packed
+    """The lab's hardware address for an address: 02:00 and the four bytes of the IPv4 one."""
+    address = address.split("/")[0]
+    if ":" in address:
+        net, _, host = address.rpartition("::")
+        address = {six: four for four, six in NETWORKS.items()}[f"{net}::"] + host
+    packed = ipaddress.IPv4Address(address).packed
     return "02:00:" + ":".join(f"{byte:02x}" for byte in packed)
 
 
@@ -50,6 +64,9 @@ def _make_namespace(name, ipv6=False):
     with _inside(name):
         for scope in ("all", "default"):
             _write_sysctl(f"net.ipv6.conf.{scope}.disable_ipv6", 0 if ipv6 else 1)
+        # Addresses serve at once, and nobody looks for routers: each would cost seconds.
+        for quiet in ("accept_dad", "accept_ra", "router_solicitations"):
+            _write_sysctl(f"net.ipv6.conf.default.{quiet}", 0)
         # A bridge is a wire here: the kernel's firewall must not drop malformed packets on it.
         _write_sysctl("net.bridge.bridge-nf-call-iptables", 0)
     run(["ip", "-n", name, "link", "set", "lo", "up"])
@@ -79,11 +96,16 @@ class Segment:
 
 
 class Node:
-    """One host of the lab. `ipv6` leaves IPv6 on, which adds the kernel's own chatter."""
+    """One host of the lab. `ipv6` leaves IPv6 on, which adds the kernel's own chatter.
+
+    Addresses are not checked for duplicates then, but for those of an interface whose accept_dad a
+    test turns on.
+    """
 
     def __init__(self, lab, name, ipv6=False):
         self.lab = lab
         self.name = name
+        self.ipv6 = ipv6
         self.namespace = lab.name(name)
         self.root = lab.dir / name  # Seen from outside; inside it is "/".
         self.addresses = {}  # interface -> its first address
@@ -191,8 +213,10 @@ class Node:
                 _write_sysctl(key.replace("__", "."), value)
 
     def limit_mtu(self, prefix, ifname, mtu):
-        """As a router: passes on nothing longer than this to a network, and says so (RFC 1191)."""
-        self.ip("route", "replace", prefix, "dev", ifname, "mtu", "lock", str(mtu))
+        """As a router: passes on nothing longer than this to a network, and says so (RFC 1191, 8201)."""
+        words = ["-6", "route", "replace", prefix, "metric", "256"] if ":" in prefix else \
+                ["route", "replace", prefix]
+        self.ip(*words, "dev", ifname, "mtu", "lock", str(mtu))
 
     def mac(self, ifname="eth0"):
         """The hardware address of an interface."""
@@ -226,7 +250,13 @@ class Node:
     # --- Servers ----------------------------------------------------------------------------------
 
     def add_loopback_address(self, address):
-        """Owns an address without ever answering ARP for it (direct return)."""
+        """Owns an address without ever answering for it on a segment (direct return).
+
+        With IPv6 the kernel answers solicitations for addresses of the interface that hears them only.
+        """
+        if ":" in address:
+            self.ip("address", "add", f"{address}/128", "dev", "lo")
+            return
         self.sysctl(net__ipv4__conf__all__arp_ignore=1, net__ipv4__conf__all__arp_announce=2)
         self.ip("address", "add", f"{address}/32", "dev", "lo")
 
@@ -261,7 +291,8 @@ class Node:
         place = self.root / "web"
         place.mkdir(exist_ok=True)
         (place / "body").write_bytes(b"x" * body)
-        listens = "".join(f"listen {p} backlog=4096; " for p in ports)
+        hosts = ["", "[::]:"] if self.ipv6 else [""]
+        listens = "".join(f"listen {h}{p} backlog=4096; " for p in ports for h in hosts)
         temps = "".join(f"{kind}_temp_path /web/{kind}; "
                         for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
         (place / "nginx.conf").write_text(f"""daemon off; master_process off; pid /web/pid;

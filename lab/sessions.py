@@ -24,7 +24,9 @@ class LongSessions:
     """Echo servers on every server of a topology, and a client for them."""
 
     def __init__(self, net, ports):
-        self._servers = [_start(server, "serve", server.name, "0.0.0.0", *ports) for server in net.servers]
+        any_address = "::" if ":" in net.CLUSTER else "0.0.0.0"
+        self._servers = [_start(server, "serve", server.name, any_address, *ports)
+                         for server in net.servers]
         for server in self._servers:
             if server.stdout.readline() != "ready\n":
                 raise LabError("an echo server did not start; what it said stands above")

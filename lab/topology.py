@@ -1,11 +1,14 @@
 """The standard topologies; drawn at the top of the package.
 
-Addresses are class attributes, nodes are attributes of the object. Configuration of the daemon is
-the caller's, except for what start_daemon() says.
+Addresses are class attributes, nodes are attributes of the object. An object that was made with
+ipv6=True has dual-stack segments, and IPv6 addresses in place of the class's. Configuration of the
+daemon is the caller's, except for what start_daemon() says.
 """
 
+import socket
+
 from lab.daemon import Daemon
-from lab.node import Node, Segment
+from lab.node import Node, Segment, ipv6_of
 
 
 class Basic:
@@ -15,49 +18,83 @@ class Basic:
     GATEWAY = "10.0.0.1"
     FORWARDER = "10.0.0.2"
     CLIENT = "10.0.0.1"
+    SERVERS = "10.0.0.1{}"  # with the server's number
 
-    def __init__(self, lab, servers=3):
+    def __init__(self, lab, servers=3, ipv6=False):
         self.lab = lab
+        self.ipv6 = ipv6
+        self.family = socket.AF_INET6 if ipv6 else socket.AF_INET  # of the addresses here
         self.net = Segment(lab, "net")
-        self.forwarder = Node(lab, "fwd")
-        self.forwarder.attach(self.net, f"{self.FORWARDER}/24")
+        self.forwarder = self._add_node("fwd", self.net, self.FORWARDER)
         self.forwarder.sysctl(net__ipv4__ip_forward=0, net__ipv4__conf__all__rp_filter=0,
                               net__ipv4__conf__eth0__rp_filter=0,
-                              net__ipv4__conf__all__accept_redirects=0)
+                              net__ipv4__conf__all__accept_redirects=0,
+                              net__ipv6__conf__all__forwarding=0,
+                              net__ipv6__conf__eth0__accept_redirects=0)
         self._add_wires()
         self.servers = [self._add_server(number) for number in range(1, servers + 1)]
         self._add_clients()
         self.daemon = None
+        if ipv6:  # Everything stands; from here on it is spoken to by its other addresses.
+            for name in ("CLUSTER", "GATEWAY", "FORWARDER", "CLIENT", "SERVERS", "ROUTER", "FRONT",
+                         "FAR", "BACK", "RETURN"):
+                if hasattr(self, name):
+                    setattr(self, name, ipv6_of(getattr(self, name)))
+
+    def _add_node(self, name, *cables):
+        """A node with its cables: segment, IPv4 address, segment, IPv4 address..."""
+        node = Node(self.lab, name, self.ipv6)
+        for segment, address in zip(cables[0::2], cables[1::2]):
+            second = [f"{ipv6_of(address)}/64"] if self.ipv6 else []
+            node.attach(segment, f"{address}/24", *second)
+        return node
+
+    def _add_route(self, node, via, network=None):
+        """The default route, or one to a network, of each IP version; by IPv4 addresses."""
+        node.ip("route", "add", network or "default", "via", via)
+        if self.ipv6:
+            node.ip("-6", "route", "add", ipv6_of(network) if network else "default", "via", ipv6_of(via))
 
     def _add_wires(self):
         """Segments and routers that must be there before the servers."""
 
-    @staticmethod
-    def server_address(number):
+    def server_address(self, number):
         """The address of server 1, 2, 3..."""
-        return f"10.0.0.{10 + number}"
+        return self.SERVERS.format(number)
 
     def _add_server(self, number):
-        server = Node(self.lab, f"server{number}")
-        server.attach(self.net, f"{self.server_address(number)}/24")
+        return self._own_cluster(self._add_node(f"server{number}", self.net,
+                                                self.server_address(number)))
+
+    def _own_cluster(self, server):
         server.add_loopback_address(self.CLUSTER)
+        if self.ipv6:
+            server.add_loopback_address(ipv6_of(self.CLUSTER))
         return server
 
     def _add_clients(self):
-        self.client = Node(self.lab, "client")
-        self.client.attach(self.net, f"{self.CLIENT}/24")
+        self.client = self._add_node("client", self.net, self.CLIENT)
 
     def start_web(self, ports=(80,)):
         """nginx on every server."""
         for server in self.servers:
             server.start_web(ports)
 
+    def host(self, address=None):
+        """The cluster's address, or another one, as it stands in a URL or before a port."""
+        address = address or self.CLUSTER
+        return f"[{address}]" if ":" in address else address
+
+    def gateway_words(self):
+        """How the client gateway is set: words of `executor set`."""
+        return ["--client-gateway-ipv6" if self.ipv6 else "--client-gateway", self.GATEWAY]
+
     def start_daemon(self, workers=4, mask=0x200, sync=True, **kwargs):
         """The daemon, with the host's interfaces and the client gateway told to it (sync)."""
         self.daemon = Daemon(self.forwarder, workers, mask, **kwargs).start()
         if sync:
             self.daemon.ctl("interface", "sync")
-            self.daemon.ctl("executor", "set", "--client-gateway", self.GATEWAY)
+            self.daemon.ctl("executor", "set", *self.gateway_words())
         return self.daemon
 
     def configure(self, port=80, algorithm="hash", weights=None, servers=None):
@@ -65,14 +102,14 @@ class Basic:
 
         A cluster that is there already gets one more port.
         """
-        cluster = self.CLUSTER
+        cluster, endpoint = self.CLUSTER, f"{self.host()}:{port}"
         servers = range(1, len(self.servers) + 1) if servers is None else servers
         if cluster not in (one["cluster"] for one in self.daemon.ctl_json("show")["clusters"]):
             self.daemon.ctl("cluster", "add", cluster)
-        self.daemon.ctl("port", "add", f"{cluster}:{port}", "--algorithm", algorithm)
+        self.daemon.ctl("port", "add", endpoint, "--algorithm", algorithm)
         for place, number in enumerate(servers):
             weight = ["--weight", weights[place]] if weights else []
-            self.daemon.ctl("server", "add", f"{cluster}:{port}", self.server_address(number), *weight)
+            self.daemon.ctl("server", "add", endpoint, self.server_address(number), *weight)
         for number in servers:
             self.daemon.wait_neighbour(self.server_address(number))
 
@@ -82,22 +119,21 @@ class Routed(Basic):
 
     CLIENT = "192.168.7.10"
     ROUTER = "192.168.7.1"
+    FRONT = "192.168.7.0/24"
 
     def _add_clients(self):
         self.front = Segment(self.lab, "front")
-        self.router = Node(self.lab, "router")
-        self.router.attach(self.net, f"{self.GATEWAY}/24")
-        self.router.attach(self.front, f"{self.ROUTER}/24")
+        self.router = self._add_node("router", self.net, self.GATEWAY, self.front, self.ROUTER)
         self.router.sysctl(net__ipv4__ip_forward=1, net__ipv4__conf__all__send_redirects=0,
-                           net__ipv4__conf__eth0__send_redirects=0)
-        self.client = Node(self.lab, "client")
-        self.client.attach(self.front, f"{self.CLIENT}/24")
-        self.client.ip("route", "add", "default", "via", self.ROUTER)
+                           net__ipv4__conf__eth0__send_redirects=0,
+                           net__ipv6__conf__all__forwarding=int(self.ipv6))
+        self.client = self._add_node("client", self.front, self.CLIENT)
+        self._add_route(self.client, self.ROUTER)
         self._add_routes()
 
     def _add_routes(self):
         for node in [self.forwarder, *self.servers]:
-            node.ip("route", "add", "default", "via", self.GATEWAY)
+            self._add_route(node, self.GATEWAY)
 
 
 class Far(Routed):
@@ -111,33 +147,27 @@ class Far(Routed):
     BACK = "10.1.0.0/24"
     BACK_GATEWAY = "10.1.0.1"
     RETURN = "10.0.0.50"  # NAT's return address; no node has it
-
-    @staticmethod
-    def server_address(number):
-        """The address of server 1, 2, 3..."""
-        return f"10.1.0.{10 + number}"
+    SERVERS = "10.1.0.1{}"
 
     def _add_wires(self):
         self.back = Segment(self.lab, "back")
-        self.far = Node(self.lab, "far")
-        self.far.attach(self.net, f"{self.FAR}/24")
-        self.far.attach(self.back, f"{self.BACK_GATEWAY}/24")
+        self.far = self._add_node("far", self.net, self.FAR, self.back, self.BACK_GATEWAY)
         self.far.sysctl(net__ipv4__ip_forward=1, net__ipv4__conf__all__rp_filter=0,
                         net__ipv4__conf__eth0__rp_filter=0, net__ipv4__conf__eth1__rp_filter=0,
                         net__ipv4__conf__all__send_redirects=0,
-                        net__ipv4__conf__eth0__send_redirects=0)
-        self.far.ip("route", "add", "default", "via", self.GATEWAY)
+                        net__ipv4__conf__eth0__send_redirects=0,
+                        net__ipv6__conf__all__forwarding=int(self.ipv6))
+        self._add_route(self.far, self.GATEWAY)
 
     def _add_server(self, number):
-        server = Node(self.lab, f"server{number}")
-        server.attach(self.back, f"{self.server_address(number)}/24")
-        server.add_loopback_address(self.CLUSTER)
-        server.ip("route", "add", "default", "via", self.BACK_GATEWAY)
+        server = self._own_cluster(self._add_node(f"server{number}", self.back,
+                                                  self.server_address(number)))
+        self._add_route(server, self.BACK_GATEWAY)
         return server
 
     def _add_routes(self):
-        self.forwarder.ip("route", "add", "default", "via", self.GATEWAY)
-        self.forwarder.ip("route", "add", self.BACK, "via", self.FAR)
+        self._add_route(self.forwarder, self.GATEWAY)
+        self._add_route(self.forwarder, self.FAR, self.BACK)
 
     def configure_far(self, mode, port=80, algorithm="connection", servers=None):
         """One more port whose servers (1, 2, ...; default all) are reached by nat, gre or ipip."""
@@ -147,6 +177,6 @@ class Far(Routed):
         self.configure(port, algorithm, servers=[])
         for number in servers:
             address = self.server_address(number)
-            self.daemon.ctl("server", "add", f"{self.CLUSTER}:{port}", address, *words)
+            self.daemon.ctl("server", "add", f"{self.host()}:{port}", address, *words)
             if mode == "nat":
                 self.daemon.wait_neighbour(address)

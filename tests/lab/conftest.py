@@ -17,11 +17,19 @@ def pytest_configure():
                     "cmake --preset release && cmake --build --preset release", 1)
 
 
+def pytest_generate_tests(metafunc):
+    """A module that names its IP_VERSIONS is tested over each, on a net of its own."""
+    if "net" in metafunc.fixturenames and hasattr(metafunc.module, "IP_VERSIONS"):
+        metafunc.parametrize("net", metafunc.module.IP_VERSIONS, indirect=True, scope="module",
+                             ids=lambda version: f"ipv{version}")
+
+
 @pytest.fixture(name="net", scope="module")
 def _net(request):
     """The topology Basic; a module's make_net(lab) makes another one."""
+    words = {"ipv6": True} if getattr(request, "param", 4) == 6 else {}
     with Lab() as lab:
-        yield getattr(request.module, "make_net", Basic)(lab)
+        yield getattr(request.module, "make_net", Basic)(lab, **words)
 
 
 @pytest.fixture(name="daemon", scope="module")
