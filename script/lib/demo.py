@@ -5,7 +5,7 @@ drained.
 --mode says how packets get to the servers, and the demonstration what to look at: "direct" by their
 hardware addresses on the same segment, the answers straight to the client; "nat" with translated
 addresses through a router and back; "gre" and "ipip" inside other packets through a router, the
-answers straight to the client.
+answers straight to the client. -6 shows it over IPv6, which goes with "direct" and "nat".
 
 Needs root. Installs missing packages, builds the daemon and vellbctl, makes a small network of
 namespaces on this machine, and takes it away again. Nothing is plugged into the host's network.
@@ -45,10 +45,10 @@ def command(node, words, show=True):
 
 def configure(net, mode):
     """From an empty daemon to a served port."""
-    node, port = net.forwarder, f"{net.CLUSTER}:80"
-    lines = ["interface sync", f"executor set --client-gateway {net.GATEWAY}",
+    node, port = net.forwarder, f"{net.host()}:80"
+    lines = ["interface sync", f"executor set {' '.join(net.gateway_words())}",
              f"cluster add {net.CLUSTER}", f"port add {port} --algorithm {mode.algorithm}"]
-    lines += [f"server add {port} {net.server_address(i)} --weight {weight} {mode.words}".rstrip()
+    lines += [f"server add {port} {net.server_address(i)} --weight {weight} {mode.words(net)}".rstrip()
               for i, weight in enumerate(WEIGHTS, start=1)]
     for line in lines:
         command(node, line)
@@ -61,7 +61,7 @@ def request(net, count, step):
         end = min(start + 499, count)
         done = net.client.run(
             ["curl", "-sS", "-H", "Connection: close", "--connect-timeout", "3", "--max-time", "5",
-             "-w", "%{http_code} %{local_port}\n", f"http://{net.CLUSTER}/[{start}-{end}]"],
+             "-w", "%{http_code} %{local_port}\n", f"http://{net.host()}/[{start}-{end}]"],
             check=False)
         words = done.stdout.split()
         for name, status, port in zip(words[0::3], words[1::3], words[2::3]):
@@ -88,14 +88,15 @@ def report(net, mode, answers, capture):
     """Who answered what; raises when it is not what the forwarder promises."""
     per_server = collections.Counter(name for name, _ in answers)
     shown = mode.evidence(net, capture)
-    print(f"\n  {'server':<9} {'address':<12} {'hardware address':<19} {'weight':>6} {'requests':>9} "
+    width = max(12, *(len(net.server_address(number)) for number in (1, 2, 3)))
+    print(f"\n  {'server':<9} {'address':<{width}} {'hardware address':<19} {'weight':>6} {'requests':>9} "
           f"{'share':>6}  {mode.header}")
     for number, weight in enumerate(WEIGHTS, start=1):
         name, address = f"server{number}", net.server_address(number)
         share = per_server[name] / len(answers)
-        print(f"  {name:<9} {address:<12} {mac_of(address):<19} {weight:>6} {per_server[name]:>9} "
+        print(f"  {name:<9} {address:<{width}} {mac_of(address):<19} {weight:>6} {per_server[name]:>9} "
               f"{share:>6.0%}  {shown[number]}")
-    print(f"  {'forwarder':<9} {net.FORWARDER:<12} {mac_of(net.FORWARDER):<19} {'':>6} {'':>9} {'':>6}  "
+    print(f"  {'forwarder':<9} {net.FORWARDER:<{width}} {mac_of(net.FORWARDER):<19} {'':>6} {'':>9} {'':>6}  "
           f"{shown[0]}".rstrip())
     misplaced = [(name, port) for name, port in answers
                  if mode.algorithm == "hash" and name != chosen_by(port)]
@@ -109,10 +110,10 @@ def report(net, mode, answers, capture):
 
 def configure_echo(net, mode):
     """A port whose connections keep their server."""
-    command(net.forwarder, f"port add {net.CLUSTER}:{ECHO} --algorithm connection")
+    command(net.forwarder, f"port add {net.host()}:{ECHO} --algorithm connection")
     for number in (1, 2, 3):
-        command(net.forwarder, f"server add {net.CLUSTER}:{ECHO} {net.server_address(number)} --weight 1 "
-                f"{mode.words}".rstrip())
+        command(net.forwarder, f"server add {net.host()}:{ECHO} {net.server_address(number)} --weight 1 "
+                f"{mode.words(net)}".rstrip())
 
 
 def look(net, sessions, title):
@@ -131,7 +132,7 @@ def look(net, sessions, title):
     open_on = collections.Counter(s.server for s in found)
 
     def counted():
-        shown = net.daemon.ctl_json("server", "show", f"{net.CLUSTER}:{ECHO}")["servers"]
+        shown = net.daemon.ctl_json("server", "show", f"{net.host()}:{ECHO}")["servers"]
         active = {s["server"]: s["connections"]["active"] for s in shown}
         return active if sum(active.values()) == len(found) else None
 
@@ -166,14 +167,14 @@ def show_sessions(net, mode):
     """The second scene: long sessions, and a server that is drained under them."""
     print("\n  Connections that stay: a second port, whose algorithm remembers each connection's server.\n")
     configure_echo(net, mode)
-    weight = f"server set {net.CLUSTER}:{ECHO} {net.server_address(int(DRAINED[-1]))} --weight"
+    weight = f"server set {net.host()}:{ECHO} {net.server_address(int(DRAINED[-1]))} --weight"
     with steps.Step(f"{SESSIONS} sessions opened, each with data on its way all the time"):
         sessions = LongSessions(net, [ECHO])
         sessions.open(ECHO, SESSIONS)
     looks = [look(net, sessions, "before")]
     command(net.forwarder, f"{weight} 0")
     looks.append(look(net, sessions, f"{DRAINED} has weight 0"))
-    for line in command(net.forwarder, f"server show {net.CLUSTER}:{ECHO}").splitlines():
+    for line in command(net.forwarder, f"server show {net.host()}:{ECHO}").splitlines():
         print(f"    {line}".rstrip())
     command(net.forwarder, f"{weight} 1")
     looks.append(look(net, sessions, "weight 1 again"))
@@ -185,7 +186,7 @@ def keep(net, lab):
     print(f"""
   The lab stays up. In another terminal, as root, in {steps.REPO}:
 
-    python3 -m lab shell client     then: curl http://{net.CLUSTER}/
+    python3 -m lab shell client     then: curl http://{net.host()}/
     python3 -m lab shell fwd        then: vellbctl show; vellbctl --help
     ip netns exec {lab.name('server1')} tshark -i eth0
     tail -f {net.daemon.log_path}
@@ -202,14 +203,14 @@ def show(args):
     with Lab() as lab:
         try:
             with steps.Step("lab: a client, the forwarder's host and three nginx servers in namespaces"):
-                net = mode.make(lab)
+                net = mode.make(lab, args.ipv6)
             with steps.Step("vellb2 started"):
                 net.start_daemon(sync=False, log=log)
             print("\n  The configuration, as typed on the forwarder's host:\n")
             configure(net, mode)
             print()
             with mode.watch(net) as capture:
-                with steps.Step(f"{args.requests} requests: client# curl http://{net.CLUSTER}/") as step:
+                with steps.Step(f"{args.requests} requests: client# curl http://{net.host()}/") as step:
                     answers = request(net, args.requests, step)
                 report(net, mode, answers, capture)
             print()
@@ -235,12 +236,15 @@ def main():
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--mode", choices=MODES, default="direct",
                         help="how packets get to the servers (default direct)")
+    parser.add_argument("-6", "--ipv6", action="store_true", help="over IPv6 (direct and nat)")
     parser.add_argument("--requests", type=int, default=1000, metavar="N",
                         help="how many HTTP requests the client sends (default 1000)")
     parser.add_argument("--keep", action="store_true", help="leave the lab up until Ctrl-C")
     args = parser.parse_args()
     if not 10 <= args.requests <= 100000:
         parser.error(f"argument --requests: {args.requests} is not from 10 to 100000")
+    if args.ipv6 and not MODES[args.mode].ipv6:
+        parser.error(f"argument -6/--ipv6: {args.mode} tunnels carry IPv4 only")
     if os.geteuid() != 0:
         raise steps.StepFailed("network namespaces need root: run it as root")
     steps.bootstrap()

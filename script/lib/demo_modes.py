@@ -4,6 +4,7 @@ A mode's evidence are frames: of the client in direct mode, of the forwarder in 
 """
 
 import collections
+import socket
 import struct
 
 import steps
@@ -14,24 +15,43 @@ TCP, CARRIERS = 6, {4: "IPIP", 47: "GRE", 6: "TCP"}
 
 
 def packets(capture):
-    """A capture's IPv4 packets: (source MAC, source, destination, protocol, source port)."""
+    """A capture's IP packets: (source MAC, source, destination, protocol, source port)."""
     for frame in capture.drain():
         if len(frame) >= 54 and frame[12:14] == b"\x08\x00":
-            port = struct.unpack_from("!H", frame, 14 + (frame[14] & 15) * 4)[0]
-            addresses = [".".join(map(str, frame[at:at + 4])) for at in (26, 30)]
-            yield frame[6:12].hex(":"), *addresses, frame[23], port
+            family, ends, protocol, data = socket.AF_INET, (26, 30, 34), 23, 14 + (frame[14] & 15) * 4
+        elif len(frame) >= 74 and frame[12:14] == b"\x86\xdd":
+            family, ends, protocol, data = socket.AF_INET6, (22, 38, 54), 20, 54
+        else:
+            continue
+        addresses = [socket.inet_ntop(family, frame[a:b]) for a, b in zip(ends, ends[1:])]
+        port = struct.unpack_from("!H", frame, data)[0]
+        yield frame[6:12].hex(":"), *addresses, frame[protocol], port
+
+
+def question(net):
+    """How hosts ask for a hardware address."""
+    return "neighbour solicitation" if net.ipv6 else "ARP request"
+
+
+def age(net):
+    """What the IP header calls the count that ends a packet's life."""
+    return "hop limit" if net.ipv6 else "TTL"
 
 
 class Direct:
     """Servers on the forwarder's segment, reached by their hardware addresses."""
 
     algorithm = "hash"
-    words = ""
+    ipv6 = True  # can it be shown over IPv6?
     header = "frames of its answers, straight to the client"
 
-    def make(self, lab):
+    def words(self, _net):
+        """What `server add` is told."""
+        return ""
+
+    def make(self, lab, ipv6):
         """The network, with web servers."""
-        net = Basic(lab)
+        net = Basic(lab, ipv6=ipv6)
         net.start_web()
         return net
 
@@ -52,9 +72,9 @@ class Direct:
     def explain(self, net):
         """What one has seen."""
         return f"""
-  What happened: no host owns {net.CLUSTER} on the wire. vellb2 answered the client's ARP request for
-  it, took each packet that came, chose a server by the client's port (port mod {sum(WEIGHTS)}, the sum of the
-  weights) and sent the packet on with nothing but its hardware addresses and TTL changed. The
+  What happened: no host owns {net.CLUSTER} on the wire. vellb2 answered the client's {question(net)}
+  for it, took each packet that came, chose a server by the client's port (port mod {sum(WEIGHTS)}, the sum of the
+  weights) and sent the packet on with nothing but its hardware addresses and {age(net)} changed. The
   servers carry the address on lo, so they took it for theirs and answered the client directly:
   the answers never passed the forwarder."""
 
@@ -63,11 +83,13 @@ class Nat(Direct):
     """Servers behind a router, spoken to from a return address."""
 
     algorithm = "connection"
-    words = f"--nat --return-address {Far.RETURN} --router-address {Far.FAR}"
     header = "translated: packets to it, from it"
 
-    def make(self, lab):
-        net = Far(lab)
+    def words(self, net):
+        return f"--nat --return-address {net.RETURN} --router-address {net.FAR}"
+
+    def make(self, lab, ipv6):
+        net = Far(lab, ipv6=ipv6)
         net.start_web()
         return net
 
@@ -95,21 +117,24 @@ class Nat(Direct):
   What happened: the servers stand behind a router ({net.FAR}) and need not know {net.CLUSTER}.
   vellb2 sent them each client's packets from {net.RETURN}, an address that no host has, with a source
   port for every connection (1025, 1026, ...); that is what their logs show. It answered the router's
-  ARP request for {net.RETURN}, turned the servers' answers back and sent them to the client gateway."""
+  {question(net)} for {net.RETURN}, turned the servers' answers back and sent them to the client gateway."""
 
 
 class Tunnel(Nat):
     """Servers behind a router, reached inside other packets."""
 
     algorithm = "hash"
+    ipv6 = False
 
     def __init__(self, kind, protocol):
-        self.words = f"--encap {kind}"
         self.kind, self.protocol = kind, protocol
         self.header = f"{CARRIERS[protocol]} packets to it; its answers at the forwarder"
 
-    def make(self, lab):
-        net = super().make(lab)
+    def words(self, _net):
+        return f"--encap {self.kind}"
+
+    def make(self, lab, ipv6):
+        net = super().make(lab, ipv6)
         for server in net.servers:
             server.decapsulate(self.kind)
         return net
