@@ -1,16 +1,19 @@
 """Packets for the lab's tests: built by scapy, told apart by a few words of their bytes."""
 
+import socket
 import struct
 
 from scapy.layers.inet import ICMP, IP, TCP, UDP
+from scapy.layers.inet6 import IPv6
 from scapy.layers.l2 import ARP, Dot1Q, Ether
 from scapy.packet import Padding, Raw
 
-__all__ = ["ARP", "Dot1Q", "ETH_ARP", "ETH_IP", "Ether", "ICMP", "IP", "Padding", "Raw", "TCP", "UDP",
-           "ethertype", "is_arp", "is_icmp", "without_padding"]
+__all__ = ["ARP", "Dot1Q", "ETH_ARP", "ETH_IP", "ETH_IPV6", "Ether", "ICMP", "IP", "IPv6", "Padding", "Raw",
+           "TCP", "UDP", "ethertype", "is_arp", "is_icmp", "is_icmpv6", "without_padding"]
 
 ETH_IP = 0x0800
 ETH_ARP = 0x0806
+ETH_IPV6 = 0x86DD
 
 
 def ethertype(frame):
@@ -37,6 +40,19 @@ def is_icmp(kind, code=None):
     def match(frame):
         return (ethertype(frame) == ETH_IP and frame[23] == 1 and Ether(frame)[ICMP].type == kind
                 and code in (None, Ether(frame)[ICMP].code))
+
+    return match
+
+
+def is_icmpv6(kind, target=None):
+    """A match for ICMPv6 messages (bytes of a frame) without extension headers.
+
+    A target is the address that a solicitation or advertisement is about.
+    """
+
+    def match(frame):
+        return (ethertype(frame) == ETH_IPV6 and frame[20] == 58 and frame[54] == kind
+                and target in (None, socket.inet_ntop(socket.AF_INET6, frame[62:78].ljust(16, b"\0"))))
 
     return match
 

@@ -8,11 +8,13 @@ import socket
 import time
 
 import pytest
-from packets import IP, UDP, Ether, Raw
+from packets import IP, UDP, Ether, IPv6, Raw
 from scapy.layers.inet import fragment
+from scapy.layers.inet6 import IPv6ExtHdrFragment, fragment6
 
 from lab import LabError, wait_until
 
+IP_VERSIONS = (4, 6)
 PORT = 5000
 SIZE = 8192
 COUNT = 60
@@ -28,7 +30,7 @@ def _sinks(net, daemon):
     net.configure(PORT)
     sinks = []
     for server in net.servers:
-        made = server.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        made = server.socket(net.family, socket.SOCK_DGRAM)
         made.setsockopt(socket.SOL_SOCKET, 33, 8 << 20)  # SO_RCVBUFFORCE
         made.bind((net.CLUSTER, PORT))
         made.setblocking(False)
@@ -59,7 +61,7 @@ def collect(sinks, want, timeout=5):
 
 def test_kernels_datagrams_arrive_whole(net, sinks):
     found = [[] for _ in sinks]
-    with net.client.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
+    with net.client.socket(net.family, socket.SOCK_DGRAM) as client:
         for first in range(0, COUNT, BURST):  # No more than a busy machine's socket buffers hold.
             for number in range(first, first + BURST):
                 client.sendto(content(number), (net.CLUSTER, PORT))
@@ -78,37 +80,49 @@ ORDERS = {
 }
 
 
+def framed(net, packet):
+    """A packet in a frame to the forwarder."""
+    return Ether(dst=net.forwarder.mac(), src=net.client.mac()) / packet
+
+
+def cut(net, number, data, source=None):
+    """The frames of a datagram in pieces, by scapy."""
+    ends = {"src": source or net.CLIENT, "dst": net.CLUSTER}
+    whole = UDP(sport=4000 + number % 1000, dport=PORT) / Raw(data)
+    parts = (fragment6(IPv6(**ends) / IPv6ExtHdrFragment(id=number) / whole, 1496) if net.ipv6 else
+             fragment(IP(id=number, **ends) / whole, 1480))
+    return [framed(net, part) for part in parts]
+
+
 @pytest.mark.parametrize("order", ORDERS)
 def test_any_order_arrives_whole(net, sinks, order):
     first = 100 * (1 + list(ORDERS).index(order))  # An old identification has its server already.
-    ends = {"dst": net.forwarder.mac(), "src": net.client.mac()}
-
-    def cut(number):
-        whole = IP(src=net.CLIENT, dst=net.CLUSTER, id=number) / UDP(sport=4000 + number, dport=PORT)
-        return [Ether(**ends) / part for part in fragment(whole / Raw(content(number)), 1480)]
-
     found = []
     with net.client.injector() as client:
         for number in range(first, first + 20, 2):
-            client.send(*ORDERS[order](cut(number), cut(number + 1)))
+            client.send(*ORDERS[order](*(cut(net, each, content(each)) for each in (number, number + 1))))
             found += itertools.chain(*collect(sinks, 2))
     assert sorted(found) == sorted(map(content, range(first, first + 20)))
 
 
 def test_those_that_wait_for_a_first_stay_within_the_budget(net, daemon, sinks):
-    ends = {"dst": net.forwarder.mac(), "src": net.client.mac()}
-    packet = IP(src=net.CLIENT, dst=net.CLUSTER, frag=185, proto=17, chksum=0) / Raw(bytes(64))
-    frame = bytearray(bytes(Ether(**ends) / packet))
-    before, already = daemon.rss_kb(), daemon.counters()["received"]
+    ends, protocol = {"src": net.CLIENT, "dst": net.CLUSTER}, "ipv6" if net.ipv6 else "ipv4"
+    packet = (IPv6(**ends) / IPv6ExtHdrFragment(offset=185, nh=17) if net.ipv6 else
+              IP(frag=185, proto=17, chksum=0, **ends)) / Raw(bytes(64))
+    frame = bytearray(bytes(framed(net, packet)))
+    before, already = daemon.rss_kb(), daemon.counters(protocol)["received"]
     number = taken = largest = 0
     with net.client.injector() as client:
         while taken < FLOOD:  # What finds the socket's buffer full is lost.
             for number in range(number + 1, number + 20_001):
-                frame[18:20] = (number & 0xFFFF).to_bytes(2, "big")
-                frame[28:30] = (number >> 16).to_bytes(2, "big")  # The address of its sender.
+                if net.ipv6:
+                    frame[58:62] = number.to_bytes(4, "big")
+                else:
+                    frame[18:20] = (number & 0xFFFF).to_bytes(2, "big")
+                    frame[28:30] = (number >> 16).to_bytes(2, "big")  # The address of its sender.
                 client.socket.send(frame)
             largest = max(largest, daemon.rss_kb())
-            taken = daemon.counters()["received"] - already
+            taken = daemon.counters(protocol)["received"] - already
     print(f"{taken} of {number} taken, {largest - before} KB more at most")
     # Records that have lost their packet, and what the allocator keeps, come on top.
     assert BUDGET_KB // 4 < largest - before < BUDGET_KB * 3 // 2
@@ -117,11 +131,9 @@ def test_those_that_wait_for_a_first_stay_within_the_budget(net, daemon, sinks):
 
 def arrives(net, sinks, data):
     """Whether a datagram arrives that another host sends in pieces, the last one first."""
-    ends = {"dst": net.forwarder.mac(), "src": net.client.mac()}
     number = int(time.monotonic() * 10) & 0xFFFF
-    whole = IP(src="198.51.100.77", dst=net.CLUSTER, id=number) / UDP(sport=77, dport=PORT) / Raw(data)
     with net.client.injector() as client:
-        client.send(*[Ether(**ends) / part for part in reversed(fragment(whole, 1480))])
+        client.send(*reversed(cut(net, number, data, "2001:db8:f::77" if net.ipv6 else "198.51.100.77")))
     with contextlib.suppress(LabError):
         return data in itertools.chain(*collect(sinks, 1, timeout=1))
     return False

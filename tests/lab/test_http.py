@@ -11,6 +11,7 @@ import pytest
 
 from lab import Routed
 
+IP_VERSIONS = (4, 6)
 make_net = Routed  # the client sits behind a router, which is the client gateway
 REQUESTS = 10_000
 WEIGHTS = (1, 3, 1)
@@ -39,7 +40,7 @@ def test_every_request_is_answered_by_the_server_of_its_port(web):
     done = web.client.run(
         ["curl", "-sS", "--parallel", "--parallel-max", "16", "-H", "Connection: close",
          "--connect-timeout", "5", "--max-time", "10", "-o", "/dev/null",
-         "-w", "%{http_code} %{local_port}\n", f"http://{web.CLUSTER}/[1-{REQUESTS}]"],
+         "-w", "%{http_code} %{local_port}\n", f"http://{web.host()}/[1-{REQUESTS}]"],
         check=False, timeout=120)
     assert done.returncode == 0, done.stderr[-500:]
     answers = [line.split() for line in done.stdout.splitlines()]
@@ -59,7 +60,7 @@ def test_every_request_is_answered_by_the_server_of_its_port(web):
 
 def test_kept_connections_stay_with_their_server(web):
     done = web.client.run(["wrk", "-t", "1", "-c", "20", "-d", "1s", "--timeout", "5s",
-                           f"http://{web.CLUSTER}/"])
+                           f"http://{web.host()}/"])
     assert int(re.search(r"(\d+) requests in", done.stdout)[1]) > 100
     assert "Socket errors" not in done.stdout and "Non-2xx" not in done.stdout
     for number, server in enumerate(web.servers, start=1):
@@ -68,11 +69,11 @@ def test_kept_connections_stay_with_their_server(web):
 
 
 def test_upload_in_full_frames_arrives_whole(web, daemon):
-    daemon.ctl("port", "add", f"{web.CLUSTER}:{UPLOAD}")
-    daemon.ctl("server", "add", f"{web.CLUSTER}:{UPLOAD}", web.server_address(2))
+    daemon.ctl("port", "add", f"{web.host()}:{UPLOAD}")
+    daemon.ctl("server", "add", f"{web.host()}:{UPLOAD}", web.server_address(2))
     data = hashlib.shake_128(b"upload").digest(2_000_000)
-    with contextlib.closing(web.servers[1].socket(socket.AF_INET, socket.SOCK_STREAM)) as listener, \
-            contextlib.closing(web.client.socket(socket.AF_INET, socket.SOCK_STREAM)) as client:
+    with contextlib.closing(web.servers[1].socket(web.family, socket.SOCK_STREAM)) as listener, \
+            contextlib.closing(web.client.socket(web.family, socket.SOCK_STREAM)) as client:
         listener.bind((web.CLUSTER, UPLOAD))
         listener.listen()
         client.settimeout(10)

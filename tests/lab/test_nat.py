@@ -6,11 +6,12 @@ import select
 import socket
 
 import pytest
-from packets import IP, Ether
+from packets import IP, TCP, Ether, IPv6
 
 from lab import Far
 
 make_net = Far
+IP_VERSIONS = (4, 6)
 FIRST_PORT = 1025
 SESSIONS = 7
 LATE = "CR not found in NAT return path Port: {}"
@@ -31,12 +32,12 @@ def _session(web):
     """Makes connections from the client to the cluster: both ends, the client's and a server's."""
     listeners = []
     for server in web.servers:
-        listeners.append(server.socket(socket.AF_INET, socket.SOCK_STREAM))
-        listeners[-1].bind(("0.0.0.0", SESSIONS))
+        listeners.append(server.socket(web.family, socket.SOCK_STREAM))
+        listeners[-1].bind(("", SESSIONS))
         listeners[-1].listen()
 
     def connect():
-        client = web.client.socket(socket.AF_INET, socket.SOCK_STREAM)
+        client = web.client.socket(web.family, socket.SOCK_STREAM)
         client.settimeout(5)
         client.connect((web.CLUSTER, SESSIONS))
         served, _ = select.select(listeners, [], [], 5)[0][0].accept()
@@ -49,9 +50,8 @@ def _session(web):
 def test_requests_take_ports_in_turn_and_keep_their_ttl(web):
     with web.forwarder.capture(outgoing=True) as seen:
         done = web.client.run(["curl", "-sS", "-H", "Connection: close", "--max-time", "5",
-                               f"http://{web.CLUSTER}/[1-20]"])
-        frames = [Ether(frame) for frame in seen.drain()
-                  if frame[12:14] == b"\x08\x00" and frame[23] == 6]
+                               f"http://{web.host()}/[1-20]"])
+        found = [frame for frame in map(Ether, seen.drain(quiet=0.2)) if TCP in frame]
     assert sorted(done.stdout.split()) == ["server1"] * 10 + ["server2"] * 10
     logs = [(number, line) for number, server in enumerate(web.servers, start=1)
             for line in server.web_log()]
@@ -59,8 +59,10 @@ def test_requests_take_ports_in_turn_and_keep_their_ttl(web):
     assert all(line[2] == web.server_address(number) for number, line in logs)
     assert sorted(line[1] for _, line in logs) == list(range(FIRST_PORT, FIRST_PORT + 20))
 
+    packets = [(f[IPv6], f[IPv6].hlim) if IPv6 in f else (f[IP], f[IP].ttl) for f in found]
+
     def ttls(**wanted):
-        return {f[IP].ttl for f in frames if all(getattr(f[IP], k) == v for k, v in wanted.items())}
+        return {ttl for ip, ttl in packets if all(getattr(ip, k) == v for k, v in wanted.items())}
 
     assert ttls(dst=web.CLUSTER) == ttls(src=web.RETURN) == {63}  # the client's, less one router
     assert ttls(dst=web.RETURN) == ttls(src=web.CLUSTER) == {63}
@@ -83,23 +85,23 @@ def test_both_directions_carry_full_frames(session):
 def test_reset_gives_the_port_back(web, daemon, session):
     client, served = session()
     address, natport = served.getsockname()[0], served.getpeername()[1]
-    daemon.ctl(f"port set {web.CLUSTER}:{SESSIONS} --reset on")
-    daemon.ctl(f"server set {web.CLUSTER}:{SESSIONS} {address} --weight 0")
+    daemon.ctl(f"port set {web.host()}:{SESSIONS} --reset on")
+    daemon.ctl(f"server set {web.host()}:{SESSIONS} {address} --weight 0")
     client.send(b"drained")
     with pytest.raises(ConnectionResetError):
         client.recv(1)
     mark = daemon.mark()
     served.send(b"late")  # its own connection has not heard of the end
     daemon.wait_log(LATE.format(natport), since=mark)
-    daemon.ctl(f"server set {web.CLUSTER}:{SESSIONS} {address} --weight 10")
+    daemon.ctl(f"server set {web.host()}:{SESSIONS} {address} --weight 10")
 
 
 def test_removed_server_leaves_the_other_its_return_address(web, daemon, session):
     for number in (1, 2):  # in turn
-        daemon.ctl(f"server set {web.CLUSTER}:{SESSIONS} {web.server_address(number)} --weight 1")
+        daemon.ctl(f"server set {web.host()}:{SESSIONS} {web.server_address(number)} --weight 1")
     sessions = [session() for _ in range(4)]
     gone = web.server_address(1)
-    daemon.ctl(f"server rm {web.CLUSTER}:{SESSIONS} {gone}")
+    daemon.ctl(f"server rm {web.host()}:{SESSIONS} {gone}")
     mark = daemon.mark()
     for client, served in sessions:
         served.send(b"from the server")

@@ -9,9 +9,10 @@ import time
 
 import pytest
 
-from lab import wait_until
+from lab import ipv6_of, wait_until
 from lab.sessions import LongSessions
 
+IP_VERSIONS = (4, 6)
 ECHO, STICKY_ECHO = 7, 9  # connection; connections whose server is the client's
 WEB, SHOP, TILL, RULED = 80, 81, 82, 83  # connection; two that are affinity's; connection
 COUNT = 200
@@ -30,10 +31,11 @@ class Farm:
         self.net, self.daemon = net, daemon
         self.address = {server.name: net.server_address(i) for i, server in enumerate(net.servers, start=1)}
         self.names = sorted(self.address)
+        self.clients = [ipv6_of(client) for client in CLIENTS] if net.ipv6 else CLIENTS
 
     def port(self, port):
         """A port as vellbctl writes it."""
-        return f"{self.net.CLUSTER}:{port}"
+        return f"{self.net.host()}:{port}"
 
     def weigh(self, port, name, weight):
         """Sets a server's weight."""
@@ -75,9 +77,9 @@ class Farm:
 def _farm(net, daemon):
     net.start_web((WEB, SHOP, TILL, RULED))
     net.client.sysctl(net__ipv4__ip_local_port_range="10000 65000")
-    for client in CLIENTS:
-        net.client.ip("address", "add", f"{client}/24", "dev", "eth0")
     made = Farm(net, daemon)
+    for client in made.clients:
+        net.client.ip("address", "add", f"{client}/{64 if net.ipv6 else 24}", "dev", "eth0")
     daemon.ctl("cluster", "add", net.CLUSTER)
     for port, options in PORTS.items():
         daemon.ctl("port", "add", made.port(port), *(options or ["--algorithm", "connection"]))
@@ -193,7 +195,7 @@ def test_removed_server_takes_its_sessions_and_no_others(farm, sessions):
 
 def test_client_returns_to_its_server_on_both_ports_for_the_sticky_time(farm):
     homes = {}
-    for number, client in enumerate(CLIENTS):  # every other one begins at the second port
+    for number, client in enumerate(farm.clients):  # every other one begins at the second port
         for port in (SHOP, TILL)[::1 if number % 2 else -1]:
             status, servers = farm.fetch(port, 4, client)
             assert status == 0
@@ -201,18 +203,18 @@ def test_client_returns_to_its_server_on_both_ports_for_the_sticky_time(farm):
     assert {len(servers) for servers in homes.values()} == {1}
     assert {name for servers in homes.values() for name in servers} == set(farm.names)
 
-    left = homes[CLIENTS[0]].pop()
+    left = homes[farm.clients[0]].pop()
     for port in (SHOP, TILL):
         farm.weigh(port, left, 0)
-    moved = farm.fetch(SHOP, 4, CLIENTS[0])[1]
+    moved = farm.fetch(SHOP, 4, farm.clients[0])[1]
     assert len(set(moved)) == 1 and left not in moved
     for port in (SHOP, TILL):
         farm.weigh(port, left, 1)
-    assert farm.fetch(TILL, 4, CLIENTS[0]) == (0, moved)  # its old server is back, it stays all the same
+    assert farm.fetch(TILL, 4, farm.clients[0]) == (0, moved)  # its old server is back, it stays all the same
 
     began = time.monotonic()
-    status, servers = farm.fetch(SHOP, 1, CLIENTS[1])
-    assert (status, set(servers)) == (0, homes[CLIENTS[1]])
+    status, servers = farm.fetch(SHOP, 1, farm.clients[1])
+    assert (status, set(servers)) == (0, homes[farm.clients[1]])
     said = time.monotonic()
     wait_until(lambda: not any(c["active"] for port in (SHOP, TILL) for c in farm.connections(port).values()),
                STICKY_S + 10, "the clients to be forgotten", interval=0.1)
@@ -244,10 +246,11 @@ def test_rule_sends_to_its_servers_and_an_empty_one_drops(farm):
     farm.weigh(RULED, used, 1)
 
     farm.daemon.ctl("rule", "add", port, 3, "--type", "true")  # before 5, and without servers
-    before = farm.daemon.counters()["discarded"]
+    protocol = "ipv6" if farm.net.ipv6 else "ipv4"
+    before = farm.daemon.counters(protocol)["discarded"]
     status, servers = farm.fetch(RULED, wait_s=1)
     assert (status, servers) == (28, [])  # curl's word for a time that is up
-    assert farm.daemon.counters()["discarded"] > before
+    assert farm.daemon.counters(protocol)["discarded"] > before
     refused = farm.daemon.ctl("server", "rm", port, farm.address[used], check=False)
     assert refused.returncode != 0 and "HASCHILD" in refused.stderr
 
