@@ -279,9 +279,10 @@ class Node:
         self.add_loopback_address(address)
         self.sysctl(net__ipv4__conf__all__rp_filter=0, **{f"net__ipv4__conf__{device}__rp_filter": 0})
         self.ip("link", "set", device, "up")
-        self.run(["nft", "add table ip once; add chain ip once wire "
+        ip = "ip6" if ":" in address else "ip"
+        self.run(["nft", f"add table {ip} once; add chain {ip} once wire "
                   "{ type filter hook prerouting priority raw; }; "
-                  f"add rule ip once wire iifname {ifname} ip daddr {address} drop"])
+                  f"add rule {ip} once wire iifname {ifname} {ip} daddr {address} drop"])
 
     def start_web(self, ports=(80,), body=0):
         """nginx that answers every request with the node's name; its log: web_log().
