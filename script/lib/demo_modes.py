@@ -154,9 +154,9 @@ class Tunnel(Nat):
     def explain(self, net):
         return f"""
   What happened: the servers stand behind a router, out of reach of hardware addresses. vellb2 sent
-  each packet as it came inside a {CARRIERS[self.protocol]} packet to its server, where it was
-  taken out again. The servers carry {net.CLUSTER} on lo and answered the client directly: no answer passed the forwarder.
-  Their neighbours are shown as "no interface", because they are on none of the forwarder's networks:
+  each packet as it came to its server, inside another one ({CARRIERS[self.protocol]}), where it was
+  taken out again. The servers carry {net.CLUSTER} on lo and answered the client directly: no answer
+  passed the forwarder. Their neighbours are shown as "no interface", because they are on none of the forwarder's networks:
   its host's routes lead to them."""
 
 
