@@ -347,6 +347,16 @@ bool lb_ept_freeif(EXC_EphemeralPortTable *pept, lb_u16_t port, const lbsel_cr_o
     return true;
 }
 
+void lb_ept_claim(EXC_EphemeralPortTable *pept, lb_u16_t port, lbsel_cr_obj_t *cr)
+{
+    if (port <= LOWPORTS) {
+        return;
+    }
+    ept_guard held(pept);
+    lb_pokeptr(slotof(pept, port), cr);
+    pept->usNextPort = slotafter(static_cast<lb_u16_t>(port - EXC_EPT_FIRSTPORT));
+}
+
 lbsel_cr_obj_t *EXC_EPTGetCR(EXC_EphemeralPortTable *pept, lb_u16_t natport)
 {
     if (natport <= LOWPORTS) {

@@ -51,11 +51,6 @@ void _lbsel_at_forget(void *record)
     lb_pokeptr(ar->crossportServer, nullptr);
 }
 
-lbsel_table_t _lbsel_at_table(lbsel_at_obj_t *at)
-{
-    return {.lookup = &at->lookup, .pool = &at->pool, .forget = _lbsel_at_forget};
-}
-
 lbsel_at_obj_t *_lbsel_at_ofport(const lbport_obj_t *port)
 {
     return static_cast<lbsel_at_obj_t *>(lb_peekptr(port->at));
@@ -75,13 +70,6 @@ lbsrv_obj_t *_lbsel_at_twin(const lbsrv_obj_t *server, lb_u16_t port)
     key.cfg.port = port;
     static_assert(offsetof(lbsrv_obj_t, config) == 0);
     return reinterpret_cast<lbsrv_obj_t *>(lbcmd_lookup(LBCMD_KEYTYPE_CONFIG, &key));
-}
-
-lbsrv_obj_t *_lbsel_at_crossport(lbsrv_obj_t *server)
-{
-    const lb_u16_t number = lbport_number(server->parent);
-    const lb_u16_t partner = lb_peek(server->parent->addable.crossport);
-    return partner == number ? server : _lbsel_at_twin(server, partner);
 }
 
 // What a look at a client's record, or the attempt to make one, came to.
@@ -140,14 +128,6 @@ int _lbsel_at_refresh(lbpbuf_obj_t *pkt, lbsel_at_obj_t *at, lbsrv_obj_t *server
         return 1;
     }
     return 0;
-}
-
-// Whether the record that was found is still this client's, on this server.
-bool _lbsel_at_isstill(lbsrv_obj_t *server, const lbsel_ar_obj_t *ar, const lbsel_ar_key_t *key)
-    LB_NEEDS(server->sel.arlist)
-{
-    return lb_peekptr(ar->expirelist._list) == &server->sel.arlist &&
-           lbip_isaddrequal(&ar->arkey.sip, &key->sip) != 0;
 }
 
 // Whether the client is to go elsewhere: its server takes no more, and others do.
@@ -372,6 +352,24 @@ bool _lbsel_at_isleft(lbsel_at_obj_t *at)
 }
 
 } // namespace
+
+lbsel_table_t _lbsel_at_table(lbsel_at_obj_t *at)
+{
+    return {.lookup = &at->lookup, .pool = &at->pool, .forget = _lbsel_at_forget};
+}
+
+lbsrv_obj_t *_lbsel_at_crossport(lbsrv_obj_t *server)
+{
+    const lb_u16_t number = lbport_number(server->parent);
+    const lb_u16_t partner = lb_peek(server->parent->addable.crossport);
+    return partner == number ? server : _lbsel_at_twin(server, partner);
+}
+
+bool _lbsel_at_isstill(lbsrv_obj_t *server, const lbsel_ar_obj_t *ar, const lbsel_ar_key_t *key)
+{
+    return lb_peekptr(ar->expirelist._list) == &server->sel.arlist &&
+           lbip_isaddrequal(&ar->arkey.sip, &key->sip) != 0;
+}
 
 lbsrv_obj_t *lbsel_at_chooseserver(lbpbuf_obj_t *pkt, lbsel_at_obj_t *at)
 {

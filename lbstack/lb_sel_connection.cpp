@@ -114,11 +114,6 @@ void _lbsel_ct_forget(void *record)
     lb_pokeptr(cr->server, nullptr);
 }
 
-lbsel_table_t retiring(lbsel_ct_obj_t *ct)
-{
-    return {.lookup = &ct->lookup, .pool = &ct->pool, .forget = _lbsel_ct_forget};
-}
-
 // --- One packet ----------------------------------------------------------------------------------
 
 // What a look at a connection's record, or the attempt to make one, came to.
@@ -233,13 +228,6 @@ bool isof(lbsrv_obj_t *server, const lbsel_cr_obj_t *cr) LB_NEEDS(server->sel.ac
     return list == &server->sel.active || list == &server->sel.preest || list == &server->sel.fin;
 }
 
-// Whether the record that was found is still this connection's, on this server.
-bool isstill(lbsrv_obj_t *server, const lbsel_cr_obj_t *cr, const lbsel_cr_obj_key_t *key)
-    LB_NEEDS(server->sel.active)
-{
-    return isof(server, cr) && isequal(&cr->crkey, key);
-}
-
 // Whether the packet belongs to a connection that its drained server shall not keep. While every
 // weight is 0 there is nowhere else to go.
 bool isdrained(const lbpbuf_obj_t *pkt, lbsrv_obj_t *server, const lbsel_cr_obj_t *cr)
@@ -297,13 +285,13 @@ outcome_e follow(lbpbuf_obj_t *pkt, lbsel_ct_obj_t *ct, lbsel_cr_obj_t *cr,
     step_s step = {};
     {
         lbll_guard held(&server->sel.active);
-        if (!isstill(server, cr, key)) {
+        if (!_lbsel_ct_isstill(server, cr, key)) {
             return AGAIN;
         }
         LB_LOG(TRACE, "existing connection\n");
         drained = isdrained(pkt, server, cr);
         if (drained) {
-            const lbsel_table_t table = retiring(ct);
+            const lbsel_table_t table = _lbsel_ct_table(ct);
             lbsel_retire(&table, &server->sel.active, lb_peekptr(cr->expirelist._list), cr);
         } else {
             step = advance(pkt, server, cr);
@@ -504,7 +492,7 @@ constexpr lbll_list_t lbsrv_seldat_t::*const STATELISTS[] = {
 int sweep(lbsrv_obj_t *server)
 {
     lb_poke(server->sel.removed, 1);
-    const lbsel_table_t table = retiring(tableof(server->parent));
+    const lbsel_table_t table = _lbsel_ct_table(tableof(server->parent));
     int total = 0;
     for (int i = 0; i < 3; i++) {
         const int records = lbsel_retireall(
@@ -578,7 +566,7 @@ void agefin(const lbsel_table_t *table, lbsrv_obj_t *server, lbsel_deadline_t *d
 
 void _lbsel_ct_timer(lbport_obj_t *port)
 {
-    const lbsel_table_t table = retiring(tableof(port));
+    const lbsel_table_t table = _lbsel_ct_table(tableof(port));
     lb_timeval_t now;
     (void)os_gettime(&now);
     lbsel_deadline_t preest = {.now = now, .timeout_s = PREEST_TIMEOUT_S};
@@ -659,6 +647,16 @@ void _lbsel_ctat_timer(lbport_obj_t *port)
 
 } // namespace
 
+lbsel_table_t _lbsel_ct_table(lbsel_ct_obj_t *ct)
+{
+    return {.lookup = &ct->lookup, .pool = &ct->pool, .forget = _lbsel_ct_forget};
+}
+
+bool _lbsel_ct_isstill(lbsrv_obj_t *server, const lbsel_cr_obj_t *cr, const lbsel_cr_obj_key_t *key)
+{
+    return isof(server, cr) && isequal(&cr->crkey, key);
+}
+
 lbsrv_obj_t *_lbsel_ct_chooseserver(lbpbuf_obj_t *pkt, lbsel_ct_obj_t *ct, lbsel_at_obj_t *at)
 {
     LB_LOG(TRACE, "conntable_choose\n");
@@ -711,7 +709,7 @@ lbsrv_obj_t *lbsel_ct_findserver(lbport_obj_t *port, const lbip_addr_t *client,
             continue; // retired since it was found
         }
         lbll_guard held(&server->sel.active);
-        if (isstill(server, cr, &key)) {
+        if (_lbsel_ct_isstill(server, cr, &key)) {
             return server;
         }
     }

@@ -36,6 +36,9 @@ using EXC_EphemeralPortTable = EXC_EphemeralPortTable_s;
 int EXC_EPTFreePort(EXC_EphemeralPortTable *pept, lb_u16_t usPort);
 // Frees a port if the record owns it: whether it did.
 bool lb_ept_freeif(EXC_EphemeralPortTable *pept, lb_u16_t port, const lbsel_cr_obj_t *cr);
+// Gives a port to a record, whoever owned it, and lets the next search begin behind it. A port that
+// is never handed out is nobody's.
+void lb_ept_claim(EXC_EphemeralPortTable *pept, lb_u16_t port, lbsel_cr_obj_t *cr);
 // The record that owns the port, or null. Records are recycled: know from elsewhere what it is now.
 [[nodiscard]] lbsel_cr_obj_t *EXC_EPTGetCR(EXC_EphemeralPortTable *pept, lb_u16_t natport);
 // Whether the record owns the port; no lock. While a server's records are locked, what one of them

@@ -56,6 +56,14 @@ bool _lbsel_at_srvreap(lbsrv_obj_t *server);
 lbsrv_obj_t *_lbsel_at_choose(lbpbuf_obj_t *pkt);
 void _lbsel_at_timer(lbport_obj_t *port);
 
+// How records leave the table.
+[[nodiscard]] lbsel_table_t _lbsel_at_table(lbsel_at_obj_t *at);
+// The server of the same machine under the port's cross-port, itself without one; null where that
+// port has none. No lock is held.
+[[nodiscard]] lbsrv_obj_t *_lbsel_at_crossport(lbsrv_obj_t *server);
+// Whether a record that was found is still this client's, on this server.
+[[nodiscard]] bool _lbsel_at_isstill(lbsrv_obj_t *server, const lbsel_ar_obj_t *ar,
+                                     const lbsel_ar_key_t *key) LB_NEEDS(server->sel.arlist);
 // A cleared record that is in no table and on no list, or null.
 [[nodiscard]] lbsel_ar_obj_t *_lbsel_at_getnewar(lbsel_at_obj_t *at);
 void _lbsel_at_returnar(lbsel_at_obj_t *at, lbsel_ar_obj_t *ar);

@@ -76,6 +76,11 @@ using lbsel_natowner_t = lbsel_natowner_s;
                                      const lb_retaddr_obj_t *retaddr, lb_u16_t natport,
                                      lbsel_natowner_t *owner);
 
+// How records leave the table.
+[[nodiscard]] lbsel_table_t _lbsel_ct_table(lbsel_ct_obj_t *ct);
+// Whether a record that was found is still this connection's, on this server.
+[[nodiscard]] bool _lbsel_ct_isstill(lbsrv_obj_t *server, const lbsel_cr_obj_t *cr,
+                                     const lbsel_cr_obj_key_t *key) LB_NEEDS(server->sel.active);
 // A cleared record that is in no table and on no list, or null.
 [[nodiscard]] lbsel_cr_obj_t *_lbsel_ct_getnewcr(lbsel_ct_obj_t *ct);
 // Gives back a record that is in no table, on no list, and owns no port.
