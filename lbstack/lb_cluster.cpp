@@ -150,12 +150,7 @@ void lbclu_timer_entry(lbclu_obj_t *cluster)
     for (int i = 0; i < count; i++) {
         lbport_timer_entry(static_cast<lbport_obj_t *>(ports[i]));
     }
-    if (lbha_crrepall()) {
-        (void)lbha_unset_crrepall(); // a mutex error leaves the flag withdrawn all the same
-    }
-    if (lbha_arrepall()) {
-        (void)lbha_unset_arrepall();
-    }
+    lbha_repall_end();
     lbfrag_timer_entry(&cluster->fragtable);
 }
 

@@ -121,6 +121,8 @@ void _lbcfg_blocksizes(lbcmd_key_t *vkey, lb_u32_t *addlen, lb_u32_t *setlen)
         if (isempty(&key->server)) {
             *addlen = sizeof(lbclu_addable_t);
             *setlen = sizeof(lbclu_setable_t);
+        } else {
+            *setlen = sizeof(lbha_hb_setable_t);
         }
     } else if (key->rule != 0 && isempty(&key->server)) {
         *addlen = sizeof(lbrul_addable_t);

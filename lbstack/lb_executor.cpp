@@ -4,12 +4,13 @@
 //
 // Commands on it run on the command thread, the periodic work on the timer thread; workers read its
 // settings and gateways without a lock. Clusters are copied out of their list before their timers
-// run, so no lock is held meanwhile. Heartbeats are refused: a node stands alone for now.
+// run, so no lock is held meanwhile.
 
 #include "lb_executor.h"
 
 #include "lb_cluster.h"
 #include "lb_entry.h"
+#include "lb_heartbeat.h"
 #include "lb_ip.h"
 #include "lb_log.h"
 #include "lb_multicast.h"
@@ -66,6 +67,28 @@ int _lbexe_addchild_cluster(lbcfg_key_t *key, void *addable, void *setable, lbcm
     return LBCMD_RC_SUCCESS;
 }
 
+int _lbexe_addchild_heartbeat(lbcfg_key_t *key, void *addable, void *setable,
+                              lbcmd_objhdr_t **newobj)
+{
+    auto *heartbeat = lb_newzero<lbha_heartbeatobj_t>();
+    if (heartbeat == nullptr) {
+        LB_LOG(LB_LOG_EXECUTOR | LB_LOG_FAILURE, "allocation of new heartbeat failed\n");
+        return LBCMD_RC_FAILURE;
+    }
+    if (lbhahb_init(key, heartbeat, addable, setable) != 0) {
+        LB_LOG(LB_LOG_EXECUTOR | LB_LOG_FAILURE, "heartbeat init failed\n");
+        os_memfree(heartbeat);
+        return LBCMD_RC_FAILURE;
+    }
+    if (lbll_addnode_rhs(&lbexecutor->ha.heartbeatlist, heartbeat) != 0) {
+        LB_LOG(LB_LOG_EXECUTOR | LB_LOG_FAILURE, "add heartbeat to heartbeatlist failed\n");
+        lbhahb_undo(heartbeat);
+        return LBCMD_RC_FAILURE;
+    }
+    *newobj = &heartbeat->cmdobj;
+    return LBCMD_RC_SUCCESS;
+}
+
 int _lbexe_addchild(lbcmd_key_t *key, lbcmd_objhdr_t *parent, void *addable, void *setable,
                     lbcmd_objhdr_t **newobj)
 {
@@ -74,9 +97,7 @@ int _lbexe_addchild(lbcmd_key_t *key, lbcmd_objhdr_t *parent, void *addable, voi
         LB_LOG(LB_LOG_EXECUTOR | LB_LOG_FAILURE, "cmd2cfg --> obj conversion failed\n");
     }
     switch (lbip_isaddrvalid(&key->cfg.server)) {
-    case LBIP_VALID_YES:
-        LB_LOG(LB_LOG_EXECUTOR | LB_LOG_EVENT, "heartbeats are not available\n");
-        return LBCMD_RC_FAILURE;
+    case LBIP_VALID_YES: return _lbexe_addchild_heartbeat(&key->cfg, addable, setable, newobj);
     case LBIP_VALID_EMPTY: return _lbexe_addchild_cluster(&key->cfg, addable, setable, newobj);
     }
     LB_LOG(LB_LOG_EXECUTOR | LB_LOG_EVENT, "executor child neither cluster nor heartbeat\n");
@@ -288,6 +309,7 @@ int lbexe_timer_entry()
     lbneigh_timer_entry();
     lbha_timer_entry();
     lb_nat_timer_entry();
+    lbha_repall_begin();
     void *clusters[LB_SNAPSHOT_MAX];
     const int count = lbll_selectn(&lbexecutor->clusterlist, clusters, LB_SNAPSHOT_MAX,
                                    lbll_filter_true, nullptr);

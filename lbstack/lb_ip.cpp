@@ -7,6 +7,7 @@
 
 #include "lb_executor.h"
 #include "lb_fragment.h"
+#include "lb_heartbeat.h"
 #include "lb_icmp.h"
 #include "lb_icmpv6.h"
 #include "lb_linkedlist.h"
@@ -107,8 +108,24 @@ lb_retaddr_obj_t *_lbip_returnaddress(lbpbuf_obj_t *pkt, lbip_addr_t *dst)
     return static_cast<lb_retaddr_obj_t *>(lbll_select1(addresses, dst));
 }
 
+// Whether it is what partners of a pair send each other. Who sent it is not asked.
+bool _lbip_isheartbeat(lbpbuf_obj_t *pkt)
+{
+    if (!lbha_hasrole() || pkt->ipfuncs->getproto(pkt) != LBIP_PROTO_UDP || pkt->frag_offset != 0 ||
+        lbpbuf_ulplen(pkt) < static_cast<int>(sizeof(lbtcpudp_hdr_t))) {
+        return false;
+    }
+    const lb_u16_t port = lb_peek(lbexecutor->setable.ha.port);
+    return lbtcpudp_pbuf_getsport(pkt) == port && lbtcpudp_pbuf_getdport(pkt) == port;
+}
+
 int _lbip_forothers(lbpbuf_obj_t *pkt, lbip_addr_t *dst)
 {
+    if (_lbip_isheartbeat(pkt)) {
+        lb_stat_inc(pkt->stats->gen);
+        LB_LOG(LB_LOG_SELECT, "Calling lbhahb_pbuf_entry.\n");
+        return lbhahb_pbuf_entry(pkt);
+    }
     lb_retaddr_obj_t *retaddr = _lbip_returnaddress(pkt, dst);
     if (retaddr != nullptr && pkt->frag_offset != 0) {
         return static_cast<int>(lb_nat_fragment_entry(pkt, retaddr));

@@ -15,6 +15,7 @@
 #include "lb_log.h"
 #include "lb_pbuf.h"
 #include "lb_port.h"
+#include "lb_replication.h"
 #include "lb_utils.h"
 
 namespace

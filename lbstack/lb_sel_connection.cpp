@@ -20,6 +20,7 @@
 #include "lb_nat.h"
 #include "lb_pbuf.h"
 #include "lb_port.h"
+#include "lb_replication.h"
 #include "lb_utils.h"
 
 namespace

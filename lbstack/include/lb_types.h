@@ -62,6 +62,7 @@ struct lbfrag_table_s;
 struct lbsel_cr_obj_s;
 struct lb_retaddr_obj_s;
 struct lbfrag_record_s;
+struct lbha_repqobj_s;
 
 using lbll_list_t = lbll_list_s;
 using lbll_node_t = lbll_node_s;
@@ -84,3 +85,4 @@ using lbfrag_table_t = lbfrag_table_s;
 using lbsel_cr_obj_t = lbsel_cr_obj_s;
 using lb_retaddr_obj_t = lb_retaddr_obj_s;
 using lbfrag_record_t = lbfrag_record_s;
+using lbha_repqobj_t = lbha_repqobj_s;

@@ -95,6 +95,19 @@ struct lbha_getables_s {
 using lbha_getables_t = lbha_getables_s;
 static_assert(sizeof(lbha_getables_t) == 8);
 
+struct lbha_hb_setable_s {
+    lb_u32_t _s;
+};
+using lbha_hb_setable_t = lbha_hb_setable_s;
+static_assert(sizeof(lbha_hb_setable_t) == 4);
+
+struct lbha_hb_getable_s {
+    lb_u8_t neighstate; // the partner's, lbneigh_state_e
+    lb_u8_t _pad[3];
+};
+using lbha_hb_getable_t = lbha_hb_getable_s;
+static_assert(sizeof(lbha_hb_getable_t) == 4);
+
 // --- Executor ------------------------------------------------------------------------------------
 
 struct lbexe_setable_s {
