@@ -113,24 +113,6 @@ TEST_F(ExecutorTest, EachIpVersionHasAGatewayOfItsOwn)
     EXPECT_EQ(lbexecutor->clientgw_neigh, nullptr);
 }
 
-TEST_F(ExecutorTest, EveryRoleBecomesSolo)
-{
-    for (const lb_u8_t role : {0, 1, 2, 3, 7}) {
-        SCOPED_TRACE(+role);
-        EXPECT_EQ(set_executor([&](lbexe_setable_t &b) {
-                      b.ha.role = role;
-                      b.ha.tostrategy = LBHA_TAKEOVERSTRATEGY_AUTOMATIC;
-                      b.ha.timeout = 9;
-                  }),
-                  LBCMD_RC_SUCCESS);
-        const stack::executor_view view = get_executor();
-        EXPECT_EQ(view.setable.ha.role, LBHA_ROLE_SOLO);
-        EXPECT_EQ(view.setable.ha.tostrategy, LBHA_TAKEOVERSTRATEGY_NA);
-        EXPECT_EQ(view.setable.ha.timeout, 9);
-        EXPECT_EQ(view.getable.ha.state, LBHA_STATE_NA);
-    }
-}
-
 // For every object, each allocation and each mutex that its ADD asks for fails in turn. Whether the
 // ADD is refused or does without, nothing is left once the object is gone.
 TEST_F(ExecutorTest, FailedAddsLeaveTheTreeAsItWas)
@@ -151,6 +133,12 @@ TEST_F(ExecutorTest, FailedAddsLeaveTheTreeAsItWas)
         {"port", [&] { return add_port(C, 80); }, LBCMD_KEYTYPE_CONFIG, cfgkey(C, 80), 4},
         {"server", [&] { return add_server(C, 80, "10.0.0.11"); }, LBCMD_KEYTYPE_CONFIG,
          cfgkey(C, 80, "10.0.0.11"), 2},
+        {"heartbeat",
+         [&] {
+             return add(LBCMD_KEYTYPE_CONFIG, cfgkey("10.0.0.1", 0, "10.0.0.2"), {},
+                        stack::bytes_of(lbha_hb_setable_t{}));
+         },
+         LBCMD_KEYTYPE_CONFIG, cfgkey("10.0.0.1", 0, "10.0.0.2"), 2},
     };
     for (const auto &row : rows) {
         int struck = 0;

@@ -1,0 +1,256 @@
+// The state machine of a pair's node by table, the moment of a takeover on the fake clock, and how
+// settings are corrected.
+#include "ha_fixture.h"
+
+namespace
+{
+
+constexpr lb_u8_t SOLO = LBHA_ROLE_SOLO, PRIMARY = LBHA_ROLE_PRIMARY, BACKUP = LBHA_ROLE_BACKUP;
+constexpr lb_u8_t NA = LBHA_STATE_NA, ACTIVE = LBHA_STATE_ACTIVE, STANDBY = LBHA_STATE_STANDBY;
+constexpr lb_u8_t MANUAL = LBHA_TAKEOVERSTRATEGY_MANUAL;
+constexpr lb_u8_t AUTOMATIC = LBHA_TAKEOVERSTRATEGY_AUTOMATIC;
+
+class HaTest : public HaFixture
+{
+  protected:
+    void SetUp() override
+    {
+        HaFixture::SetUp();
+        set_executor_log_mask(LB_LOG_FAILURE | LB_LOG_EVENT);
+    }
+    static void set_state(lb_u8_t state) { lb_poke(lbexecutor->getable.ha.state, state); }
+};
+
+TEST_F(HaTest, SettingsAreCorrected)
+{
+    constexpr const char *ROLE = "HA role unspecified -- default to SOLO\n";
+    constexpr const char *STRATEGY = "HA takeover strategy invalid -- default to manual\n";
+    constexpr const char *REPLICATION = "HA replication strategy invalid -- default to norep\n";
+    constexpr const char *DEFAULT = "HA default state standby\n";
+    constexpr const char *ISSUED = "HA TAKEOVER: Manual takeover issueed\n";
+    const struct {
+        const char *name;
+        lb_u8_t state; // before
+        lb_u8_t role, takeover, replication, manual;
+        lb_u8_t wantrole, wanttakeover, wantreplication, wantstate;
+        std::vector<const char *> messages;
+    } rows[] = {
+        {"all wrong",
+         NA,
+         BACKUP,
+         0,
+         3,
+         0,
+         BACKUP,
+         MANUAL,
+         0,
+         STANDBY,
+         {STRATEGY, REPLICATION, DEFAULT}},
+        {"all right", NA, PRIMARY, AUTOMATIC, 1, 0, PRIMARY, AUTOMATIC, 1, STANDBY, {DEFAULT}},
+        {"affinity is no strategy here",
+         STANDBY,
+         PRIMARY,
+         3,
+         2,
+         0,
+         PRIMARY,
+         MANUAL,
+         0,
+         STANDBY,
+         {STRATEGY, REPLICATION}},
+        {"an active node stays active",
+         ACTIVE,
+         BACKUP,
+         MANUAL,
+         0,
+         0,
+         BACKUP,
+         MANUAL,
+         0,
+         ACTIVE,
+         {}},
+        {"asked to take over", STANDBY, BACKUP, MANUAL, 0, 9, BACKUP, MANUAL, 0, ACTIVE, {ISSUED}},
+        {"asked again", ACTIVE, BACKUP, MANUAL, 0, 1, BACKUP, MANUAL, 0, ACTIVE, {ISSUED}},
+        {"alone", ACTIVE, SOLO, MANUAL, 1, 1, SOLO, 3, 0, NA, {}},
+        {"no role", STANDBY, 0, MANUAL, 1, 0, SOLO, 3, 0, NA, {ROLE}},
+        {"a role that there is not", STANDBY, 7, AUTOMATIC, 1, 0, SOLO, 3, 0, NA, {ROLE}},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        set_state(row.state);
+        fake::log_clear();
+        EXPECT_EQ(set_executor([&](lbexe_setable_t &set) {
+                      set.ha.role = row.role;
+                      set.ha.tostrategy = row.takeover;
+                      set.ha.repstrategy = row.replication;
+                      set.ha.manualtakeover = row.manual;
+                      set.ha.timeout = 9;
+                  }),
+                  LBCMD_RC_SUCCESS);
+        const stack::executor_view view = get_executor();
+        EXPECT_EQ(view.setable.ha.role, row.wantrole);
+        EXPECT_EQ(view.setable.ha.tostrategy, row.wanttakeover);
+        EXPECT_EQ(view.setable.ha.repstrategy, row.wantreplication);
+        EXPECT_EQ(view.setable.ha.timeout, 9);
+        EXPECT_EQ(view.getable.ha.state, row.wantstate);
+        if (row.wantrole != SOLO) {
+            EXPECT_EQ(view.setable.ha.manualtakeover, 0);
+        }
+        for (const char *message : {ROLE, STRATEGY, REPLICATION, DEFAULT, ISSUED}) {
+            const auto expected = std::count(row.messages.begin(), row.messages.end(), message);
+            EXPECT_EQ(fake::log_count(message), expected) << message;
+        }
+    }
+}
+
+TEST_F(HaTest, RulesOfAHeartbeat)
+{
+    const std::string yields = "HA RELINQUISH: partner went active\n";
+    const std::string superior = "HA TAKEOVER: standby and superior reachscore 4 < 5\n";
+    const std::string dual = "HA TAKEOVER: dual standby and primary\n";
+    const std::string automatic = "HA TAKEOVER: primary && standby && automatic && and identical "
+                                  "reachscore 5 == 5\n";
+    const struct {
+        const char *name;
+        lb_u8_t role, strategy, state, partner, score; // own reach score: 5
+        lb_u8_t want;
+        std::string message;
+    } rows[] = {
+        {"both active", PRIMARY, MANUAL, ACTIVE, ACTIVE, 5, STANDBY, yields},
+        {"both active, although better", BACKUP, AUTOMATIC, ACTIVE, ACTIVE, 4, STANDBY, yields},
+        {"active with a standby", PRIMARY, AUTOMATIC, ACTIVE, STANDBY, 4, ACTIVE, ""},
+        {"active, although worse", BACKUP, AUTOMATIC, ACTIVE, STANDBY, 6, ACTIVE, ""},
+        {"a better backup", BACKUP, MANUAL, STANDBY, ACTIVE, 4, ACTIVE, superior},
+        {"both standby, primary and better", PRIMARY, MANUAL, STANDBY, STANDBY, 4, ACTIVE,
+         superior},
+        {"both standby, primary", PRIMARY, MANUAL, STANDBY, STANDBY, 5, ACTIVE, dual},
+        {"both standby, primary but worse", PRIMARY, MANUAL, STANDBY, STANDBY, 6, ACTIVE, dual},
+        {"both standby, backup", BACKUP, AUTOMATIC, STANDBY, STANDBY, 5, STANDBY, ""},
+        {"returned, manual", PRIMARY, MANUAL, STANDBY, ACTIVE, 5, STANDBY, ""},
+        {"returned, automatic", PRIMARY, AUTOMATIC, STANDBY, ACTIVE, 5, ACTIVE, automatic},
+        {"returned, automatic, worse", PRIMARY, AUTOMATIC, STANDBY, ACTIVE, 6, STANDBY, ""},
+        {"returned backup, automatic", BACKUP, AUTOMATIC, STANDBY, ACTIVE, 5, STANDBY, ""},
+        {"partner without a state", PRIMARY, AUTOMATIC, STANDBY, NA, 5, ACTIVE, automatic},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        ASSERT_EQ(pair(row.role, row.strategy), LBCMD_RC_SUCCESS);
+        lb_poke(lbexecutor->setable.ha.reachscore, 5);
+        set_state(row.state);
+        fake::advance_s(1);
+        fake::log_clear();
+        hear(beat{.state = row.partner, .score = row.score});
+        EXPECT_EQ(state(), row.want);
+        EXPECT_EQ(fake::log_count("HA TAKEOVER") + fake::log_count("HA RELINQUISH"),
+                  row.message.empty() ? 0 : 1);
+        EXPECT_TRUE(row.message.empty() || fake::log_contains(row.message));
+        const bool changed = row.want != row.state;
+        EXPECT_EQ(lbexecutor->ha.laststatechange.secs == fake::now().secs, changed);
+        EXPECT_EQ(beats().size(), row.want == ACTIVE && changed ? 1U : 0U);
+    }
+}
+
+TEST_F(HaTest, TakesOverAfterThreeWholeSeconds)
+{
+    const struct {
+        const char *name;
+        lb_u8_t timeout;
+        std::int64_t heard_ms;  // when the partner last echoed, after becoming standby; -1: never
+        std::int64_t before_ms; // the last moment without a takeover; 1 ms later it comes
+    } rows[] = {
+        {"a lone node", 2, -1, 2999},
+        {"silent for 3 s", 2, 10000, 12999},
+        {"heard between seconds", 2, 10400, 13399},
+        {"heard at once", 2, 0, 2999},
+        {"one second", 1, 10000, 11999},
+        {"thirty", 30, 60000, 90999},
+        {"a time-out that nobody set", 0, 5000, 5999},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        restart();
+        set_executor_log_mask(LB_LOG_FAILURE | LB_LOG_EVENT);
+        fake::advance_ms(700); // no whole second
+        ASSERT_EQ(pair(PRIMARY), LBCMD_RC_SUCCESS);
+        lb_poke(lbexecutor->setable.ha.timeout, row.timeout);
+        std::int64_t passed = 0;
+        if (row.heard_ms >= 0) {
+            fake::advance_ms(row.heard_ms);
+            passed = row.heard_ms;
+            hear(beat{.state = ACTIVE, .ack = fake::now()});
+        }
+        fake::advance_ms(row.before_ms - passed);
+        lbha_timer_entry();
+        EXPECT_EQ(state(), STANDBY);
+        fake::advance_ms(1);
+        lbha_timer_entry();
+        EXPECT_EQ(state(), ACTIVE);
+        EXPECT_EQ(lbexecutor->ha.laststatechange.secs, fake::now().secs);
+        EXPECT_EQ(fake::log_count("issuing takeover\n"), 1);
+        if (row.heard_ms == 10000 && row.timeout == 2) {
+            EXPECT_TRUE(fake::log_contains("HA TAKEOVER: ackdelta:3, statedelta:13, > hbtimeout:2, "
+                                           "issuing takeover\n"));
+        }
+    }
+}
+
+TEST_F(HaTest, TimesOfAForgerAreNumbersLikeOthers)
+{
+    ASSERT_EQ(pair(BACKUP), LBCMD_RC_SUCCESS);
+    fake::advance_s(10);
+    constexpr lb_s32_t most = 0x7FFFFFFF, least = -most - 1;
+    hear(beat{.state = ACTIVE, .seq = {most, least}, .ack = {most, most}});
+    lbha_timer_entry();
+    EXPECT_EQ(state(), STANDBY);
+    hear(beat{.state = ACTIVE, .ack = {least, least}});
+    lbha_timer_entry();
+    EXPECT_EQ(state(), ACTIVE);
+}
+
+TEST_F(HaTest, VersionsMayDifferInTheLastByte)
+{
+    ASSERT_EQ(pair(BACKUP), LBCMD_RC_SUCCESS);
+    const struct {
+        lb_u32_t version;
+        bool taken;
+    } rows[] = {{0x0805050B, true},  {0x080505FF, true},  {0x08050500, true},
+                {0x08050600, false}, {0x0905050B, false}, {0, false}};
+    lb_s32_t secs = 0;
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.version);
+        fake::log_clear();
+        secs++;
+        hear(beat{.state = ACTIVE, .seq = {secs, 1}, .ack = {secs, 2}, .version = row.version});
+        EXPECT_EQ(lbexecutor->ha.partnerack.secs == secs, row.taken);
+        EXPECT_EQ(lbexecutor->ha.ack.secs == secs, row.taken);
+        EXPECT_EQ(fake::log_contains("HA Versions Mismatch, dropping update"), !row.taken);
+    }
+    hear(beat{.version = 0x08050600});
+    EXPECT_TRUE(fake::log_contains("dropping update 8050600 != 805050b\n"));
+}
+
+TEST_F(HaTest, WhatNobodyCallsIsThere)
+{
+    _lbha_relinquish();
+    _lbha_event(4, nullptr, 0);
+    EXPECT_TRUE(fake::log_contains("invalid HA event 4\n"));
+    EXPECT_EQ(lbll_size(&lbexecutor->ha.reppktqbkp), 0);
+}
+
+// A request that comes during a tick waits for the next one, whole.
+TEST_F(HaTest, ReplicateAllIsGrantedOncePerTick)
+{
+    EXPECT_EQ(lbha_set_crrepall(), 0);
+    lbha_repall_begin();
+    EXPECT_EQ(lbha_set_arrepall(), 0);
+    EXPECT_TRUE(lbha_crrepall() && !lbha_arrepall());
+    lbha_repall_end();
+    EXPECT_FALSE(lbha_crrepall() || lbha_arrepall()); // the second cluster's
+    lbha_repall_begin();
+    EXPECT_TRUE(!lbha_crrepall() && lbha_arrepall());
+    lbha_repall_end();
+    lbha_repall_begin();
+    EXPECT_FALSE(lbha_crrepall() || lbha_arrepall());
+}
+
+} // namespace
