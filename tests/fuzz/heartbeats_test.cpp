@@ -1,0 +1,107 @@
+// Heartbeats that nobody in his right mind would send, to a node that knows other connections: it
+// lives, it forwards, and what it knew of others it still knows.
+//
+// VELL_FUZZ_HEARTBEATS says how many (100,000 without it), VELL_SEED which.
+#include <cstdlib>
+
+#include "ha_fixture.h"
+#include "mutate.h"
+
+namespace
+{
+
+std::uint64_t number_from(const char *variable, std::uint64_t otherwise)
+{
+    const char *text = std::getenv(variable); // NOLINT(concurrency-mt-unsafe)
+    return text != nullptr && *text != '\0' ? std::strtoull(text, nullptr, 0) : otherwise;
+}
+
+class FuzzHeartbeats : public HaFixture
+{
+  protected:
+    static record random_record(fuzz::rng &random)
+    {
+        const std::string servers[] = {"10.0.0.11", "10.0.0.21", server_ip(12), "10.0.0.99", ""};
+        const lb_u16_t ports[] = {80, 80, 443, 8443, 0};
+        const lb_u16_t natports[] = {0, 1024, 1025, 2000, 65535};
+        return {.sport = static_cast<lb_u16_t>(random() % 40),
+                .server = servers[random() % 5],
+                .state = static_cast<lb_u8_t>(random() % 6),
+                .natport = natports[random() % 5],
+                .client = "10.9.0." + std::to_string(random() % 4),
+                .port = ports[random() % 5]};
+    }
+    static packets::bytes random_heartbeat(fuzz::rng &random)
+    {
+        beat b = {.state = static_cast<lb_u8_t>(random() % 4),
+                  .score = static_cast<lb_u8_t>(random() % 3)};
+        for (auto left = random() % 5; left > 0; left--) {
+            b.records.push_back(random_record(random));
+        }
+        b.count = random() % 4 == 0 ? static_cast<int>(random() % 256) : -1;
+        packets::bytes frame = build(b);
+        if (random() % 4 != 0) {
+            fuzz::mutate_frame(random, frame);
+        }
+        for (auto left = random() % 4; left > 0 && frame.size() > HDR; left--) {
+            frame[HDR + random() % (frame.size() - HDR)] = static_cast<std::uint8_t>(random());
+        }
+        // Half of them understood as far as the IP header goes.
+        if (random() % 2 == 0 && frame.size() >= HDR) {
+            const packets::bytes like = build(beat{});
+            std::copy(like.begin(), like.begin() + HDR, frame.begin());
+            packets::put16(frame, packets::ETH + 2,
+                           static_cast<std::uint16_t>(frame.size() - packets::ETH));
+            packets::mend_ip(frame);
+        }
+        return frame;
+    }
+};
+
+TEST_F(FuzzHeartbeats, MutatedOnesTouchNobodyElse)
+{
+    const std::uint64_t seed = number_from("VELL_SEED", 1);
+    std::printf("VELL_SEED=%llu\n", static_cast<unsigned long long>(seed));
+    fuzz::rng random(seed);
+    ASSERT_ADDED(make_server(80, 11));
+    ASSERT_ADDED(make_natserver(12));
+    ASSERT_ADDED(make_port(443, LBSEL_ALGORIGHM_AFFINITY));
+    ASSERT_ADDED(make_port(8443, LBSEL_ALGORIGHM_AFFINITY, 443));
+    ASSERT_ADDED(make_server(443, 21));
+    ASSERT_ADDED(make_server(8443, 21));
+    ASSERT_EQ(pair(LBHA_ROLE_PRIMARY, LBHA_TAKEOVERSTRATEGY_AUTOMATIC), LBCMD_RC_SUCCESS);
+    constexpr const char *OTHER = "172.31.250.77";
+    hear(record{.sport = 77, .client = OTHER});
+    hear(record{.sport = 78, .server = server_ip(12), .natport = 33333, .client = OTHER});
+    fake::core_expected(true);
+    set_executor_log_mask(0);
+    const std::uint64_t count = number_from("VELL_FUZZ_HEARTBEATS", 100000);
+    std::uint64_t taken = 0;
+    int most = 0;
+    for (std::uint64_t i = 0; i < count; i++) {
+        const packets::bytes frame = random_heartbeat(random);
+        taken += fake::receive(frame) == LB_PACKETRC_CONSUMED ? 1 : 0;
+        most = std::max(most, lbll_size(&server_object(11)->sel.active));
+        if (i % 500 == 0) {
+            lbha_timer_entry(); // both states are seen; records do not age
+            (void)fake::take_sent();
+        }
+        if (i % 5000 == 0) {
+            EXPECT_EQ(known(77, OTHER), "11 2 0");
+            EXPECT_EQ(known(78, OTHER), "12 2 33333");
+            records::check_port(port_object(443));
+        }
+    }
+    std::printf("%llu of %llu taken, %d records at most, %d impossible states\n",
+                static_cast<unsigned long long>(taken), static_cast<unsigned long long>(count),
+                most, fake::core_calls());
+    EXPECT_GT(taken, count / 2);
+    EXPECT_GT(most, 10);
+    EXPECT_EQ(known(77, OTHER), "11 2 0");
+    EXPECT_EQ(known(78, OTHER), "12 2 33333");
+    EXPECT_TRUE(segment(SYN, 99));
+    // Records that lost their port to another keep its number: they go before all is checked.
+    EXPECT_EQ(rm_server(C, 80, server_ip(12)), LBCMD_RC_SUCCESS);
+}
+
+} // namespace
