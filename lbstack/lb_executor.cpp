@@ -83,6 +83,9 @@ int _lbexe_addchild_heartbeat(lbcfg_key_t *key, void *addable, void *setable,
     if (lbll_addnode_rhs(&lbexecutor->ha.heartbeatlist, heartbeat) != 0) {
         LB_LOG(LB_LOG_EXECUTOR | LB_LOG_FAILURE, "add heartbeat to heartbeatlist failed\n");
         lbhahb_undo(heartbeat);
+        if (lb_peekptr(heartbeat->hbnode._list) == nullptr) {
+            os_memfree(heartbeat); // else it stays: the timer may have found it
+        }
         return LBCMD_RC_FAILURE;
     }
     *newobj = &heartbeat->cmdobj;

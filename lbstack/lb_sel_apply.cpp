@@ -25,7 +25,8 @@ constexpr lb_u64_t FAILURE = LB_LOG_HA | LB_LOG_FAILURE;
 enum outcome_e {
     AGAIN, // somebody else was faster: look once more
     DONE,
-    FAILED, // there is no memory
+    SKIPPED, // the server is being removed
+    FAILED,  // there is no memory
 };
 
 // --- Connections ---------------------------------------------------------------------------------
@@ -55,7 +56,31 @@ bool append(lbsel_ct_obj_t *ct, lbsrv_obj_t *server, lbll_list_t *target, lbsel_
     return false;
 }
 
-outcome_e createconnection(lbsel_ct_obj_t *ct, lbsrv_obj_t *server, lbsel_cr_obj_key_t *key,
+// A new record, into the table and onto its list: other than DONE when it is in neither.
+outcome_e enterconnection(lbsel_ct_obj_t *ct, lbsrv_obj_t *server, lbsel_cr_obj_t *cr,
+                          lb_u16_t natport) LB_NEEDS(server->sel.active)
+{
+    if (lb_peek(server->sel.removed) != 0) {
+        return SKIPPED;
+    }
+    lb_pokeptr(cr->server, server);
+    const lbsel_insert_e inserted = lbsel_insert(&ct->lookup, &cr->crkey, cr);
+    if (inserted != LBSEL_INSERT_DONE) {
+        lb_pokeptr(cr->server, nullptr);
+        if (inserted == LBSEL_INSERT_EXISTS) {
+            return AGAIN;
+        }
+        LB_LOG(FAILURE, "add to ct failed\n");
+        return FAILED;
+    }
+    LB_LOG(TRACE, "add to ct successful\n");
+    if (server->retaddrobj != nullptr && natport >= EXC_EPT_FIRSTPORT) {
+        adoptnatport(server, cr, natport);
+    }
+    return append(ct, server, &server->sel.active, cr) ? DONE : FAILED;
+}
+
+outcome_e createconnection(lbsel_ct_obj_t *ct, lbsrv_obj_t *server, const lbsel_cr_obj_key_t *key,
                            const lbsel_replica_t *replica)
 {
     LB_LOG(TRACE, "New HA connection to replicate!!!\n");
@@ -71,29 +96,11 @@ outcome_e createconnection(lbsel_ct_obj_t *ct, lbsrv_obj_t *server, lbsel_cr_obj
     outcome_e outcome = DONE;
     {
         lbll_guard held(&server->sel.active);
-        if (lb_peek(server->sel.removed) == 0) {
-            lb_pokeptr(cr->server, server);
-            switch (lbsel_insert(&ct->lookup, &cr->crkey, cr)) {
-            case LBSEL_INSERT_DONE:
-                LB_LOG(TRACE, "add to ct successful\n");
-                if (server->retaddrobj != nullptr && replica->natport >= EXC_EPT_FIRSTPORT) {
-                    adoptnatport(server, cr, replica->natport);
-                }
-                if (append(ct, server, &server->sel.active, cr)) {
-                    return DONE;
-                }
-                outcome = FAILED;
-                break;
-            case LBSEL_INSERT_EXISTS: outcome = AGAIN; break;
-            case LBSEL_INSERT_FAILED:
-                LB_LOG(FAILURE, "add to ct failed\n");
-                outcome = FAILED;
-                break;
-            }
-            lb_pokeptr(cr->server, nullptr);
-        }
+        outcome = enterconnection(ct, server, cr, replica->natport);
     }
-    _lbsel_ct_returncr(ct, cr);
+    if (outcome != DONE) {
+        _lbsel_ct_returncr(ct, cr);
+    }
     return outcome;
 }
 
@@ -193,6 +200,22 @@ bool refresh(lbsel_at_obj_t *at, lbsrv_obj_t *server, lbsel_ar_obj_t *ar)
     return false;
 }
 
+// A new record, into the table and onto its list: other than DONE when it is in neither.
+outcome_e enteraffinity(lbsel_at_obj_t *at, lbsrv_obj_t *server, lbsel_ar_obj_t *ar)
+    LB_NEEDS(server->sel.arlist)
+{
+    if (lb_peek(server->sel.removed) != 0) {
+        return SKIPPED;
+    }
+    switch (lbsel_insert(&at->lookup, &ar->arkey, ar)) {
+    case LBSEL_INSERT_DONE: return refresh(at, server, ar) ? DONE : FAILED;
+    case LBSEL_INSERT_EXISTS: return AGAIN;
+    case LBSEL_INSERT_FAILED: break;
+    }
+    LB_LOG(FAILURE, "HA:add to at failed\n");
+    return FAILED;
+}
+
 outcome_e createaffinity(lbsel_at_obj_t *at, lbsrv_obj_t *server, lbsrv_obj_t *crossport,
                          const lbsel_ar_key_t *key)
 {
@@ -208,23 +231,11 @@ outcome_e createaffinity(lbsel_at_obj_t *at, lbsrv_obj_t *server, lbsrv_obj_t *c
     outcome_e outcome = DONE;
     {
         lbll_guard held(&server->sel.arlist);
-        if (lb_peek(server->sel.removed) == 0) {
-            switch (lbsel_insert(&at->lookup, &ar->arkey, ar)) {
-            case LBSEL_INSERT_DONE:
-                if (refresh(at, server, ar)) {
-                    return DONE;
-                }
-                outcome = FAILED;
-                break;
-            case LBSEL_INSERT_EXISTS: outcome = AGAIN; break;
-            case LBSEL_INSERT_FAILED:
-                LB_LOG(FAILURE, "HA:add to at failed\n");
-                outcome = FAILED;
-                break;
-            }
-        }
+        outcome = enteraffinity(at, server, ar);
     }
-    _lbsel_at_returnar(at, ar);
+    if (outcome != DONE) {
+        _lbsel_at_returnar(at, ar);
+    }
     return outcome;
 }
 
@@ -273,7 +284,7 @@ bool lbsel_ct_apply(lbsrv_obj_t *server, const lbsel_replica_t *replica)
         const outcome_e outcome = cr != nullptr ? updateconnection(ct, server, cr, &key, replica)
                                                 : createconnection(ct, server, &key, replica);
         if (outcome != AGAIN) {
-            return outcome == DONE;
+            return outcome != FAILED;
         }
     }
     return true;
@@ -292,7 +303,7 @@ bool lbsel_at_apply(lbsrv_obj_t *server, const lbip_addr_t *client)
         const outcome_e outcome = ar != nullptr ? updateaffinity(at, server, ar, &key)
                                                 : createaffinity(at, server, crossport, &key);
         if (outcome != AGAIN) {
-            return outcome == DONE;
+            return outcome != FAILED;
         }
     }
     return true;

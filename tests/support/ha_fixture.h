@@ -110,6 +110,40 @@ class HaFixture : public NatFixture
         packets::mend_transport(frame);
         return frame;
     }
+    // Records of few clients at a port 80 with NAT servers and others, and at 443 and 8443.
+    template <class Random> static beat random_beat(Random &random)
+    {
+        const lb_u16_t ports[] = {80, 80, 443, 8443};
+        const lb_u16_t natports[] = {0, 1024, 1025, 65535};
+        beat b;
+        b.state = static_cast<lb_u8_t>(random() % 4);
+        b.score = static_cast<lb_u8_t>(random() % 3);
+        for (auto left = random() % 14; left > 0; left--) {
+            record r;
+            r.port = ports[random() % 4];
+            r.sport = r.port == 80 ? lb_u16_t{7} : lb_u16_t{0};
+            const int last = static_cast<int>(11 + random() % 3);
+            const bool nat = r.port == 80 && random() % 2 == 0;
+            r.server = nat ? server_ip(last) : address(last);
+            r.natport = random() % 8 == 0 ? natports[random() % 4]
+                                          : static_cast<lb_u16_t>(2000 + random() % 100);
+            r.state = static_cast<lb_u8_t>(1 + random() % 4);
+            r.client = "10.9.0." + std::to_string(1 + random() % 64);
+            b.records.push_back(r);
+        }
+        return b;
+    }
+    // The servers of these, as far as they are missing.
+    void make_servers(int last)
+    {
+        lbsrv_setable_t sticky{};
+        sticky.weight = 1;
+        sticky.stickyflag = 1;
+        (void)add_server(C, 80, address(last));
+        (void)make_natserver(last);
+        (void)add_server(C, 443, address(last), sticky);
+        (void)add_server(C, 8443, address(last), sticky);
+    }
     static int hear(const beat &b) { return fake::receive(build(b)); }
     static int hear(const record &r) { return hear(beat{.records = {r}}); }
 

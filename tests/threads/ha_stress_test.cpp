@@ -16,8 +16,6 @@ using stress::rng;
 class HaStressTest : public HaFixture
 {
   protected:
-    static constexpr int CLIENTS = 64;
-
     void SetUp() override
     {
         HaFixture::SetUp();
@@ -34,68 +32,33 @@ class HaStressTest : public HaFixture
         ASSERT_EQ(set_port(C, 443, [](lbport_setable_t &set) { set.repstrategy = 3; }),
                   LBCMD_RC_SUCCESS);
         for (int last = 11; last <= 13; last++) {
-            add_servers(last);
+            make_servers(last);
         }
-    }
-    void add_servers(int last)
-    {
-        (void)add_server(C, 80, address(last));
-        (void)make_natserver(last);
-        (void)add_sticky(443, last);
-        (void)add_sticky(8443, last);
-    }
-    int add_sticky(lb_u16_t port, int last)
-    {
-        lbsrv_setable_t setable{};
-        setable.weight = 1;
-        setable.stickyflag = 1;
-        return add_server(C, port, address(last), setable);
     }
     [[nodiscard]] rng random_for(int thread) const
     {
         return rng(seed_ + static_cast<std::uint64_t>(thread));
     }
 
-    static std::string random_client(rng &random)
-    {
-        return "10.9.0." + std::to_string(1 + below(random, CLIENTS));
-    }
-    static lb_u16_t random_port(rng &random)
-    {
-        const lb_u16_t ports[] = {80, 80, 443, 8443};
-        return ports[below(random, 4)];
-    }
     static void clients(rng random, const std::atomic<bool> &stop)
     {
         const std::uint8_t flags[] = {SYN, SYN | ACK, ACK, FIN, RST};
+        const lb_u16_t ports[] = {80, 80, 443, 8443};
         fake::worker worker;
         while (!stop) {
-            (void)worker.receive(packets::build({.src = random_client(random),
-                                                 .dst = C,
-                                                 .sport = 7,
-                                                 .dport = random_port(random),
-                                                 .flags = flags[below(random, 5)]}));
+            (void)worker.receive(
+                packets::build({.src = "10.9.0." + std::to_string(1 + below(random, 64)),
+                                .dst = C,
+                                .sport = 7,
+                                .dport = ports[below(random, 4)],
+                                .flags = flags[below(random, 5)]}));
         }
     }
     static void partner(rng random, const std::atomic<bool> &stop)
     {
         fake::worker worker;
         while (!stop) {
-            beat b = {.state = static_cast<lb_u8_t>(below(random, 4)),
-                      .score = static_cast<lb_u8_t>(below(random, 3))};
-            for (int left = below(random, 14); left > 0; left--) {
-                record r = {.sport = 7,
-                            .state = static_cast<lb_u8_t>(1 + below(random, 4)),
-                            .client = random_client(random),
-                            .port = random_port(random)};
-                const int last = 11 + below(random, 3);
-                const bool nat = r.port == 80 && below(random, 2) == 0;
-                r.sport = r.port == 80 ? lb_u16_t{7} : lb_u16_t{0};
-                r.server = nat ? server_ip(last) : address(last);
-                r.natport = static_cast<lb_u16_t>(nat ? 1025 + below(random, 100) : 0);
-                b.records.push_back(r);
-            }
-            (void)worker.receive(build(b));
+            (void)worker.receive(build(random_beat(random)));
         }
     }
     static void time(const std::atomic<bool> &stop)
@@ -121,7 +84,7 @@ class HaStressTest : public HaFixture
             EXPECT_EQ(pair(role, static_cast<lb_u8_t>(1 + below(random, 2))), LBCMD_RC_SUCCESS);
             break;
         }
-        add_servers(last);
+        make_servers(last);
     }
 
   private:
