@@ -12,6 +12,8 @@ using packets::bytes;
 class HaStackTest : public HaFixture
 {
   protected:
+    static constexpr const char *C6 = "2001:db8::100";
+
     void SetUp() override
     {
         HaFixture::SetUp();
@@ -23,13 +25,43 @@ class HaStackTest : public HaFixture
         ASSERT_ADDED(make_server(80, 11));
     }
 
-    // An IPv6 partner; its hardware address is known.
-    void add_ipv6_partner()
+    // An IPv6 partner, and a cluster with a server.
+    void add_ipv6()
     {
-        ASSERT_ADDED(add_ifaddr("eth0", "fd00::1/64"));
-        ASSERT_ADDED(add_heartbeat("fd00::1", "fd00::2"));
-        const lbip_addr_t addr = stack::ip("fd00::2");
-        lb_poke(lbneigh_lookup(&addr)->eaddr, lbeth_addr_align_t{{2, 0, 0, 0, 0, 6}, {}});
+        ASSERT_ADDED(add_ifaddr("eth0", "2001:db8::1/64"));
+        ASSERT_ADDED(add_heartbeat("2001:db8::1", "2001:db8::2"));
+        ASSERT_ADDED(add_cluster(C6));
+        lbport_setable_t setable{};
+        setable.repstrategy = LBHA_REPLICATIONSTRATEGY_CRREP;
+        ASSERT_ADDED(add_port(C6, 80,
+                              lbport_addable_t{.selectalg = LBSEL_ALGORIGHM_CONNECTION,
+                                               .udpselectalg = LBSEL_ALGORIGHM_UDPRR,
+                                               .crossport = 0,
+                                               ._pad = 0},
+                              setable));
+        ASSERT_ADDED(add_server(C6, 80, "2001:db8::11"));
+        for (const std::uint8_t last : {2, 0x11}) {
+            fake::receive(
+                packets::advertisement("2001:db8::" + std::string(last == 2 ? "2" : "11"), last));
+        }
+        (void)fake::take_sent();
+    }
+    // The same heartbeat in an IPv6 packet.
+    static bytes over_ipv6(const beat &b, const std::string &src, const std::string &dst)
+    {
+        const bytes like = build(b);
+        bytes frame = packets::build(packets::packet6{.src = src,
+                                                      .dst = dst,
+                                                      .sport = PORT,
+                                                      .dport = PORT,
+                                                      .proto = packets::UDP,
+                                                      .hops = 1,
+                                                      .payload = like.size() - HDR,
+                                                      .ethdst = packets::mac_of(2),
+                                                      .ethsrc = packets::mac_of(1)});
+        std::copy(like.begin() + HDR, like.end(), frame.begin() + packets::IP6 + 8);
+        packets::mend6(frame);
+        return frame;
     }
     static int numrecs(const bytes &frame) { return frame.at(HDR + 7); }
     static lb_u16_t sport(const bytes &frame, int index)
@@ -97,30 +129,50 @@ TEST_F(HaStackTest, HeartbeatOverIPv4)
 
 TEST_F(HaStackTest, HeartbeatOverIPv6IsBareWhateverIsQueued)
 {
-    add_ipv6_partner();
+    add_ipv6();
     ASSERT_EQ(pair(LBHA_ROLE_BACKUP), LBCMD_RC_SUCCESS);
     enqueue(3);
     const auto frames = beats_of_a_tick();
     ASSERT_EQ(frames.size(), 2U);
     EXPECT_EQ(frames[0].size(), RECS + 3 * RECLEN);
     EXPECT_EQ(numrecs(frames[0]), 3);
-    bytes want = {2, 0, 0, 0, 0, 6, 2, 0, 0, 0, 0, 1, 0x86, 0xDD, 0x60, 0, 0, 0, 0, 48, 17, 1};
-    want.resize(102);
-    want[22] = want[38] = 0xFD;
-    want[37] = 1;
-    want[53] = 2;
-    packets::put16(want, 54, PORT);
-    packets::put16(want, 56, PORT);
-    packets::put16(want, 58, 48);
-    packets::put32(want, 62, 0x0805050B);
-    want[66] = LBHA_STATE_STANDBY;
-    want[68] = LBHA_SUBSTATE_NA;
-    put_time(want, 70, fake::now());
-    // The pseudo header of RFC 8200, 8.1: both addresses, the length, the protocol.
-    bytes summed(want.begin() + 22, want.end());
-    summed.insert(summed.end(), {0, 0, 0, 48, 0, 0, 0, 17});
-    packets::put16(want, 60, packets::checksum(summed, 0, summed.size()));
-    EXPECT_EQ(frames[1], want);
+    EXPECT_EQ(frames[1], over_ipv6({.seq = fake::now()}, "2001:db8::1", "2001:db8::2"));
+}
+
+TEST_F(HaStackTest, Ipv6ClustersArePairedLikeOthers)
+{
+    add_ipv6();
+    ASSERT_EQ(pair(LBHA_ROLE_BACKUP), LBCMD_RC_SUCCESS);
+    const auto ask = [] { return fake::receive(packets::build(packets::neighbour{})); };
+    EXPECT_EQ(ask(), LB_PACKETRC_INTACT);
+    EXPECT_TRUE(fake::take_sent().empty());
+    const record known6 = {
+        .sport = 5, .server = "2001:db8::11", .client = "2001:db8::50", .cluster = C6};
+    record mixed = known6;
+    mixed.client = "10.9.0.1"; // no packet to the cluster has such a client
+    const beat b = {.seq = {77, 0}, .records = {mixed, known6}};
+    // Who sends records over IPv6 is believed, too.
+    EXPECT_EQ(fake::receive(over_ipv6(b, "2001:db8::2", "2001:db8::1")), LB_PACKETRC_CONSUMED);
+    EXPECT_EQ(lbexecutor->ha.partnerack.secs, 77);
+    EXPECT_EQ(known(5, "2001:db8::50", C6), "17 2 0");
+    EXPECT_EQ(known(5, "10.9.0.1", C6), "");
+    ASSERT_EQ(take_over(), LBCMD_RC_SUCCESS);
+    bool heard = false;
+    for (const fake::sent_frame &sent : fake::take_sent()) {
+        heard =
+            heard || (sent.ipver == 6 && sent.bytes.at(packets::IP6) == packets::ADVERTISEMENT &&
+                      packets::ip6_at(sent.bytes, packets::IP6 + 8) == C6);
+    }
+    EXPECT_TRUE(heard);
+    EXPECT_EQ(ask(), LB_PACKETRC_CONSUMED);
+    (void)fake::take_sent();
+    fake::receive(packets::build(packets::packet6{.sport = 5, .flags = FIN | ACK}));
+    EXPECT_EQ(packets::mac_at(fake::take_sent().at(0).bytes, 0), packets::mac_of(0x11));
+    const auto frames = beats_of_a_tick(); // and the end of the connection goes back
+    ASSERT_EQ(numrecs(frames.at(0)), 1);
+    bytes want = build(beat{.records = {known6}});
+    want[RECS + 82] = LBSEL_CR_STATE_FIN;
+    EXPECT_TRUE(std::equal(want.begin() + RECS, want.end(), frames[0].begin() + RECS));
 }
 
 TEST_F(HaStackTest, PayloadFollowsTheSmallestMtu)
@@ -532,7 +584,8 @@ TEST_F(HaStackTest, WhoYieldsSendsTheFirstClustersRecordsAgain)
     ASSERT_EQ(take_over(), LBCMD_RC_SUCCESS);
     for (const char *cluster : {C, "10.0.0.101"}) {
         for (const std::uint8_t flags : {SYN, ACK}) {
-            fake::receive(packets::build({.dst = cluster, .sport = 7, .flags = flags}));
+            fake::receive(
+                packets::build(packets::packet{.dst = cluster, .sport = 7, .flags = flags}));
         }
     }
     ASSERT_EQ(tcp(SYN, 8), 11); // not established: not worth it

@@ -7,6 +7,7 @@
 #include "lb_replication.h"
 
 #include "nat_fixture.h"
+#include "neighbours6.h"
 
 class HaFixture : public NatFixture
 {
@@ -77,7 +78,10 @@ class HaFixture : public NatFixture
     }
     static void put_addr(packets::bytes &frame, std::size_t at, const std::string &text)
     {
-        if (!text.empty()) {
+        if (text.find(':') != std::string::npos) {
+            frame.at(at) = 6;
+            packets::set_at(frame, at + 8, packets::to_ip6(text));
+        } else if (!text.empty()) {
             frame.at(at) = 4;
             packets::set_at(frame, at + 8, packets::to_ip4(text));
         }
@@ -169,20 +173,24 @@ class HaFixture : public NatFixture
     }
 
     static lbsel_cr_obj_t *connection(lb_u16_t sport, const std::string &client = "10.9.0.1",
-                                      lb_u16_t port = 80)
+                                      const std::string &cluster = C)
     {
+        lbcmd_key_t portkey = stack::cfgkey(cluster, 80);
+        auto *port = reinterpret_cast<lbport_obj_t *>(lbcmd_lookup(LBCMD_KEYTYPE_CONFIG, &portkey));
         lbsel_cr_obj_key_t key = {.sip = stack::ip(client), .sport = sport, ._pad = 0};
-        auto *ct = static_cast<lbsel_ct_obj_t *>(port_object(port)->ct);
+        auto *ct = static_cast<lbsel_ct_obj_t *>(port->ct);
         return static_cast<lbsel_cr_obj_t *>(lbht_select1(&ct->lookup, &key));
     }
     // "server state natport" of a connection, the server by its last byte; "" without a record.
-    static std::string known(lb_u16_t sport, const std::string &client = "10.9.0.1")
+    static std::string known(lb_u16_t sport, const std::string &client = "10.9.0.1",
+                             const std::string &cluster = C)
     {
-        const lbsel_cr_obj_t *cr = connection(sport, client);
+        const lbsel_cr_obj_t *cr = connection(sport, client, cluster);
         if (cr == nullptr) {
             return "";
         }
-        return std::to_string(cr->server->config.key.cfg.server.nboaddr.v4[3]) + " " +
+        const lbip_addr_t &server = cr->server->config.key.cfg.server;
+        return std::to_string(server.nboaddr.v6[server.version == 6 ? 15 : 3]) + " " +
                std::to_string(cr->state) + " " + std::to_string(cr->natkey.natport);
     }
 };

@@ -46,8 +46,8 @@ class HaStressTest : public HaFixture
         const lb_u16_t ports[] = {80, 80, 443, 8443};
         fake::worker worker;
         while (!stop) {
-            (void)worker.receive(
-                packets::build({.src = "10.9.0." + std::to_string(1 + below(random, 64)),
+            (void)worker.receive(packets::build(
+                packets::packet{.src = "10.9.0." + std::to_string(1 + below(random, 64)),
                                 .dst = C,
                                 .sport = 7,
                                 .dport = ports[below(random, 4)],
