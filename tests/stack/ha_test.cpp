@@ -137,6 +137,11 @@ TEST_F(HaStackTest, HeartbeatOverIPv6IsBareWhateverIsQueued)
     EXPECT_EQ(frames[0].size(), RECS + 3 * RECLEN);
     EXPECT_EQ(numrecs(frames[0]), 3);
     EXPECT_EQ(frames[1], over_ipv6({.seq = fake::now()}, "2001:db8::1", "2001:db8::2"));
+    // RFC 8200, 8.1: a sum of 0 is sent as all ones.
+    lb_poke(lbexecutor->ha.partnerack,
+            lb_timeval_t{0, packets::get16(frames[1], packets::IP6 + 6)});
+    _lbha_sendheartbeats();
+    EXPECT_EQ(packets::get16(beats().at(1), packets::IP6 + 6), 0xFFFF);
 }
 
 TEST_F(HaStackTest, Ipv6ClustersArePairedLikeOthers)
@@ -476,6 +481,10 @@ TEST_F(HaStackTest, AnotherServerIsBelievedByTheStandbyOnly)
     hear(record{.sport = 1, .server = server_ip(12), .state = 4});
     EXPECT_EQ(known(1), "");
     hear(record{.sport = 1});
+    lb_poke(server_object(11)->sel.removed, 1); // it goes: nothing new
+    hear(record{.sport = 2});
+    EXPECT_EQ(known(2), "");
+    lb_poke(server_object(11)->sel.removed, 0);
     ASSERT_EQ(take_over(), LBCMD_RC_SUCCESS);
     hear(record{.sport = 1, .server = server_ip(12), .natport = 2000});
     EXPECT_EQ(known(1), "11 2 0");
@@ -491,13 +500,17 @@ TEST_F(HaStackTest, AffinityFollowsTheRecords)
         ASSERT_ADDED(make_server(port, 22));
     }
     ASSERT_EQ(pair(LBHA_ROLE_BACKUP), LBCMD_RC_SUCCESS);
-    const auto clients = [this](int last, lb_u16_t port) {
+    const auto clients = [](int last, lb_u16_t port) {
         return lbll_size(&server_object(last, port)->sel.arlist);
     };
     const auto asks = [](lb_u16_t port) { return tcp(SYN, 40000, "10.9.0.1", port); };
     hear(record{.server = address(22), .port = 443});
     EXPECT_EQ(clients(22, 443), 1);
     EXPECT_EQ(asks(443), 22);
+    lb_poke(server_object(21, 443)->sel.removed, 1); // it goes: nothing new
+    hear(record{.server = address(21), .client = "10.9.0.2", .port = 443});
+    EXPECT_EQ(clients(21, 443), 0);
+    lb_poke(server_object(21, 443)->sel.removed, 0);
     hear(record{.server = address(22), .port = 443}); // again
     EXPECT_EQ(clients(22, 443), 1);
     hear(record{.server = address(21), .port = 8443}); // moves, and the other port sees it
