@@ -112,6 +112,11 @@ lbcmd_key_t useserver_key(const lbip_addr_t &cluster, lb_u16_t port, lb_u16_t ru
     return key;
 }
 
+lbcmd_key_t heartbeat_key(const lbip_addr_t &local, const lbip_addr_t &partner)
+{
+    return server_key(local, 0, partner);
+}
+
 lbcmd_key_t interfaces_key()
 {
     return {};

@@ -77,6 +77,20 @@ constexpr auto HA_STATES = std::to_array<named_value>({
     {LBHA_STATE_NA, "n/a", ""},
 });
 
+constexpr auto HA_SUBSTATES = std::to_array<named_value>({
+    {LBHA_SUBSTATE_UNDEF, "undefined", ""},
+    {LBHA_SUBSTATE_NA, "n/a", ""},
+    {LBHA_SUBSTATE_SYNC, "synchronised", ""},
+    {LBHA_SUBSTATE_NOTSYNC, "not synchronised", ""},
+});
+
+constexpr auto HA_EVENTS = std::to_array<named_value>({
+    {0, "not recorded", ""},
+    {1, "timer", ""},
+    {2, "heartbeat", ""},
+    {3, "manual takeover", ""},
+});
+
 constexpr auto YES_NO = std::to_array<named_value>({
     {LBIFIN_YN_UNDEFINED, "undefined", ""},
     {LBIFIN_YN_YES, "yes", ""},
@@ -200,6 +214,14 @@ std::span<const named_value> ha_replications()
 std::span<const named_value> ha_states()
 {
     return HA_STATES;
+}
+std::span<const named_value> ha_substates()
+{
+    return HA_SUBSTATES;
+}
+std::span<const named_value> ha_events()
+{
+    return HA_EVENTS;
 }
 std::span<const named_value> yes_no()
 {

@@ -44,8 +44,10 @@ executor read_executor(const client &daemon)
     for (const lbcmd_key_t &child : got.children) {
         if (object_of(CONFIG, child) == object_e::CLUSTER) {
             result.clusters.push_back(child.cfg.cluster);
-        } else {
-            result.heartbeats++;
+        } else if (const auto found = look(daemon, CONFIG, child)) {
+            result.heartbeats.push_back(
+                {child.cfg.cluster, child.cfg.server,
+                 block_of<lbha_hb_getable_t>(found->getable, "heartbeat's readable")});
         }
     }
     return result;

@@ -19,6 +19,11 @@ void server_add(session &s);
 void server_set(session &s);
 void server_rm(session &s);
 
+void ha_set(session &s);
+void ha_takeover(session &s);
+void heartbeat_add(session &s);
+void heartbeat_rm(session &s);
+
 void rule_add(session &s);
 void rule_set(session &s);
 void rule_rm(session &s);
@@ -35,6 +40,8 @@ void address_rm(session &s);
 
 void show_all(session &s);
 void show_executor(session &s);
+void show_ha(session &s);
+void show_heartbeats(session &s);
 void show_clusters(session &s);
 void show_ports(session &s);
 void show_servers(session &s);

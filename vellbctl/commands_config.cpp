@@ -38,21 +38,11 @@ void remove_asked(session &s, const lbcmd_key_t &key)
            key);
 }
 
-// Warnings are a courtesy: the change has been made, so that failing to look is no failure.
-template <class F> void look_again(session &s, F find)
-{
-    try {
-        s.warn(find());
-    } catch (const vellb::refused &) {
-    } catch (const vellb::fault &) {
-    }
-}
-
 } // namespace
 
 void look_at_port(session &s)
 {
-    look_again(s, [&] {
+    s.look_again([&] {
         const auto port = vellb::read_port(s.daemon, *s.req.address, s.req.port);
         auto texts = port ? port_surprises(*port) : std::vector<std::string>{};
         if (port && (port->settings.reset != 0 || translates(*port))) {
@@ -67,18 +57,8 @@ void look_at_port(session &s)
 void executor_set(session &s)
 {
     s.change(CONFIG, vellb::executor_key(), s.req.executor_edits);
-    look_again(s, [&] {
-        const auto now = vellb::read_executor(s.daemon);
-        auto texts = gateway_surprises(now, vellb::read_interfaces(s.daemon));
-        lbexe_setable_t wanted = now.settings;
-        s.req.executor_edits.apply(wanted);
-        if (wanted.ha.role != now.settings.ha.role) {
-            texts.push_back(fmt::format("the daemon took role {} instead of {}: high availability "
-                                        "needs a partner and a daemon that has it",
-                                        vellb::name_of(vellb::ha_roles(), now.settings.ha.role),
-                                        vellb::name_of(vellb::ha_roles(), wanted.ha.role)));
-        }
-        return texts;
+    s.look_again([&] {
+        return gateway_surprises(vellb::read_executor(s.daemon), vellb::read_interfaces(s.daemon));
     });
     s.done("changed", CONFIG, vellb::executor_key());
 }
@@ -98,8 +78,8 @@ void cluster_add(session &s)
     lbclu_setable_t settings{};
     s.req.cluster_edits.apply(settings);
     s.add(CONFIG, asked_cluster(s), vellb::bytes_of(lbclu_addable_t{}), vellb::bytes_of(settings));
-    look_again(s,
-               [&] { return subnet_surprises(*s.req.address, vellb::read_interfaces(s.daemon)); });
+    s.look_again(
+        [&] { return subnet_surprises(*s.req.address, vellb::read_interfaces(s.daemon)); });
     s.done("added", CONFIG, asked_cluster(s));
 }
 

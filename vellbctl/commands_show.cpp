@@ -90,7 +90,7 @@ vellb::picture read_asked(const session &s, const view &what)
     }
     vellb::picture result;
     result.taken = std::chrono::steady_clock::now();
-    if (what.executor) {
+    if (what.executor || what.ha || what.heartbeats) {
         result.executor = vellb::read_executor(s.daemon);
     }
     if (what.clusters || what.ports || what.servers) {
@@ -113,6 +113,7 @@ void show(session &s, const view &what)
 {
     constexpr const char *CLEAR = "\033[H\033[2J";
     std::optional<vellb::picture> before;
+    sightings seen;
     unsigned left = s.req.count.value_or(0);
     auto next = std::chrono::steady_clock::now();
     for (;;) {
@@ -123,10 +124,12 @@ void show(session &s, const view &what)
         }
         const long now_s = time(nullptr);
         const vellb::picture *earlier = before ? &*before : nullptr;
+        seen.look(now, now_s);
+        const sightings *watched = s.req.watch_s ? &seen : nullptr;
         const bool clear = s.req.watch_s && s.tty && !s.req.json;
-        s.answer((clear ? CLEAR : "") + render_text(now, earlier, what, now_s) +
+        s.answer((clear ? CLEAR : "") + render_text(now, earlier, what, now_s, watched) +
                      (s.req.watch_s && !clear ? "\n" : ""),
-                 render_json(now, earlier, what, now_s));
+                 render_json(now, earlier, what, now_s, watched));
         if (!s.req.watch_s || (s.req.count && --left == 0)) {
             return;
         }
@@ -146,12 +149,23 @@ void show_all(session &s)
              .ports = true,
              .servers = true,
              .rules = true,
-             .interfaces = true});
+             .interfaces = true,
+             .heartbeats = true});
 }
 
 void show_executor(session &s)
 {
     show(s, {.executor = true});
+}
+
+void show_ha(session &s)
+{
+    show(s, {.ha = true, .heartbeats = true});
+}
+
+void show_heartbeats(session &s)
+{
+    show(s, {.heartbeats = true, .flat = true});
 }
 
 void show_clusters(session &s)

@@ -35,6 +35,10 @@ void take_server(request &r, word_t word)
 {
     r.server = take_address(word);
 }
+void take_partner(request &r, word_t word)
+{
+    r.partner = take_address(word);
+}
 void take_rule(request &r, word_t word)
 {
     r.rule = static_cast<lb_u16_t>(take_number(word, 1, 65535));
@@ -63,6 +67,8 @@ constexpr positional SOME_PORT{"ADDRESS:PORT", "one port only", take_port, true}
 constexpr positional SERVER{"SERVER", "the server's address, as in 10.0.0.11 or 2001:db8::11",
                             take_server};
 constexpr positional SOME_SERVER{"SERVER", "one server only", take_server, true};
+constexpr positional LOCAL{"LOCAL", "an address of this node's own, as in 10.9.0.1", take_cluster};
+constexpr positional PARTNER{"PARTNER", "the partner's, as in 10.9.0.2", take_partner};
 constexpr positional RULE{"RULE", "the rule's number; lower ones are tried first", take_rule};
 constexpr positional SOME_RULE{"RULE", "one rule only", take_rule, true};
 constexpr positional INTERFACE{"NAME", "the interface, as in eth0", take_name_of_interface};
@@ -112,37 +118,72 @@ const std::vector<option> &executor_options()
              r.executor_edits.add(
                  [word](lbexe_setable_t &b) { b.log_mask = take_mask(word, b.log_mask); });
          }},
-        {"--ha-role", "ROLE", "solo, primary or backup",
+    };
+    return options;
+}
+
+void take_reach(request &r, word_t word)
+{
+    constexpr size_t MOST = std::size(lbha_setables_t{}.reachaddr);
+    if (!r.ha.reach) {
+        r.ha.reach.emplace();
+    }
+    if (word == "none") {
+        return;
+    }
+    if (r.ha.reach->size() == MOST) {
+        throw usage_error(fmt::format("'{}' is one too many: {} are kept", word, MOST), word);
+    }
+    r.ha.reach->push_back(take_address(word));
+}
+
+std::vector<option> ha_options()
+{
+    return {
+        {"--role", "ROLE", "solo, or in a pair primary or backup",
          [](request &r, word_t word) {
-             const auto role = static_cast<lb_u8_t>(take_name(word, vellb::ha_roles()));
-             r.executor_edits.add([role](lbexe_setable_t &b) { b.ha.role = role; });
+             const auto roles = vellb::ha_roles().subspan(LBHA_ROLE_SOLO);
+             r.ha.role = static_cast<lb_u8_t>(take_name(word, roles));
          }},
-        {"--ha-takeover", "STRATEGY", "manual or automatic",
+        {"--takeover", "STRATEGY",
+         "of a primary that returns: manual waits to be told (the default), automatic does not",
          [](request &r, word_t word) {
-             const auto strategy = static_cast<lb_u8_t>(take_name(word, vellb::ha_takeovers()));
-             r.executor_edits.add([strategy](lbexe_setable_t &b) { b.ha.tostrategy = strategy; });
+             const auto strategies = vellb::ha_takeovers().subspan(LBHA_TAKEOVERSTRATEGY_MANUAL, 2);
+             r.ha.takeover = static_cast<lb_u8_t>(take_name(word, strategies));
          }},
-        {"--ha-timeout", "TIME", "silence after which the partner is dead, 1s to 30s",
+        {"--replication", "WHAT",
+         "none or connections; what is sent is each port's own --replication",
+         [](request &r, word_t word) {
+             const auto value = static_cast<lb_u8_t>(take_name(word, vellb::ha_replications()));
+             if (value > LBHA_REPLICATIONSTRATEGY_CRREP) {
+                 throw usage_error(fmt::format("'{0}' is a setting of ports only: vellbctl port "
+                                               "set ADDRESS:PORT --replication {0}",
+                                               word),
+                                   word);
+             }
+             r.ha.replication = value;
+         }},
+        {"--timeout", "TIME",
+         "1s to 30s: the partner is dead a whole second after this much silence; default 2s",
          [](request &r, word_t word) {
              const lb_u32_t timeout = take_seconds(word);
              if (timeout < LBHA_TIMEOUT_MINIMUM || timeout > LBHA_TIMEOUT_MAXIMUM) {
                  throw usage_error(fmt::format("'{}' is not from 1s to 30s", word), word);
              }
-             r.executor_edits.add(
-                 [timeout](lbexe_setable_t &b) { b.ha.timeout = static_cast<lb_u8_t>(timeout); });
+             r.ha.timeout_s = static_cast<lb_u8_t>(timeout);
          }},
-        {"--ha-replication", "WHAT", "none or connections",
+        {"--port", "PORT", "UDP port of the heartbeats, the same on both nodes",
          [](request &r, word_t word) {
-             const auto what = static_cast<lb_u8_t>(take_name(word, vellb::ha_replications()));
-             r.executor_edits.add([what](lbexe_setable_t &b) { b.ha.repstrategy = what; });
+             r.ha.port = static_cast<lb_u16_t>(take_number(word, 1, 65535));
          }},
-        {"--ha-port", "PORT", "UDP port of the heartbeats",
+        {"--reach-score", "N", "0 to 255: a standby with the higher one takes over",
          [](request &r, word_t word) {
-             const auto port = static_cast<lb_u16_t>(take_number(word, 1, 65535));
-             r.executor_edits.add([port](lbexe_setable_t &b) { b.ha.port = port; });
+             r.ha.reach_score = static_cast<lb_u8_t>(take_number(word, 0, 255));
          }},
+        {"--reach", "ADDRESS|none",
+         "an address that a control server measures; up to 12; replaces the earlier ones",
+         take_reach, false, true},
     };
-    return options;
 }
 
 constexpr option CLUSTER_ID{"--id", "TEXT", "a name for people", [](request &r, word_t word) {
@@ -415,6 +456,25 @@ void add_config_commands(std::vector<command> &table)
         });
 }
 
+void add_ha_commands(std::vector<command> &table)
+{
+    table.insert(
+        table.end(),
+        {
+            {"ha", "show", "this node's role and state, and its partners", {}, {}, show_ha},
+            {"ha", "set", "make it one of a pair, or alone", {}, ha_options(), ha_set, true},
+            {"ha", "takeover", "take the cluster addresses over now", {}, {}, ha_takeover},
+            {"heartbeat",
+             "add",
+             "tell a partner twice a second that this node lives",
+             {LOCAL, PARTNER},
+             {},
+             heartbeat_add},
+            {"heartbeat", "rm", "tell it no more", {LOCAL, PARTNER}, {}, heartbeat_rm},
+            {"heartbeat", "show", "partners and how they are reached", {}, {}, show_heartbeats},
+        });
+}
+
 void add_rule_commands(std::vector<command> &table)
 {
     table.insert(
@@ -552,6 +612,7 @@ std::span<const command> commands()
         add_config_commands(rows);
         add_rule_commands(rows);
         add_interface_commands(rows);
+        add_ha_commands(rows);
         return rows;
     }();
     return table;

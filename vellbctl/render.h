@@ -1,6 +1,7 @@
 // One picture of the daemon, for people and for programs.
 #pragma once
 
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -19,16 +20,37 @@ struct view {
     bool useservers = false;
     bool interfaces = false;
     bool addresses = false;
+    bool ha = false;
+    bool heartbeats = false;
     // The document lists ports, servers, rules or addresses by themselves, not within their
     // parents.
     bool flat = false;
 };
 
-// With an earlier picture: rates since then. `now_s`: wall-clock time, for the age of the daemon.
+// Since when this program has seen the states of this node and of its partners as they are.
+class sightings
+{
+  public:
+    void look(const vellb::picture &now, long now_s);
+    // Wall-clock time; look() has seen them.
+    [[nodiscard]] long since() const;
+    [[nodiscard]] long since(const vellb::heartbeat &each) const;
+
+  private:
+    struct sighting {
+        unsigned state;
+        long since_s;
+    };
+    void look(const std::string &who, unsigned state, long now_s);
+    std::map<std::string, sighting> seen_{};
+};
+
+// With an earlier picture: rates since then. With sightings: since when states are as they are.
+// `now_s`: wall-clock time, for the age of the daemon.
 std::string render_text(const vellb::picture &now, const vellb::picture *before, const view &what,
-                        long now_s);
+                        long now_s, const sightings *seen);
 nlohmann::ordered_json render_json(const vellb::picture &now, const vellb::picture *before,
-                                   const view &what, long now_s);
+                                   const view &what, long now_s, const sightings *seen);
 
 // Packets a second between two readings of a counter; 0 if it went backwards (a new daemon, or a
 // new object under an old key).

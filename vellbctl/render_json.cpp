@@ -35,12 +35,14 @@ json_t connections_json(const lb_conn_stats_t &c)
 class json_renderer
 {
   public:
-    json_renderer(const vellb::picture &now, const vellb::picture *before)
-        : now_(now), before_(before)
+    json_renderer(const vellb::picture &now, const vellb::picture *before, const sightings *seen)
+        : now_(now), before_(before), seen_(seen)
     {
     }
 
     [[nodiscard]] json_t executor(long now_s) const;
+    [[nodiscard]] json_t ha() const;
+    [[nodiscard]] json_t heartbeats() const;
     [[nodiscard]] json_t cluster(const vellb::cluster &each) const;
     [[nodiscard]] json_t port(const vellb::port &each) const;
     [[nodiscard]] json_t server(const vellb::port &port, const vellb::server &each) const;
@@ -62,19 +64,50 @@ class json_renderer
 
     const vellb::picture &now_;
     const vellb::picture *before_;
+    const sightings *seen_;
 };
 
-json_t ha_json(const vellb::executor &executor)
+json_t json_renderer::heartbeats() const
 {
-    const lbha_setables_t &set = executor.settings.ha;
-    const lbha_getables_t &get = executor.readings.ha;
-    return {{"role", vellb::name_of(vellb::ha_roles(), set.role)},
-            {"state", vellb::name_of(vellb::ha_states(), get.state)},
-            {"takeover", vellb::name_of(vellb::ha_takeovers(), set.tostrategy)},
-            {"timeout_s", set.timeout},
-            {"replication", vellb::name_of(vellb::ha_replications(), set.repstrategy)},
-            {"port", set.port},
-            {"heartbeats", executor.heartbeats}};
+    json_t list = json_t::array();
+    for (const vellb::heartbeat &each : now_.executor.heartbeats) {
+        json_t one{{"local", vellb::address_text(each.local)},
+                   {"partner", vellb::address_text(each.partner)},
+                   {"neighbour", vellb::neighbour_text(each.readings.neighstate)},
+                   {"neighbour_state", each.readings.neighstate}};
+        if (seen_ != nullptr) {
+            one["neighbour_seen_since"] = seen_->since(each);
+        }
+        list.push_back(std::move(one));
+    }
+    return list;
+}
+
+json_t json_renderer::ha() const
+{
+    const lbha_setables_t &set = now_.executor.settings.ha;
+    const lbha_getables_t &get = now_.executor.readings.ha;
+    json_t reach = json_t::array();
+    for (const lbip_addr_t &each : set.reachaddr) {
+        if (vellb::is_set(each)) {
+            reach.push_back(vellb::address_text(each));
+        }
+    }
+    json_t result{{"role", vellb::name_of(vellb::ha_roles(), set.role)},
+                  {"state", vellb::name_of(vellb::ha_states(), get.state)},
+                  {"substate", vellb::name_of(vellb::ha_substates(), get.substate)},
+                  {"last_event", vellb::name_of(vellb::ha_events(), get.lastevent)},
+                  {"takeover", vellb::name_of(vellb::ha_takeovers(), set.tostrategy)},
+                  {"timeout_s", set.timeout},
+                  {"replication", vellb::name_of(vellb::ha_replications(), set.repstrategy)},
+                  {"port", set.port},
+                  {"reach_score", set.reachscore},
+                  {"reach_addresses", reach},
+                  {"heartbeats", heartbeats()}};
+    if (seen_ != nullptr) {
+        result["state_seen_since"] = seen_->since();
+    }
+    return result;
 }
 
 json_t gateway_json(const lbip_addr_t &gateway, lb_u8_t state)
@@ -108,7 +141,7 @@ json_t json_renderer::executor(long now_s) const
         {"own_address", address_json(set.nfa)},
         {"log_mask", set.log_mask},
         {"log_mask_names", vellb::mask_text(set.log_mask)},
-        {"high_availability", ha_json(now_.executor)},
+        {"high_availability", ha()},
         {"counters", counters}};
 }
 
@@ -295,12 +328,17 @@ json_t json_renderer::interface(const vellb::interface &each)
 } // namespace
 
 json_t render_json(const vellb::picture &now, const vellb::picture *before, const view &what,
-                   long now_s)
+                   long now_s, const sightings *seen)
 {
-    const json_renderer renderer(now, before);
+    const json_renderer renderer(now, before, seen);
     json_t document = json_t::object();
     if (what.executor) {
         document["executor"] = renderer.executor(now_s);
+    }
+    if (what.ha) {
+        document["high_availability"] = renderer.ha();
+    } else if (what.heartbeats && what.flat) {
+        document["heartbeats"] = renderer.heartbeats();
     }
     const char *list = !what.flat        ? (what.clusters ? "clusters" : "")
                        : what.ports      ? "ports"

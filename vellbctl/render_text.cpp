@@ -1,10 +1,12 @@
 // The picture for people: a few aligned tables that fit a terminal. Reads decoded blocks only.
 #include <algorithm>
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <numeric>
 
 #include "forwarding.h"
 #include "render.h"
+#include "surprises.h"
 #include "table.h"
 #include "vellb/address.h"
 #include "vellb/names.h"
@@ -29,12 +31,14 @@ std::string rate_text(double rate)
 class text_renderer
 {
   public:
-    text_renderer(const vellb::picture &now, const vellb::picture *before)
-        : now_(now), before_(before)
+    text_renderer(const vellb::picture &now, const vellb::picture *before, const sightings *seen)
+        : now_(now), before_(before), seen_(seen)
     {
     }
 
     [[nodiscard]] std::string executor(long now_s) const;
+    [[nodiscard]] std::string ha() const;
+    [[nodiscard]] std::string heartbeats() const;
     [[nodiscard]] std::string clusters() const;
     [[nodiscard]] std::string ports() const;
     [[nodiscard]] std::string servers() const;
@@ -64,7 +68,13 @@ class text_renderer
 
     const vellb::picture &now_;
     const vellb::picture *before_;
+    const sightings *seen_;
 };
+
+std::string moment_text(long when_s)
+{
+    return fmt::format("{:%Y-%m-%d %H:%M:%S}", fmt::localtime(when_s));
+}
 
 std::string gateway_text(const lbip_addr_t &gateway, lb_u8_t state)
 {
@@ -89,13 +99,62 @@ std::string text_renderer::executor(long now_s) const
     line("own address", vellb::address_text(set.nfa));
     line("log mask", fmt::format("0x{:x} {}", set.log_mask, vellb::mask_text(set.log_mask)));
     std::string ha = vellb::name_of(vellb::ha_roles(), set.ha.role);
-    if (set.ha.role == LBHA_ROLE_PRIMARY || set.ha.role == LBHA_ROLE_BACKUP) {
+    if (is_paired(set.ha)) {
         ha += fmt::format(", {}, takeover {}, timeout {} s",
                           vellb::name_of(vellb::ha_states(), get.ha.state),
                           vellb::name_of(vellb::ha_takeovers(), set.ha.tostrategy), set.ha.timeout);
     }
     line("high availability", ha);
     return text + "\n" + protocols();
+}
+
+std::string text_renderer::ha() const
+{
+    const lbha_setables_t &set = now_.executor.settings.ha;
+    const lbha_getables_t &get = now_.executor.readings.ha;
+    std::string text;
+    const auto line = [&](const char *name, const std::string &value) {
+        text += fmt::format("{:<16} {}\n", name, value);
+    };
+    const std::string state = vellb::name_of(vellb::ha_states(), get.state);
+    line("role", vellb::name_of(vellb::ha_roles(), set.role));
+    line("state", seen_ == nullptr
+                      ? state
+                      : fmt::format("{}, seen since {}", state, moment_text(seen_->since())));
+    line("substate", vellb::name_of(vellb::ha_substates(), get.substate));
+    line("last event", vellb::name_of(vellb::ha_events(), get.lastevent));
+    line("takeover", vellb::name_of(vellb::ha_takeovers(), set.tostrategy));
+    line("replication", vellb::name_of(vellb::ha_replications(), set.repstrategy));
+    line("timeout", fmt::format("{} s", set.timeout));
+    line("heartbeat port", set.port != 0 ? to_string(set.port) : "none");
+    line("reach score", to_string(set.reachscore));
+    std::string reach;
+    for (const lbip_addr_t &each : set.reachaddr) {
+        if (vellb::is_set(each)) {
+            reach += (reach.empty() ? "" : " ") + vellb::address_text(each);
+        }
+    }
+    line("reach addresses", reach.empty() ? "none" : reach);
+    return text;
+}
+
+std::string text_renderer::heartbeats() const
+{
+    std::vector<column> columns{{"HEARTBEAT FROM"}, {"TO PARTNER"}, {"NEIGHBOUR"}};
+    if (seen_ != nullptr) {
+        columns.push_back({"SEEN SINCE"});
+    }
+    table_t table(columns);
+    for (const vellb::heartbeat &each : now_.executor.heartbeats) {
+        std::vector<std::string> cells{vellb::address_text(each.local),
+                                       vellb::address_text(each.partner),
+                                       vellb::neighbour_text(each.readings.neighstate)};
+        if (seen_ != nullptr) {
+            cells.push_back(moment_text(seen_->since(each)));
+        }
+        table.row(std::move(cells));
+    }
+    return table.empty() ? "no heartbeats\n" : table.text();
 }
 
 std::string text_renderer::protocols() const
@@ -358,7 +417,38 @@ std::string text_renderer::addresses() const
     return table.empty() ? "no addresses\n" : table.text();
 }
 
+std::string name_of(const vellb::heartbeat &each)
+{
+    return vellb::address_text(each.local) + " " + vellb::address_text(each.partner);
+}
+
 } // namespace
+
+void sightings::look(const vellb::picture &now, long now_s)
+{
+    look("", now.executor.readings.ha.state, now_s);
+    for (const vellb::heartbeat &each : now.executor.heartbeats) {
+        look(name_of(each), each.readings.neighstate, now_s);
+    }
+}
+
+void sightings::look(const std::string &who, unsigned state, long now_s)
+{
+    const auto [found, fresh] = seen_.try_emplace(who, sighting{state, now_s});
+    if (!fresh && found->second.state != state) {
+        found->second = {state, now_s};
+    }
+}
+
+long sightings::since() const
+{
+    return seen_.at("").since_s;
+}
+
+long sightings::since(const vellb::heartbeat &each) const
+{
+    return seen_.at(name_of(each)).since_s;
+}
 
 double rate_of(lb_u64_t now, lb_u64_t before, std::chrono::steady_clock::duration between)
 {
@@ -430,15 +520,18 @@ lb_conn_stats_t connections_of(const vellb::port &port)
 }
 
 std::string render_text(const vellb::picture &now, const vellb::picture *before, const view &what,
-                        long now_s)
+                        long now_s, const sightings *seen)
 {
-    const text_renderer renderer(now, before);
+    const text_renderer renderer(now, before, seen);
     std::string text;
     const auto section = [&](bool wanted, const std::string &content) {
         text += wanted && !text.empty() ? "\n" : "";
         text += wanted ? content : "";
     };
     section(what.executor, renderer.executor(now_s));
+    section(what.ha, renderer.ha());
+    const bool alone = what.executor && now.executor.heartbeats.empty();
+    section(what.heartbeats && !alone, renderer.heartbeats());
     section(what.clusters, renderer.clusters());
     section(what.ports, renderer.ports());
     section(what.servers, renderer.servers());

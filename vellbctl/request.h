@@ -31,6 +31,17 @@ template <class B> class edits_t
     std::vector<std::function<void(B &)>> edits_;
 };
 
+// What only a node of a pair has, as far as the words say.
+struct ha_words {
+    std::optional<lb_u8_t> role{};        // _lbha_role_e
+    std::optional<lb_u8_t> takeover{};    // _lbha_takeoverstrategy_e
+    std::optional<lb_u8_t> replication{}; // _lbha_replicationstrategy_e
+    std::optional<lb_u8_t> timeout_s{};
+    std::optional<lb_u8_t> reach_score{};
+    std::optional<lb_u16_t> port{};
+    std::optional<std::vector<lbip_addr_t>> reach{}; // empty: none
+};
+
 // How a server is to be reached, as far as the words say.
 struct forwarding_words {
     bool nat = false;
@@ -53,13 +64,15 @@ struct request {
     std::optional<lbip_addr_t> address{}; // a cluster's, or an interface's
     lb_u16_t port = 0;
     lb_u16_t rule = 0;
-    std::optional<lbip_addr_t> server{};
+    std::optional<lbip_addr_t> server{};  // a port's
+    std::optional<lbip_addr_t> partner{}; // at the other end of a heartbeat
     std::optional<std::string> interface {
     };
     std::optional<lb_u64_t> mask{};
 
     // Its blocks.
     edits_t<lbexe_setable_t> executor_edits{};
+    ha_words ha{};
     edits_t<lbclu_setable_t> cluster_edits{};
     edits_t<lbport_addable_t> port_fixed{};
     edits_t<lbport_setable_t> port_edits{};

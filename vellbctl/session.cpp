@@ -35,12 +35,20 @@ std::string command_for(const char *verb, lbcmd_keytype_e keytype, const lbcmd_k
     case object_e::ADDRESS:
         words = vellb::interface_name(key.iface) + " " + vellb::address_text(key.iface.addr);
         break;
-    case object_e::EXECUTOR:
     case object_e::HEARTBEAT:
+        words = vellb::address_text(key.cfg.cluster) + " " + vellb::address_text(key.cfg.server);
+        break;
+    case object_e::EXECUTOR:
     case object_e::INTERFACES:
     case object_e::UNKNOWN: return fmt::format("vellbctl {} {}", vellb::object_text(object), verb);
     }
     return fmt::format("vellbctl {} {} {}", vellb::object_text(object), verb, words);
+}
+
+// Can it be changed once it is there?
+bool has_settings(object_e object)
+{
+    return object != object_e::HEARTBEAT && object != object_e::USESERVER;
 }
 
 lbcmd_key_t parent_of(lbcmd_keytype_e keytype, lbcmd_key_t key)
@@ -126,6 +134,9 @@ void session::done(const char *what, lbcmd_keytype_e keytype, const lbcmd_key_t 
         if (vellb::is_set(key.iface.addr)) {
             document["address"] = vellb::address_text(key.iface.addr);
         }
+    } else if (object == object_e::HEARTBEAT) {
+        document["local"] = vellb::address_text(key.cfg.cluster);
+        document["partner"] = vellb::address_text(key.cfg.server);
     } else if (object != object_e::EXECUTOR) {
         document["cluster"] = vellb::address_text(key.cfg.cluster);
         if (key.cfg.port != 0) {
@@ -185,8 +196,10 @@ complaint explain(const vellb::refused &error)
         break;
     case LBCMD_RC_ALREADYEXISTS:
         told.message = object + " exists already";
-        told.hint =
-            fmt::format("change it: {} ..., or remove it first: {}", command("set"), command("rm"));
+        told.hint = fmt::format("remove it first: {}", command("rm"));
+        if (has_settings(vellb::object_of(what.keytype, what.key))) {
+            told.hint = fmt::format("change it: {} ..., or {}", command("set"), told.hint);
+        }
         break;
     case LBCMD_RC_PARENTDNE:
         told.message = vellb::key_text(what.keytype, parent) + " does not exist";

@@ -43,6 +43,17 @@ class session
     // Shown on standard error, or with the document.
     void warn(const std::vector<std::string> &texts);
 
+    // Warns of what a look finds after a change. The change has been made: failing to look is no
+    // failure.
+    template <class F> void look_again(F find)
+    {
+        try {
+            warn(find());
+        } catch (const vellb::refused &) {
+        } catch (const vellb::fault &) {
+        }
+    }
+
     // ADD, SET and RM of one object, and the report of it.
     void add(lbcmd_keytype_e keytype, const lbcmd_key_t &key, vellb::bytes_t addable,
              vellb::bytes_t setable);

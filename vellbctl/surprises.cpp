@@ -17,6 +17,9 @@ namespace vellbctl
 namespace
 {
 
+// How long a busy connection or client is not told to the partner again.
+constexpr lb_u32_t REPLICATED_EVERY_S = 640;
+
 // Even numbers from `first` to before `last`.
 unsigned evens(unsigned first, unsigned last)
 {
@@ -131,6 +134,66 @@ std::vector<std::string> nat_surprises(const vellb::port &port)
                         vellb::name_of(vellb::algorithms(), port.fixed.selectalg))};
 }
 
+std::vector<std::string> heartbeat_surprises(const vellb::heartbeat &heartbeat,
+                                             const vellb::picture &now)
+{
+    std::vector<std::string> texts;
+    for (const lbip_addr_t &end : {heartbeat.local, heartbeat.partner}) {
+        const auto is_it = [&](const lbip_addr_t &each) { return vellb::same_address(each, end); };
+        if (std::ranges::any_of(now.executor.clusters, is_it)) {
+            texts.push_back(fmt::format("heartbeats to {} are not recognised, because it is a "
+                                        "cluster's address: use addresses of the nodes' own",
+                                        vellb::address_text(end)));
+        }
+    }
+    const auto has_it = [&](const vellb::interface &interface) {
+        return std::ranges::any_of(interface.addresses, [&](const vellb::interface_address &each) {
+            return vellb::same_address(each.address, heartbeat.local);
+        });
+    };
+    if (std::ranges::none_of(now.interfaces, has_it)) {
+        texts.push_back(fmt::format("no interface that the daemon knows has the address {}: is it "
+                                    "this node's own? then: vellbctl interface sync",
+                                    vellb::address_text(heartbeat.local)));
+    }
+    return texts;
+}
+
+// What the partner will not know of a port's connections and clients.
+std::string replication_surprise(const vellb::port &port)
+{
+    const lb_u8_t algorithm = port.fixed.selectalg;
+    const lb_u8_t strategy = port.settings.repstrategy;
+    const bool connections =
+        algorithm == LBSEL_ALGORIGHM_CONNECTION || algorithm == LBSEL_ALGORIGHM_CONN_AFFIN;
+    const bool clients =
+        algorithm == LBSEL_ALGORIGHM_AFFINITY || algorithm == LBSEL_ALGORIGHM_CONN_AFFIN;
+    const bool lacks_connections = connections && strategy != LBHA_REPLICATIONSTRATEGY_CRREP &&
+                                   strategy != LBHA_REPLICATIONSTRATEGY_CRARREP;
+    const bool lacks_clients = clients && strategy != LBHA_REPLICATIONSTRATEGY_ARREP &&
+                               strategy != LBHA_REPLICATIONSTRATEGY_CRARREP;
+    const std::string endpoint = vellb::endpoint_text(port.cluster, port.number);
+    if (!lacks_connections && !lacks_clients) {
+        const bool stale = connections && port.settings.staletimeout <= REPLICATED_EVERY_S;
+        const bool unstuck = clients && port.settings.stickytime <= REPLICATED_EVERY_S;
+        return !stale && !unstuck
+                   ? ""
+                   : fmt::format("port {0}: the partner hears of what lasts only every {1} s and "
+                                 "forgets it before that; vellbctl port set {0} {2} {3}s or more",
+                                 endpoint, REPLICATED_EVERY_S,
+                                 stale ? "--stale-timeout" : "--sticky-time",
+                                 REPLICATED_EVERY_S + 60);
+    }
+    return fmt::format("port {}: at a takeover {}; vellbctl port set {} --replication {}", endpoint,
+                       lacks_connections ? "its connections end, because they are not replicated"
+                                         : "its clients get new servers, because they are not "
+                                           "replicated",
+                       endpoint,
+                       connections && clients ? "both"
+                       : connections          ? "connections"
+                                              : "affinity");
+}
+
 } // namespace
 
 bool translates(const vellb::port &port)
@@ -228,6 +291,45 @@ std::vector<std::string> gateway_surprises(const vellb::executor &executor,
     return texts;
 }
 
+bool is_paired(const lbha_setables_t &settings)
+{
+    return settings.role == LBHA_ROLE_PRIMARY || settings.role == LBHA_ROLE_BACKUP;
+}
+
+std::vector<std::string> ha_surprises(const vellb::picture &now)
+{
+    const std::vector<vellb::heartbeat> &heartbeats = now.executor.heartbeats;
+    if (!is_paired(now.executor.settings.ha)) {
+        return heartbeats.empty() ? std::vector<std::string>{}
+                                  : std::vector<std::string>{
+                                        "no heartbeats are sent while this node's role is solo: "
+                                        "vellbctl ha set --role primary|backup --port PORT"};
+    }
+    std::vector<std::string> texts;
+    if (heartbeats.empty()) {
+        texts.emplace_back("no heartbeat is configured, so this node hears of no partner and takes "
+                           "the addresses over: vellbctl heartbeat add LOCAL PARTNER");
+    } else if (std::ranges::none_of(heartbeats, [](const vellb::heartbeat &each) {
+                   return each.partner.version == 4;
+               })) {
+        texts.emplace_back("records of connections and clients travel to IPv4 partners only: add "
+                           "a heartbeat between IPv4 addresses");
+    }
+    for (const vellb::heartbeat &each : heartbeats) {
+        for (std::string &text : heartbeat_surprises(each, now)) {
+            texts.push_back(std::move(text));
+        }
+    }
+    for (const vellb::cluster &cluster : now.clusters) {
+        for (const vellb::port &port : cluster.ports) {
+            if (std::string text = replication_surprise(port); !text.empty()) {
+                texts.push_back(std::move(text));
+            }
+        }
+    }
+    return texts;
+}
+
 std::vector<std::string> surprises(const vellb::picture &now)
 {
     std::vector<std::string> texts;
@@ -235,6 +337,7 @@ std::vector<std::string> surprises(const vellb::picture &now)
         texts.insert(texts.end(), more.begin(), more.end());
     };
     take(gateway_surprises(now.executor, now.interfaces));
+    take(ha_surprises(now));
     for (const vellb::cluster &cluster : now.clusters) {
         take(subnet_surprises(cluster.address, now.interfaces));
         for (const vellb::port &port : cluster.ports) {

@@ -22,6 +22,10 @@ std::vector<std::string> gateway_surprises(const vellb::executor &executor, lb_u
 // Those of every version that a cluster has, and whether it is clear where the gateway is.
 std::vector<std::string> gateway_surprises(const vellb::executor &executor,
                                            const std::vector<vellb::interface> &interfaces);
+// Does the node belong to a pair?
+bool is_paired(const lbha_setables_t &settings);
+// What a pair lacks to take over well; of a whole picture.
+std::vector<std::string> ha_surprises(const vellb::picture &now);
 // All of them.
 std::vector<std::string> surprises(const vellb::picture &now);
 

@@ -116,7 +116,17 @@ TEST(vellbctl_words, wrong_ones_are_named)
         {"executor set --client-gateway-ipv6 10.0.0.1", "is an IPv4 address", "usage:"},
         {"executor set --log-mask failures,forwardd",
          "'forwardd' is neither a log bit's name nor a number (did you mean 'forwarded'?)", ""},
-        {"executor set --ha-timeout 31", "'31' is not from 1s to 30s", "usage:"},
+        {"ha set --timeout 31", "'31' is not from 1s to 30s", "usage: vellbctl ha set"},
+        {"ha set", "nothing to set", "usage: vellbctl ha set"},
+        {"ha set --role undefined", "'undefined' is not one of solo, primary, backup", ""},
+        {"ha set --takeover n/a", "'n/a' is not one of manual, automatic", ""},
+        {"ha set --replication both", "port set ADDRESS:PORT --replication both", "usage:"},
+        {"ha set --port 0", "'0' is not a number from 1 to 65535", ""},
+        {"ha set --reach-score 256", "'256' is not a number from 0 to 255", ""},
+        {"ha set --reach 10.0.0", "'10.0.0' is not an IPv4 or IPv6 address", ""},
+        {"heartbeat add 10.9.0.1", "PARTNER is required", "usage: vellbctl heartbeat add LOCAL"},
+        {"heartbeat add 10.9.0.1 2001:db8::2", "addresses are of one version", "usage:"},
+        {"heartbeat add 10.9.0.1 10.9.0.1", "stands for both ends", "usage: vellbctl heartbeat"},
         {"executor stop", "confirm with --yes", "usage: vellbctl executor stop --yes"},
         {"interface add eth0 --mtu 1500", "--mac is required", "usage: vellbctl interface add"},
         {"interface add eth0 --mtu 1500 --mac 02:00:00:00:00", "is not a hardware address", ""},
@@ -198,6 +208,8 @@ TEST_F(vellbctl_test, objects_come_and_go)
         {"address add eth0 2001:db8::2/64", "added address 2001:db8::2 of interface eth0\n"},
         {"interface set eth0 --up no", "changed interface eth0\n"},
         {"interface rm eth0 --recursive", "removed interface eth0\n"},
+        {"heartbeat add 10.9.0.1 10.9.0.2", "added heartbeat 10.9.0.1 to 10.9.0.2\n"},
+        {"heartbeat rm 10.9.0.1 10.9.0.2", "removed heartbeat 10.9.0.1 to 10.9.0.2\n"},
     };
     for (const auto &[line, out] : lines) {
         const result_t got = run(line);
@@ -296,6 +308,7 @@ TEST_F(vellbctl_test, refusals_name_the_code_and_what_to_do)
     must("cluster add 10.0.0.100");
     must("port add 10.0.0.100:80");
     must("server add 10.0.0.100:80 10.0.0.11");
+    must("heartbeat add 10.9.0.1 10.9.0.2");
     const char *const rows[][2] = {
         {"cluster add 10.0.0.100",
          "refused: ALREADYEXISTS (4): cluster 10.0.0.100 exists already; change it: vellbctl "
@@ -318,6 +331,15 @@ TEST_F(vellbctl_test, refusals_name_the_code_and_what_to_do)
         {"server show 10.0.0.100:80 10.0.0.12", "refused: OBJNOTFOUND (6): server 10.0.0.12 of "
                                                 "port 10.0.0.100:80 does not exist; see what "
                                                 "there is: vellbctl server show\n"},
+        {"heartbeat add 10.9.0.1 10.9.0.2",
+         "refused: ALREADYEXISTS (4): heartbeat 10.9.0.1 to 10.9.0.2 exists already; remove it "
+         "first: vellbctl heartbeat rm 10.9.0.1 10.9.0.2\n"},
+        {"heartbeat rm 10.9.0.1 10.9.0.3",
+         "refused: OBJNOTFOUND (6): heartbeat 10.9.0.1 to 10.9.0.3 does not exist; see what there "
+         "is: vellbctl heartbeat show\n"},
+        {"ha takeover", "not done: this node has no partner: its role is solo; give it one: "
+                        "vellbctl ha set --role primary|backup --port PORT, and: vellbctl "
+                        "heartbeat add LOCAL PARTNER\n"},
         {"cluster rm 10.0.0.100", "refused: HASCHILD (7): cluster 10.0.0.100 still has objects "
                                   "below it; remove those first, "
                                   "or all at once: vellbctl cluster rm 10.0.0.100 --recursive\n"},
@@ -588,18 +610,162 @@ TEST_F(vellbctl_test, each_ip_version_wants_its_own_gateway_and_subnet)
     EXPECT_EQ(run("show").err, "");
 }
 
-TEST_F(vellbctl_test, a_role_that_was_not_taken_is_told)
+// --- High availability ---------------------------------------------------------------------------
+
+class vellbctl_ha : public vellbctl_test
 {
-    bool set = false;
-    daemon.lie = [&](lbcmd_buf_t &b) {
-        set = set || b.hdr.action == LBCMD_ACTION_SET;
-        if (set && b.hdr.action == LBCMD_ACTION_GET) {
-            b._x[offsetof(lbexe_setable_t, ha)] = LBHA_ROLE_SOLO;
+  protected:
+    lbha_setables_t ha() { return settings<lbexe_setable_t>({}).ha; }
+    void read_state(lb_u8_t state)
+    {
+        auto executor = daemon.at(LBCMD_KEYTYPE_CONFIG, {});
+        executor.getable[offsetof(lbexe_getable_t, ha)] = state;
+        daemon.put(executor);
+    }
+    void read_neighbour(lb_u8_t state)
+    {
+        auto heartbeat =
+            daemon.at(LBCMD_KEYTYPE_CONFIG, vellb::heartbeat_key(ip("10.9.0.1"), ip("10.9.0.2")));
+        heartbeat.getable[0] = state;
+        daemon.put(heartbeat);
+    }
+};
+
+TEST_F(vellbctl_ha, settings_are_kept_and_those_of_a_pair_need_a_role)
+{
+    for (const auto &[line, message] :
+         {std::pair{"ha set --takeover automatic", "--takeover goes with a role in a pair"},
+          std::pair{"ha set --replication connections", "--replication goes with a role"},
+          std::pair{"ha set --role solo --takeover manual", "--takeover goes with a role"},
+          std::pair{"ha set --role backup", "--port is missing"}}) {
+        const result_t got = run(line);
+        EXPECT_EQ(got.status, 2) << line;
+        EXPECT_NE(got.err.find(message), std::string::npos) << line << ": " << got.err;
+    }
+    EXPECT_TRUE(daemon.changes().empty());
+    must("ha set --role backup --port 4647 --reach 10.0.0.1 --reach 10.0.0.2 --reach-score 7");
+    EXPECT_EQ(ha().role, LBHA_ROLE_BACKUP);
+    EXPECT_EQ(ha().tostrategy, LBHA_TAKEOVERSTRATEGY_MANUAL);
+    EXPECT_EQ(ha().port, 4647);
+    EXPECT_EQ(ha().reachscore, 7);
+    EXPECT_TRUE(vellb::same_address(ha().reachaddr[1], ip("10.0.0.2")));
+    must("ha set --takeover automatic --replication connections --timeout 30s");
+    must("ha set --reach 10.0.0.3");
+    EXPECT_EQ(ha().tostrategy, LBHA_TAKEOVERSTRATEGY_AUTOMATIC);
+    EXPECT_EQ(ha().repstrategy, LBHA_REPLICATIONSTRATEGY_CRREP);
+    EXPECT_EQ(ha().timeout, 30);
+    EXPECT_TRUE(vellb::same_address(ha().reachaddr[0], ip("10.0.0.3")));
+    EXPECT_EQ(ha().reachaddr[1].version, 0);
+    std::string thirteen = "ha set --reach none";
+    for (int i = 1; i <= 13; i++) {
+        thirteen += " --reach 10.0.0." + std::to_string(i);
+    }
+    EXPECT_NE(run(thirteen).err.find("'10.0.0.13' is one too many"), std::string::npos);
+    EXPECT_EQ(settings<lbexe_setable_t>({}).log_mask, 0x200U);
+}
+
+TEST_F(vellbctl_ha, a_takeover_is_done_when_the_node_is_active)
+{
+    must("ha set --role primary --port 4647");
+    read_state(LBHA_STATE_STANDBY);
+    EXPECT_NE(run("ha takeover").err.find("not done: this node took over and yielded again"),
+              std::string::npos);
+    EXPECT_EQ(ha().manualtakeover, 1);
+    read_state(LBHA_STATE_ACTIVE);
+    EXPECT_EQ(run("ha takeover").out, "took over: this node is active\n");
+    EXPECT_EQ(nlohmann::json::parse(run("ha takeover --json").out).at("state"), "active");
+}
+
+TEST_F(vellbctl_ha, what_a_pair_lacks_is_told)
+{
+    const auto warns = [&](const std::string &line, const char *text) {
+        const result_t got = run(line);
+        EXPECT_EQ(got.status, 0) << got.err;
+        EXPECT_NE(got.err.find(text), std::string::npos) << line << ": " << got.err;
+    };
+    warns("heartbeat add 2001:db8::1 2001:db8::2", "while this node's role is solo");
+    warns("ha set --role primary --port 4647", "travel to IPv4 partners only");
+    must("heartbeat rm 2001:db8::1 2001:db8::2");
+    warns("ha set --role primary", "no heartbeat is configured");
+    warns("heartbeat add 10.9.0.1 10.9.0.2", "no interface that the daemon knows has the address");
+    must("interface add eth1 --mac 02:00:00:00:00:01 --mtu 1500");
+    must("address add eth1 10.9.0.1/24");
+    must("executor set --client-gateway 10.9.0.9");
+    must("cluster add 10.9.0.100");
+    must("port add 10.9.0.100:80 --algorithm connection --stale-timeout 2h");
+    must("port add 10.9.0.100:81 --algorithm conn-affin --replication connections --stale-timeout "
+         "2h --sticky-time 640s");
+    must("port add 10.9.0.100:82 --algorithm affinity --replication connections --sticky-time 2h");
+    must("port add 10.9.0.100:83 --algorithm hash");
+    warns("show", "port 10.9.0.100:80: at a takeover its connections end, because they are not "
+                  "replicated; vellbctl port set 10.9.0.100:80 --replication connections");
+    warns("show", "port 10.9.0.100:81: at a takeover its clients get new servers, because they are "
+                  "not replicated; vellbctl port set 10.9.0.100:81 --replication both");
+    warns("show", "vellbctl port set 10.9.0.100:82 --replication affinity");
+    must("port set 10.9.0.100:80 --replication both");
+    must("port set 10.9.0.100:81 --replication both");
+    must("port set 10.9.0.100:82 --replication affinity");
+    warns("show", "vellbctl port set 10.9.0.100:81 --sticky-time 700s or more");
+    must("port set 10.9.0.100:81 --sticky-time 641s");
+    EXPECT_EQ(run("show").err, "");
+    EXPECT_EQ(run("ha set --role backup").err, "");
+    must("ha set --role solo");
+    warns("ha set --role backup", "set the role before the clusters are added");
+    warns("heartbeat add 10.9.0.1 10.9.0.100", "because it is a cluster's address");
+}
+
+TEST_F(vellbctl_ha, tables_and_documents)
+{
+    must("ha set --role primary --port 4647 --replication connections --reach 10.0.0.1");
+    must("heartbeat add 10.9.0.1 10.9.0.2");
+    read_state(LBHA_STATE_STANDBY);
+    read_neighbour(LBNEIGH_STATE_RXOK);
+    EXPECT_EQ(run("heartbeat show").out, "HEARTBEAT FROM  TO PARTNER  NEIGHBOUR\n"
+                                         "10.9.0.1        10.9.0.2    reachable\n");
+    const std::string shown = run("ha show").out;
+    for (const char *line :
+         {"role             primary\n", "state            standby\n",
+          "substate         undefined\n", "last event       not recorded\n",
+          "takeover         manual\n", "replication      connections\n", "heartbeat port   4647\n",
+          "reach addresses  10.0.0.1\n", "10.9.0.2    reachable\n"}) {
+        EXPECT_NE(shown.find(line), std::string::npos) << line << " in\n" << shown;
+    }
+    const auto ha = nlohmann::json::parse(run("ha show --json").out).at("high_availability");
+    EXPECT_EQ(ha.at("state"), "standby");
+    EXPECT_EQ(ha.at("reach_addresses"), nlohmann::json::array({"10.0.0.1"}));
+    EXPECT_EQ(ha.at("heartbeats").at(0).at("neighbour"), "reachable");
+    EXPECT_EQ(nlohmann::json::parse(run("show --json").out).at("executor").at("high_availability"),
+              ha);
+    EXPECT_EQ(nlohmann::json::parse(run("heartbeat show --json").out).at("heartbeats"),
+              ha.at("heartbeats"));
+    EXPECT_NE(run("show").out.find("10.9.0.2    reachable"), std::string::npos);
+}
+
+TEST_F(vellbctl_ha, watching_tells_since_when_states_are_seen)
+{
+    must("ha set --role primary --port 4647");
+    must("heartbeat add 10.9.0.1 10.9.0.2");
+    read_state(LBHA_STATE_STANDBY);
+    int looks = 0;
+    daemon.lie = [&](lbcmd_buf_t &b) { // the second of three pictures shows an active node
+        if (b.hdr.key.cfg.cluster.version == 0) {
+            const lb_u8_t state = looks++ < 1 ? LBHA_STATE_STANDBY : LBHA_STATE_ACTIVE;
+            b._x[b.hdr.addsize + b.hdr.setsize + offsetof(lbexe_getable_t, ha)] = state;
         }
     };
-    const result_t got = run("executor set --ha-role primary");
-    EXPECT_EQ(got.status, 0);
-    EXPECT_NE(got.err.find("took role solo instead of primary"), std::string::npos) << got.err;
+    std::istringstream lines(run("ha show -w 1.1 --count 3 --json").out);
+    std::vector<long> node;
+    std::vector<long> partner;
+    for (std::string line; std::getline(lines, line);) {
+        const auto ha = nlohmann::json::parse(line).at("high_availability");
+        node.push_back(ha.at("state_seen_since"));
+        partner.push_back(ha.at("heartbeats").at(0).at("neighbour_seen_since"));
+    }
+    ASSERT_EQ(node.size(), 3U);
+    EXPECT_LT(node[0], node[1]);
+    EXPECT_EQ(node[1], node[2]);
+    EXPECT_EQ(partner, std::vector<long>(3, node[0]));
+    EXPECT_NE(run("ha show -w 0.1 --count 1").out.find(", seen since 20"), std::string::npos);
 }
 
 // --- Pictures ------------------------------------------------------------------------------------

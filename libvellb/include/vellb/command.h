@@ -55,6 +55,7 @@ lbcmd_key_t server_key(const lbip_addr_t &cluster, lb_u16_t port, const lbip_add
 lbcmd_key_t rule_key(const lbip_addr_t &cluster, lb_u16_t port, lb_u16_t rule);
 lbcmd_key_t useserver_key(const lbip_addr_t &cluster, lb_u16_t port, lb_u16_t rule,
                           const lbip_addr_t &server);
+lbcmd_key_t heartbeat_key(const lbip_addr_t &local, const lbip_addr_t &partner);
 lbcmd_key_t interfaces_key();
 lbcmd_key_t interface_key(const std::string &name); // at most LBIFACE_NAMELEN bytes are taken
 lbcmd_key_t address_key(const std::string &name, const lbip_addr_t &addr);

@@ -28,6 +28,8 @@ std::span<const named_value> ha_roles();
 std::span<const named_value> ha_takeovers();
 std::span<const named_value> ha_replications();
 std::span<const named_value> ha_states();
+std::span<const named_value> ha_substates();
+std::span<const named_value> ha_events();
 std::span<const named_value> yes_no();
 std::span<const named_value> encapsulations();
 std::span<const named_value> log_bits(); // classes first, then modules

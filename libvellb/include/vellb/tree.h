@@ -44,11 +44,18 @@ struct cluster {
     std::vector<port> ports{};
 };
 
+// The pair of addresses over which a node and its partner tell each other that they live.
+struct heartbeat {
+    lbip_addr_t local{};
+    lbip_addr_t partner{};
+    lbha_hb_getable_t readings{};
+};
+
 struct executor {
     lbexe_setable_t settings{};
     lbexe_getable_t readings{};
     std::vector<lbip_addr_t> clusters{};
-    size_t heartbeats = 0;
+    std::vector<heartbeat> heartbeats{};
 };
 
 struct interface_address {
