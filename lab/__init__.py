@@ -30,6 +30,20 @@ Either is dual-stack if asked for, Basic(lab, ipv6=True): every host has an IPv6
 IPv4 one, 2001:db8::11 beside 10.0.0.11 ("front" is 2001:db8:7::/64, "back" 2001:db8:1::/64), and
 what the object says of itself (CLUSTER, GATEWAY, server_address(), ...) and configures is IPv6.
 
+In the topology Pair a second forwarder stands beside the first, and both have a link of their own
+for heartbeats. The bridges know from the start who is where: a node of a pair forwards whatever
+reaches it, so a flooded frame would be forwarded twice.
+
+        segment "net" 10.0.0.0/24: client, servers as above
+     --+------------------+--------------------
+       | 10.0.0.2         | 10.0.0.3
+     +-----+           +------+
+     | fwd |           | fwd2 |      the primary and the backup
+     +-----+           +------+
+       | 10.9.0.1         | 10.9.0.2
+     --+------------------+--------------------
+        segment "beat" 10.9.0.0/24
+
 A server takes packets out of tunnels with a small program (lab.decap): a raw socket in, a tun
 device out, so that no tunnel devices of the kernel are needed. Routers pass on less than their links
 carry where a test says so (Node.limit_mtu).
@@ -52,10 +66,12 @@ nobody holds the lock of its directory). `python3 -m lab clean` does the last by
 """
 
 from lab.core import Lab, LabError, Terminated, build_dir, sanitized, wait_until
-from lab.daemon import Daemon
+from lab.daemon import BackgroundDaemon, Daemon
 from lab.frames import Capture, Injector
 from lab.node import Node, Segment, ipv6_of, mac_of
-from lab.topology import Basic, Far, Routed
+from lab.ping import Pings
+from lab.topology import Basic, Far, Pair, Routed
 
-__all__ = ["Basic", "Capture", "Daemon", "Far", "Injector", "Lab", "LabError", "Node", "Routed", "Segment",
-           "Terminated", "build_dir", "ipv6_of", "mac_of", "sanitized", "wait_until"]
+__all__ = ["BackgroundDaemon", "Basic", "Capture", "Daemon", "Far", "Injector", "Lab", "LabError",
+           "Node", "Pair", "Pings", "Routed", "Segment", "Terminated", "build_dir", "ipv6_of",
+           "mac_of", "sanitized", "wait_until"]

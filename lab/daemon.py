@@ -7,9 +7,13 @@ it in memory and in a file. The log is also where a sanitizer speaks: `trouble()
 import collections
 import contextlib
 import json
+import os
 import re
+import select
 import shlex
 import signal
+import socket
+import struct
 import subprocess
 import threading
 import time
@@ -31,7 +35,7 @@ class Daemon:
         self.env = env
         self.argv = [DAEMON, "-f", "-r", "-n", workers, "-m", f"{mask:x}", *args]
         self.log_path = log or node.lab.dir / f"{node.name}-daemon.log"
-        self.socket = node.root / "vellb2"
+        self.socket = node.root / "vellb2"  # Left behind by a daemon that was killed.
         self.process = None
         self.lines = []
         self._grown = threading.Condition()
@@ -47,9 +51,7 @@ class Daemon:
         if not (build_dir() / "vellb2").exists():
             raise LabError(f"no daemon in {build_dir()}: build it (cmake --preset release && "
                            "cmake --build --preset release) or set VELL_BUILD")
-        self.process = self.node.popen(self.argv, env=self.env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        self._reader = threading.Thread(target=self._read, args=(self.process.stdout,), daemon=True)
-        self._reader.start()
+        self._launch()
 
         def answers():
             if self.process.poll() is not None:
@@ -63,6 +65,15 @@ class Daemon:
         wait_until(answers, timeout, f"the daemon in {self.node.name} to answer a command")
         self.wait_log(r" init$", timeout)  # Whatever it had to say of its options stands before.
         return self
+
+    def _launch(self):
+        self.process = self.node.popen(self.argv, env=self.env, stdout=subprocess.PIPE,
+                                       stderr=subprocess.STDOUT)
+        self._start_reading(self.process.stdout)
+
+    def _start_reading(self, lines):
+        self._reader = threading.Thread(target=self._read, args=(lines,), daemon=True)
+        self._reader.start()
 
     def stop(self, signum=signal.SIGTERM, timeout=10):
         """Asks it to stop; its exit status. A sanitizer's word in its log is an error."""
@@ -94,10 +105,10 @@ class Daemon:
 
     # --- Log --------------------------------------------------------------------------------------
 
-    def _read(self, pipe):
+    def _read(self, lines):
         begin = time.monotonic()
         with open(self.log_path, "a", encoding="utf-8") as out:
-            for raw in pipe:
+            for raw in lines:
                 line = LogLine(time.monotonic(), raw.decode("utf-8", "replace").rstrip("\n"))
                 out.write(f"{line.when - begin:10.3f}  {line.text}\n")
                 out.flush()
@@ -187,3 +198,79 @@ class Daemon:
     def command(self, *args, **kwargs):
         """One command by hand, see lab.command.request; the parsed answer."""
         return command.call(self.socket, *args, **kwargs)
+
+
+class BackgroundDaemon(Daemon):
+    """vellb2 as it runs in production: in the background, with syslog for its log.
+
+    There it outlives a broken invariant. Its exit status is nobody's to know.
+    """
+
+    def __init__(self, node, *args, **kwargs):
+        super().__init__(node, *args, **kwargs)
+        self.argv.remove("-f")
+        self._syslog = None
+
+    def _launch(self):
+        path = self.node.root / "log"
+        path.unlink(missing_ok=True)
+        self._syslog = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._syslog.bind(str(path))
+        self.node.run(["ln", "-sf", "/log", "/dev/log"])
+        self._start_reading(self._records())
+        self.node.run(self.argv, env=self.env)
+        self.process = _Orphan(wait_until(self._listener, 10,
+                                          f"the daemon in {self.node.name} to listen"))
+
+    def _listener(self):
+        """The process number of who listens on the command socket, or None."""
+        with contextlib.suppress(OSError), command.connect(self.socket) as connection:
+            peer = connection.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED,
+                                         struct.calcsize("3i"))
+            connection.sendall(command.request(command.GET, command.config_key()))
+            command.receive(connection)
+            return struct.unpack("3i", peer)[0]
+        return None
+
+    def _records(self):
+        """Lines as they would stand on standard output; ends with the daemon."""
+        self._syslog.settimeout(0.5)
+        while self.process is None or self.process.poll() is None:
+            with contextlib.suppress(TimeoutError):
+                yield self._syslog.recv(65536).partition(b"vellb2: ")[2]
+        self._syslog.close()
+
+
+class _Orphan:
+    """A process that is not this one's child, with the words of subprocess.Popen."""
+
+    def __init__(self, pid):
+        self.pid = pid
+        self.returncode = None
+        self._fd = os.pidfd_open(pid)
+
+    def __del__(self):
+        os.close(self._fd)
+
+    def poll(self):
+        """None while it is there; 0 once it has ended, however it did."""
+        return self._look(0)
+
+    def wait(self, timeout=None):
+        """Waits for its end."""
+        if self._look(timeout) is None:
+            raise subprocess.TimeoutExpired(str(self.pid), timeout)
+        return self.returncode
+
+    def _look(self, timeout):
+        if self.returncode is None and select.select([self._fd], [], [], timeout)[0]:
+            self.returncode = 0
+        return self.returncode
+
+    def send_signal(self, signum):
+        """Sends it a signal."""
+        signal.pidfd_send_signal(self._fd, signum)
+
+    def kill(self):
+        """kill -9."""
+        self.send_signal(signal.SIGKILL)

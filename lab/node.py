@@ -79,10 +79,15 @@ def _write_sysctl(key, value):
 
 
 class Segment:
-    """A wire: a bridge in a namespace of its own."""
+    """A wire: a bridge in a namespace of its own.
 
-    def __init__(self, lab, name, ipv6=False):
+    A pinned one knows from the start which node has which hardware address, so that it floods no
+    frame to a node that it is not for.
+    """
+
+    def __init__(self, lab, name, ipv6=False, pinned=False):
         self.name = name
+        self.pinned = pinned
         self.namespace = lab.name(f"seg-{name}")
         lab.segments[name] = self
         _make_namespace(self.namespace, ipv6)
@@ -196,6 +201,9 @@ class Node:
         run(["ip", "netns", "exec", self.namespace, "ethtool", "-K", ifname, *OFFLOADS_OFF])
         run(["ip", "netns", "exec", segment.namespace, "ethtool", "-K", port, *OFFLOADS_OFF])
         run(["ip", "-n", segment.namespace, "link", "set", port, "master", "br0", "up"])
+        if segment.pinned:
+            run(["bridge", "-n", segment.namespace, "fdb", "replace", mac_of(addresses[0]),
+                 "dev", port, "master", "static"])
         for address in addresses:
             run(["ip", "-n", self.namespace, "address", "add", address, "dev", ifname])
         run(["ip", "-n", self.namespace, "link", "set", ifname, "up"])
@@ -284,10 +292,10 @@ class Node:
                   "{ type filter hook prerouting priority raw; }; "
                   f"add rule {ip} once wire iifname {ifname} {ip} daddr {address} drop"])
 
-    def start_web(self, ports=(80,), body=0):
+    def start_web(self, ports=(80,), body=0, body_per_s=0):
         """nginx that answers every request with the node's name; its log: web_log().
 
-        /body is a file of that many bytes, all alike.
+        /body is a file of that many bytes, all alike, sent no faster than that many a second.
         """
         place = self.root / "web"
         place.mkdir(exist_ok=True)
@@ -304,7 +312,7 @@ http {{
   log_format seen '$remote_addr $remote_port $server_addr $server_port $status';
   access_log /web/access.log seen; error_log /web/error.log;
   server {{ {listens} keepalive_requests 1000000;
-            location = /body {{ root /web; }}
+            location = /body {{ root /web; limit_rate {body_per_s}; }}
             location / {{ default_type text/plain; return 200 "{self.name}\\n"; }} }}
 }}
 """, encoding="ascii")

@@ -7,7 +7,8 @@ daemon is the caller's, except for what start_daemon() says.
 
 import socket
 
-from lab.daemon import Daemon
+from lab.core import wait_until
+from lab.daemon import BackgroundDaemon, Daemon
 from lab.node import Node, Segment, ipv6_of
 
 
@@ -24,13 +25,8 @@ class Basic:
         self.lab = lab
         self.ipv6 = ipv6
         self.family = socket.AF_INET6 if ipv6 else socket.AF_INET  # of the addresses here
-        self.net = Segment(lab, "net")
-        self.forwarder = self._add_node("fwd", self.net, self.FORWARDER)
-        self.forwarder.sysctl(net__ipv4__ip_forward=0, net__ipv4__conf__all__rp_filter=0,
-                              net__ipv4__conf__eth0__rp_filter=0,
-                              net__ipv4__conf__all__accept_redirects=0,
-                              net__ipv6__conf__all__forwarding=0,
-                              net__ipv6__conf__eth0__accept_redirects=0)
+        self.net = self._make_segment()
+        self.forwarder = self._add_forwarder("fwd", self.FORWARDER)
         self._add_wires()
         self.servers = [self._add_server(number) for number in range(1, servers + 1)]
         self._add_clients()
@@ -54,6 +50,19 @@ class Basic:
         node.ip("route", "add", network or "default", "via", via)
         if self.ipv6:
             node.ip("-6", "route", "add", ipv6_of(network) if network else "default", "via", ipv6_of(via))
+
+    def _make_segment(self):
+        return Segment(self.lab, "net")
+
+    def _add_forwarder(self, name, address):
+        """The host of a daemon, whose kernel leaves the packets to it."""
+        node = self._add_node(name, self.net, address)
+        node.sysctl(net__ipv4__ip_forward=0, net__ipv4__conf__all__rp_filter=0,
+                    net__ipv4__conf__eth0__rp_filter=0,
+                    net__ipv4__conf__all__accept_redirects=0,
+                    net__ipv6__conf__all__forwarding=0,
+                    net__ipv6__conf__eth0__accept_redirects=0)
+        return node
 
     def _add_wires(self):
         """Segments and routers that must be there before the servers."""
@@ -112,6 +121,100 @@ class Basic:
             self.daemon.ctl("server", "add", endpoint, self.server_address(number), *weight)
         for number in servers:
             self.daemon.wait_neighbour(self.server_address(number))
+
+
+class Pair(Basic):
+    """Basic with a second forwarder, and a link of their own between the two for heartbeats.
+
+    Both are told the same cluster and the same ports (`ports`: number -> algorithm), whose
+    connections and clients are replicated; the servers of some (`nat_ports`) are reached by NAT.
+    They run in the background, where a broken invariant ends nothing.
+    """
+
+    FORWARDERS = ("10.0.0.2", "10.0.0.3")
+    BEATS = ("10.9.0.1", "10.9.0.2")
+    ROLES = ("primary", "backup")
+    BEAT_PORT = 4647
+    RETURN = "10.0.0.50"  # NAT's return address; no node has it
+    REPLICATION = {"connection": "connections", "affinity": "affinity", "conn-affin": "both"}
+
+    def __init__(self, lab, ports, nat_ports=(), **kwargs):
+        self.ports = ports
+        self.nat_ports = nat_ports
+        self.daemons = [None, None]
+        super().__init__(lab, **kwargs)
+
+    def _make_segment(self):
+        return Segment(self.lab, "net", pinned=True)
+
+    def _add_wires(self):
+        self.forwarders = [self.forwarder, self._add_forwarder("fwd2", self.FORWARDERS[1])]
+        self.beat = Segment(self.lab, "beat", pinned=True)
+        for node, address in zip(self.forwarders, self.BEATS):
+            node.attach(self.beat, f"{address}/24")
+            # No socket is bound to the port: without this the kernel would answer each heartbeat
+            # with an ICMP error.
+            node.run(["nft", "add table ip ha; "
+                      "add chain ip ha in { type filter hook input priority 0; }; "
+                      f"add rule ip ha in udp dport {self.BEAT_PORT} drop"])
+
+    def commands(self, which, takeover="manual"):
+        """What node 0 (the primary) or 1 (the backup) must be told, as vellbctl's words.
+
+        The role comes before the cluster, which a node without one would announce at once, and
+        automatic last: as soon as it hears the partner the node takes over with what it knows.
+        """
+        lines = ["interface sync", f"executor set {' '.join(self.gateway_words())}",
+                 f"heartbeat add {self.BEATS[which]} {self.BEATS[1 - which]}",
+                 f"ha set --role {self.ROLES[which]} --port {self.BEAT_PORT} "
+                 "--replication connections",
+                 f"cluster add {self.CLUSTER}"]
+        for port, algorithm in self.ports.items():
+            there = f"{self.host()}:{port}"
+            lines.append(f"port add {there} --algorithm {algorithm} "
+                         f"--replication {self.REPLICATION[algorithm]}")
+            for number in range(1, len(self.servers) + 1):
+                server = self.server_address(number)
+                nat = f" --nat --return-address {self.RETURN} --router-address {server}"
+                lines.append(f"server add {there} {server} --weight 1"
+                             + (nat if port in self.nat_ports else ""))
+        return lines + ([] if takeover == "manual" else [f"ha set --takeover {takeover}"])
+
+    def start_node(self, which, takeover="manual", mask=0x300, tell=None, **kwargs):
+        """Starts a node's daemon and tells it what commands() say, by tell(node, words) if given."""
+        daemon = self.launch(which, mask, **kwargs)
+        for line in self.commands(which, takeover):
+            if tell:
+                tell(self.forwarders[which], line)
+            else:
+                daemon.ctl(line)
+        for number in range(1, len(self.servers) + 1):
+            daemon.wait_neighbour(self.server_address(number))
+        return daemon
+
+    def launch(self, which, mask=0x300, **kwargs):
+        """Starts a node's daemon, which knows nothing yet."""
+        self.daemons[which] = BackgroundDaemon(self.forwarders[which], mask=mask, **kwargs).start()
+        return self.daemons[which]
+
+    def start_pair(self, **kwargs):
+        """Starts both; returns once the primary is active and the backup stands by."""
+        for which in (0, 1):
+            self.start_node(which, **kwargs)
+        self.wait_states("active", "standby")
+        return self.daemons
+
+    def state(self, which):
+        """What a node says of itself: active, standby, n/a; None while it is not there."""
+        daemon = self.daemons[which]
+        if daemon is None or not daemon.alive():
+            return None
+        return daemon.ctl_json("ha", "show")["high_availability"]["state"]
+
+    def wait_states(self, *states, timeout=15):
+        """Waits until the nodes are in these states; None stands for a dead one."""
+        wait_until(lambda: tuple(self.state(which) for which in (0, 1)) == states, timeout,
+                   f"the nodes to be {states}", interval=0.05)
 
 
 class Routed(Basic):

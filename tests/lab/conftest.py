@@ -54,5 +54,7 @@ def pytest_runtest_makereport(item):
     report = outcome.get_result()
     if report.failed:
         for name, value in getattr(item, "funcargs", {}).items():
-            if isinstance(value, Daemon) and value.process is not None:
-                report.sections.append((f"log of {name}", value.tail(60)))
+            several = value.daemons if name == "pair" else [value]
+            for each in several:
+                if isinstance(each, Daemon) and each.process is not None:
+                    report.sections.append((f"log of {name}: {each.node.name}", each.tail(60)))

@@ -1,0 +1,288 @@
+"""A pair of forwarders: heartbeats on the wire, and clients that outlive the active node. The
+kernel, curl and ping at the clients' end; heartbeats judged by tshark."""
+
+import statistics
+import subprocess
+import time
+from ipaddress import IPv6Address
+
+import pytest
+from packets import ARP, ETH_IP, UDP, Ether, IP, ethertype, is_arp
+from scapy.utils import PcapWriter
+
+from lab import LabError, Pair, mac_of, wait_until
+from lab.failover import ECHO, PORTS, WEB, Clients, kill, tell
+
+ETH_IPV6 = 0x86DD
+BROADCAST, ZERO = "ff:ff:ff:ff:ff:ff", "00:00:00:00:00:00"
+SESSIONS, NAT_SESSIONS = 200, 20
+NAT_ECHO, SHOP = 9, 81  # connection, by NAT; affinity
+VISITORS = [f"10.0.0.{number}" for number in range(51, 57)]
+VERSION = bytes.fromhex("0805050b")
+ACTIVE, STANDBY = 1, 2
+
+
+def make_net(lab):
+    return Pair(lab, PORTS | {NAT_ECHO: "connection", SHOP: "affinity"}, nat_ports=(NAT_ECHO,))
+
+
+@pytest.fixture(name="started", scope="module")
+def _started(net):
+    net.start_pair()
+    yield net
+    for daemon in net.daemons:
+        if daemon.alive():
+            daemon.stop()
+
+
+@pytest.fixture(name="pair")
+def _pair(started):
+    """The primary active, the backup standing by, whatever the test before left."""
+    for which in (0, 1):
+        if not started.daemons[which].alive():
+            started.start_node(which)
+    wait_until(lambda: "active" in (started.state(0), started.state(1)), 10, "an active node")
+    if started.state(0) != "active":
+        tell(started, 0)
+    started.wait_states("active", "standby")
+    return started
+
+
+@pytest.fixture(name="clients", scope="module")
+def _clients(started):
+    for address in VISITORS:
+        started.client.ip("address", "add", f"{address}/24", "dev", "eth0")
+    return Clients(started, {ECHO: SESSIONS, NAT_ECHO: NAT_SESSIONS, SHOP: 0})
+
+
+def homes(clients):
+    """The server to which each visitor is sent."""
+    return [server for visitor in VISITORS for server in clients.sessions.visit(SHOP, 1, visitor)]
+
+
+def wait_known(pair, which):
+    """Waits until a node knows the visitors."""
+
+    def known():
+        shown = pair.daemons[which].ctl_json("server", "show", f"{pair.CLUSTER}:{SHOP}")
+        servers = shown["servers"]
+        return sum(s["connections"]["active"] for s in servers) == len(VISITORS)
+
+    wait_until(known, 5, "the visitors to be known")
+
+
+def is_beat(source):
+    """A match for heartbeats (bytes of a frame) from an address."""
+    wanted = bytes(map(int, source.split(".")))
+
+    def match(frame):
+        return (ethertype(frame) == ETH_IP and frame[23] == 17 and frame[26:30] == wanted
+                and int.from_bytes(frame[34:36], "big") == Pair.BEAT_PORT)
+
+    return match
+
+
+def dissected(frames, fields, path):
+    """What tshark reads from frames: a list of values for each."""
+    with PcapWriter(str(path), linktype=1) as out:
+        for frame in frames:
+            out.write(frame)
+    words = [word for field in fields for word in ("-e", field)]
+    said = subprocess.run(["tshark", "-r", path, "-o", "ip.check_checksum:TRUE", "-o",
+                           "udp.check_checksum:TRUE", "-T", "fields", *words],
+                          capture_output=True, text=True, check=True)
+    return [line.split("\t") for line in said.stdout.splitlines()]
+
+
+def test_heartbeats_on_the_wire(pair, tmp_path):
+    backup = pair.BEATS[1]
+    assert pair.daemons[1].stop() == 0
+    frames, times = [], []
+    with pair.forwarders[0].capture("eth1") as capture:
+        pair.start_node(1)
+        while len(frames) < 14:
+            frames.append(capture.wait(is_beat(backup), timeout=5, what="a heartbeat"))
+            times.append(time.monotonic())
+    fields = ["ip.id", "ip.checksum.status", "udp.checksum.status", "ip.len", "ip.ttl", "ip.dst",
+              "ip.flags", "udp.srcport", "udp.dstport", "udp.length"]
+    port = str(pair.BEAT_PORT)
+    for number, values in enumerate(dissected(frames, fields, tmp_path / "beats.pcap"), start=1):
+        assert int(values[0], 16) == number
+        assert values[1:] == ["1", "1", "68", "1", pair.BEATS[0], "0x00", port, port, "48"]
+    for frame in frames:
+        assert Ether(frame).dst == pair.forwarders[0].mac("eth1")
+        assert (frame[42:46], frame[46], frame[49]) == (VERSION, STANDBY, 0)
+    gaps = [b - a for a, b in zip(times[2:], times[3:])]
+    assert 0.4 < statistics.mean(gaps) < 0.6 and max(gaps) < 1, gaps
+
+
+def test_heartbeats_over_ipv6_keep_a_pair_together_and_carry_no_records(pair, clients, tmp_path):
+    ends = ("fd00:9::1", "fd00:9::2")
+    for which, (node, daemon) in enumerate(zip(pair.forwarders, pair.daemons)):
+        node.sysctl(net__ipv6__conf__eth1__disable_ipv6=0)
+        node.ip("address", "add", f"{ends[which]}/64", "dev", "eth1", "nodad")
+        daemon.ctl("address", "add", "eth1", f"{ends[which]}/64")
+        daemon.ctl("heartbeat", "add", ends[which], ends[1 - which])
+
+    def is_beat6(frame):
+        return (ethertype(frame) == ETH_IPV6 and frame[20] == 17
+                and frame[22:38] == IPv6Address(ends[0]).packed)
+
+    with pair.forwarders[1].capture("eth1") as capture:
+        capture.wait(is_beat6, timeout=10, what="a heartbeat over IPv6")
+        assert sum(clients.sessions.visit(ECHO, 30).values()) == 30
+        capture.wait(lambda f: is_beat(pair.BEATS[0])(f) and f[49] > 0, what="records")
+        for which, daemon in enumerate(pair.daemons):
+            daemon.ctl("heartbeat", "rm", pair.BEATS[which], pair.BEATS[1 - which])
+        assert sum(clients.sessions.visit(ECHO, 30).values()) == 30  # records for nobody
+        end = time.monotonic() + 4  # longer than the time-out
+        frames = []
+        while (frame := capture.next(end - time.monotonic())) is not None:
+            frames.append(frame)
+    assert (pair.state(0), pair.state(1)) == ("active", "standby")
+    frames = [frame for frame in frames if is_beat6(frame)]
+    assert len(frames) >= 7
+    port = str(pair.BEAT_PORT)
+    fields = ["udp.checksum.status", "ipv6.hlim", "ipv6.plen", "ipv6.dst", "udp.srcport",
+              "udp.dstport", "udp.length"]
+    for values in dissected(frames, fields, tmp_path / "beats.pcap"):
+        assert values == ["1", "1", "48", ends[1], port, port, "48"]
+    assert {(frame[62:66], frame[66], frame[69]) for frame in frames} == {(VERSION, ACTIVE, 0)}
+    for which, daemon in enumerate(pair.daemons):
+        daemon.ctl("heartbeat", "add", pair.BEATS[which], pair.BEATS[1 - which])
+        daemon.ctl("heartbeat", "rm", ends[which], ends[1 - which])
+
+
+def answers_for(net, target, for_s=0.3):
+    """The hardware addresses in the answers to an ARP request of the client."""
+    mac = mac_of(net.CLIENT)
+    found = []
+    with net.client.capture() as capture, net.client.injector() as out:
+        out.send(Ether(dst=BROADCAST, src=mac) / ARP(op=1, hwsrc=mac, psrc=net.CLIENT, hwdst=ZERO,
+                                                     pdst=target))
+        end = time.monotonic() + for_s
+        while (frame := capture.next(end - time.monotonic())) is not None:
+            if is_arp(2, target)(frame):
+                found.append(Ether(frame).src)
+    return found
+
+
+def test_standby_answers_no_arp_and_forwards_what_reaches_it(pair):
+    active, standby = (node.mac() for node in pair.forwarders)
+    assert answers_for(pair, pair.CLUSTER) == [active]
+    datagram = (Ether(dst=standby, src=mac_of(pair.CLIENT)) / IP(src=pair.CLIENT, dst=pair.CLUSTER)
+                / UDP(sport=5000, dport=WEB) / b"x")
+    with pair.servers[0].capture() as capture, pair.client.injector() as out:
+        out.send(*[datagram] * 100)  # enough for every server
+        frame = capture.wait(lambda f: ethertype(f) == ETH_IP and f[23] == 17, what="a datagram")
+    assert Ether(frame).src == standby
+
+
+def test_sessions_and_a_download_outlive_the_active_node_twice(pair, clients):
+    at_home = homes(clients)
+    assert len(set(at_home)) == len(pair.servers)
+    wait_known(pair, 1)
+    for takeover in ("manual", "automatic"):
+        with pair.client.capture() as capture:
+            felt = clients.outage(lambda: kill(pair, 0))
+            capture.wait(is_arp(sender=pair.CLUSTER, source_mac=pair.forwarders[1].mac()),
+                         what="the announcement of the new active node")
+        assert (felt.lost, felt.download_s is not None) == (0, True), felt
+        assert felt.silence_s <= 4, felt
+        assert answers_for(pair, pair.CLUSTER) == [pair.forwarders[1].mac()]
+        assert sum(clients.sessions.visit(ECHO, 30).values()) == 30
+        assert homes(clients) == at_home
+
+        # What follows when the node comes back is the strategy's matter.
+        clients.sessions.pauses()
+        pair.start_node(0, takeover)
+        if takeover == "automatic":
+            pair.wait_states("active", "standby")
+            assert clients.progress() == []
+            continue
+        pair.wait_states("standby", "active")
+        assert max(clients.sessions.pauses()) < 1  # nothing was sent to it meanwhile
+        with pytest.raises(LabError):  # twice the time-out, and it still waits to be told
+            wait_until(lambda: (pair.state(0), pair.state(1)) != ("standby", "active"), 5,
+                       "a change")
+        felt = clients.outage(lambda: tell(pair, 0))
+        assert (felt.lost, felt.download_s is not None) == (0, True), felt
+        assert felt.silence_s < 1.5, felt
+        wait_known(pair, 0)
+        assert homes(clients) == at_home
+
+
+def test_both_are_active_while_the_link_is_cut_and_one_afterwards(pair, clients):
+    def cut_and_heal():
+        pair.beat.set_port(pair.forwarders[1], up=False)
+        pair.wait_states("active", "active")
+        assert clients.progress() == []
+        assert sum(clients.sessions.visit(ECHO, 30).values()) == 30
+        pair.beat.set_port(pair.forwarders[1], up=True)
+        wait_until(lambda: {pair.state(0), pair.state(1)} == {"active", "standby"}, 10,
+                   "one to yield")
+        assert sum(clients.sessions.visit(ECHO, 30).values()) == 30
+
+    felt = clients.outage(cut_and_heal)
+    assert (felt.lost, felt.download_s is not None) == (0, True), felt
+    assert felt.silence_s < 1.5, felt
+    assert clients.progress() == []
+
+
+def wire_address(text):
+    """An address as records carry it: 24 bytes."""
+    return bytes([4, *[0] * 7, *map(int, text.split(".")), *[0] * 12])
+
+
+def server_key(net, cluster=None, port=ECHO, server=None):
+    """The 56 bytes of a server's key, as records carry it."""
+    return (wire_address(cluster or net.CLUSTER) + port.to_bytes(2, "big") + bytes(6)
+            + wire_address(server or net.server_address(1)))
+
+
+def record(key, client="10.0.0.77", port=4000, state=2, natport=0):
+    """One record of 96 bytes."""
+    return (key + wire_address(client) + port.to_bytes(2, "big") + bytes([state, 0, *[0] * 4])
+            + natport.to_bytes(2, "big") + bytes(6))
+
+
+def forgeries(net, sessions, header):
+    """Payloads that no partner sends, behind a header that one does send (40 bytes)."""
+
+    def beat(*records, count=None):
+        count = len(records) if count is None else count
+        return header[:7] + bytes([count]) + header[8:] + b"".join(records)
+
+    own = server_key(net)
+    mine = next(s for s in sessions if s.server == "server1")
+    yield beat(count=255)
+    yield beat(record(bytes(56)), record(bytes(56), port=0))
+    yield beat(record(server_key(net, cluster="10.0.0.222")),
+               record(server_key(net, server="10.0.0.222")),
+               record(server_key(net, port=0)), record(server_key(net, port=65535)))
+    yield beat(*[record(own, port=port, natport=natport)
+                 for port in (0, 1, 65535) for natport in (0, 65535)])
+    yield beat(*[record(own, port=4001, state=state) for state in (0, 1, 3, 4, 5, 255)])
+    yield beat(record(own, client=net.CLIENT, port=mine.port, state=1))  # a broken invariant
+    yield b"\x09" + beat(record(own))[1:]
+    whole = beat(record(own, port=4002), count=14)
+    yield from (whole[:length] for length in range(len(whole)))
+
+
+@pytest.mark.parametrize("which", [0, 1], ids=["to the active node", "to the standby"])
+def test_forged_heartbeats_do_not_hurt(pair, clients, which):
+    node, daemon = pair.forwarders[which], pair.daemons[which]
+    with node.capture("eth1") as capture:
+        header = capture.wait(is_beat(pair.BEATS[1 - which]))[42:82]
+    pid, count, mark = daemon.pid, 0, daemon.mark()
+    with pair.client.injector() as out:
+        for payload in forgeries(pair, clients.sessions.show(), header):
+            out.send(Ether(dst=node.mac(), src=mac_of(pair.CLIENT))
+                     / IP(src=pair.CLIENT, dst=pair.FORWARDERS[which])
+                     / UDP(sport=pair.BEAT_PORT, dport=pair.BEAT_PORT) / payload)
+            count += 1
+    daemon.wait_log("invalid connection state", since=mark)
+    pair.wait_states("active", "standby")
+    assert clients.progress() == []
+    assert count > 100 and daemon.alive() and daemon.pid == pid
+    assert sum(clients.sessions.visit(ECHO, 10).values()) == 10
