@@ -1,9 +1,11 @@
 """Measures vellb2: what one packet costs in the stack, and what frames cost in a forwarder.
 
-  script/bench              both, in about eight minutes
+  script/bench              the next two, in about eight minutes
   script/bench micro        nanoseconds and allocations a packet, on the host in memory
   script/bench lab          frames a second and CPU time a frame, in namespaces, beside the kernel's
                             routing and an nftables balancer (needs root)
+  script/bench ha           sessions and downloads while the active one of a pair is killed 20 times,
+                            in about six minutes (needs root)
   script/bench --quick      fewer rounds and shorter ones: a look, not a figure to quote
   script/bench --json PATH  all figures into a file, too
   script/bench --update-doc write the tables into docs/performance.md, if the machine was quiet
@@ -27,15 +29,20 @@ sys.dont_write_bytecode = True
 import steps  # noqa: E402
 
 sys.path.insert(0, str(steps.REPO))
-from bench import frames  # noqa: E402
+from bench import frames, takeover  # noqa: E402
 from lab import LabError  # noqa: E402
 
 BUILD = steps.REPO / "build/release"
 DOC = steps.REPO / "docs/performance.md"
-DOC_MARKS = ("<!-- figures: script/bench --update-doc -->\n", "<!-- end of figures -->\n")
+# Between which lines of the document the figures of a whole measurement stand.
+DOC_MARKS = {"all": ("<!-- figures: script/bench --update-doc -->\n", "<!-- end of figures -->\n"),
+             "ha": ("<!-- figures: script/bench ha --update-doc -->\n",
+                    "<!-- end of figures of ha -->\n")}
+KILLS, KILLS_QUICK = 20, 3
 QUIET = 0.1  # cores' worth of other work that is still called quiet
 NANOSECONDS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
-TARGETS = {"micro": ["vell_bench"], "lab": ["vellb2", "vellbctl", "vell_pump"]}
+TARGETS = {"micro": ["vell_bench"], "lab": ["vellb2", "vellbctl", "vell_pump"],
+           "ha": ["vellb2", "vellbctl"]}
 TARGETS["all"] = TARGETS["micro"] + TARGETS["lab"]
 
 
@@ -171,8 +178,32 @@ def show_share(result):
     result["own_share"] = own / whole
 
 
+# --- A pair ---------------------------------------------------------------------------------------
+
+def show_ha(pair):
+    """The table of takeover.run()."""
+    rounds, figures = pair["rounds"], {"no echo reply came for": "silence_s",
+                                       "a session's longest pause, after a kill": "pause_s",
+                                       "a session's longest pause, after ha takeover": "told_pause_s"}
+    table(f"The active node of a pair killed {rounds} times, under {pair['sessions']} sessions and a "
+          "download", ["", "median", "worst"],
+          [[title, f"{pair[key]['median']:.2f} s", f"{pair[key]['worst']:.2f} s"]
+           for title, key in figures.items()])
+    print(f"""
+  sessions lost: {pair['lost']} of {pair['sessions']}, each through {rounds} kills and takeovers by hand
+  downloads lost: {pair['downloads_failed']} of {rounds}, each begun {pair['established_s']} s before a \
+kill""")
+
+
 def measure(args, result):
     """Runs what was asked for."""
+    if args.what == "ha":
+        with steps.Step("clients of a pair") as step:
+            try:
+                result["ha"] = takeover.run(KILLS_QUICK if args.quick else KILLS, step.progress)
+            except LabError as e:
+                raise steps.StepFailed(str(e)) from e
+        return
     if args.what != "lab":
         with steps.Step("packets through the stack") as step:
             result["micro"] = run_micro(args.quick, step)
@@ -195,16 +226,18 @@ def show(result):
         show_lab(result["lab"])
     if "micro" in result and "lab" in result:
         show_share(result)
+    if "ha" in result:
+        show_ha(result["ha"])
 
 
-def update_doc(result):
+def update_doc(result, marks):
     """Puts the tables between the marks in the document."""
     text = io.StringIO()
     with contextlib.redirect_stdout(text):
         show(result)
     plain = re.sub(r"\033\[\d+m", "", text.getvalue()).strip("\n")
-    head, begin, rest = DOC.read_text(encoding="utf-8").partition(DOC_MARKS[0])
-    _, end, tail = rest.partition(DOC_MARKS[1])
+    head, begin, rest = DOC.read_text(encoding="utf-8").partition(marks[0])
+    _, end, tail = rest.partition(marks[1])
     if not begin or not end:
         raise steps.StepFailed(f"{DOC} has lost the marks that the figures stand between")
     DOC.write_text(f"{head}{begin}```\n{plain}\n```\n{end}{tail}", encoding="utf-8")
@@ -214,13 +247,13 @@ def main():
     """The command line."""
     parser = argparse.ArgumentParser(prog="script/bench", description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("what", nargs="?", choices=["micro", "lab", "all"], default="all")
+    parser.add_argument("what", nargs="?", choices=["micro", "lab", "ha", "all"], default="all")
     parser.add_argument("--quick", action="store_true", help="less of everything, within a minute")
     parser.add_argument("--json", metavar="PATH", help="write all figures into this file")
     parser.add_argument("--update-doc", action="store_true",
                         help="write the tables into docs/performance.md")
     args = parser.parse_args()
-    if args.update_doc and (args.quick or args.what != "all"):
+    if args.update_doc and (args.quick or args.what not in DOC_MARKS):
         parser.error("--update-doc wants the whole measurement")
     if args.what != "micro" and os.geteuid() != 0:
         raise steps.StepFailed("the lab makes network namespaces: run this as root, or script/bench micro")
@@ -237,7 +270,7 @@ def main():
     measure(args, result)
     show(result)
     if args.update_doc:
-        update_doc(result)
+        update_doc(result, DOC_MARKS[args.what])
     if args.json:
         pathlib.Path(args.json).write_text(json.dumps(result, indent=2) + "\n", encoding="utf-8")
     return 0

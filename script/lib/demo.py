@@ -7,6 +7,8 @@ hardware addresses on the same segment, the answers straight to the client; "nat
 addresses through a router and back; "gre" and "ipip" inside other packets through a router, the
 answers straight to the client. -6 shows it over IPv6, which goes with "direct" and "nat".
 
+--ha shows a pair of forwarders instead: a download goes on while the active one is killed.
+
 Needs root. Installs missing packages, builds the daemon and vellbctl, makes a small network of
 namespaces on this machine, and takes it away again. Nothing is plugged into the host's network.
 """
@@ -22,6 +24,7 @@ sys.dont_write_bytecode = True
 import steps  # noqa: E402
 
 sys.path.insert(0, str(steps.REPO))
+import demo_ha  # noqa: E402
 from demo_modes import MODES, WEIGHTS  # noqa: E402
 from lab import Lab, LabError, mac_of, wait_until  # noqa: E402
 from lab.core import RUN  # noqa: E402
@@ -35,7 +38,7 @@ DRAINED = "server2"
 def command(node, words, show=True):
     """Runs a vellbctl command in a node and shows it as a person would type it."""
     if show:
-        print(f"    {steps.paint('fwd#', 'dim')} vellbctl {words}", flush=True)
+        print(f"    {steps.paint(node.name + '#', 'dim')} vellbctl {words}", flush=True)
     done = node.run(["/build/vellbctl", *shlex.split(words)], check=False)
     if done.returncode != 0:
         raise steps.StepFailed(f"exit status {done.returncode}: vellbctl {words}\n"
@@ -230,6 +233,18 @@ def show(args):
             raise steps.StepFailed(f"{RUN / lab.ident} is still there")
 
 
+def show_pair():
+    """The demonstration of a pair."""
+    with Lab() as lab:
+        try:
+            demo_ha.run(lab, command)
+        except LabError as e:
+            raise steps.StepFailed(str(e)) from e
+    with steps.Step("everything taken away"):
+        if (RUN / lab.ident).exists():
+            raise steps.StepFailed(f"{RUN / lab.ident} is still there")
+
+
 def main():
     """The command line."""
     parser = argparse.ArgumentParser(prog="script/demo", description=__doc__,
@@ -237,6 +252,8 @@ def main():
     parser.add_argument("--mode", choices=MODES, default="direct",
                         help="how packets get to the servers (default direct)")
     parser.add_argument("-6", "--ipv6", action="store_true", help="over IPv6 (direct and nat)")
+    parser.add_argument("--ha", action="store_true",
+                        help="show a pair of forwarders, one of which is killed")
     parser.add_argument("--requests", type=int, default=1000, metavar="N",
                         help="how many HTTP requests the client sends (default 1000)")
     parser.add_argument("--keep", action="store_true", help="leave the lab up until Ctrl-C")
@@ -245,6 +262,8 @@ def main():
         parser.error(f"argument --requests: {args.requests} is not from 10 to 100000")
     if args.ipv6 and not MODES[args.mode].ipv6:
         parser.error(f"argument -6/--ipv6: {args.mode} tunnels carry IPv4 only")
+    if args.ha and (args.keep or args.ipv6 or args.mode != "direct"):
+        parser.error("argument --ha: does not go with --mode, -6 and --keep")
     if os.geteuid() != 0:
         raise steps.StepFailed("network namespaces need root: run it as root")
     steps.bootstrap()
@@ -253,7 +272,10 @@ def main():
     os.environ.pop("VELL_BUILD", None)
     with steps.Step("build (build/release)") as step:
         steps.build("release", ["vellb2", "vellbctl"], step, LOGS / "build.log")
-    show(args)
+    if args.ha:
+        show_pair()
+    else:
+        show(args)
     return 0
 
 
