@@ -63,6 +63,18 @@ int secondsbetween(lb_timeval_t later, lb_timeval_t earlier)
     return static_cast<int>(whole > limit ? limit : whole < -limit ? -limit : whole);
 }
 
+// Seconds since `when`. After a step back of the clock a time that lies in the future counts from
+// now on: a dead partner is not to be waited for until the clock has caught up.
+int secondssince(lb_timeval_t &when, lb_timeval_t time)
+{
+    const int secs = secondsbetween(time, lb_peek(when));
+    if (secs < 0) {
+        lb_poke(when, time);
+        return 0;
+    }
+    return secs;
+}
+
 lb_timeval_t timeof(const lbha_pktseq_t &seq)
 {
     return {.secs = static_cast<lb_s32_t>(lb_get32(seq.nbosecs)),
@@ -94,8 +106,8 @@ void ontimer()
     if (lbha_isstandby()) {
         // The second condition lets a node that has just become standby wait for its partner.
         const int timeout = lb_peek(settings()->timeout);
-        const int ackdelta = secondsbetween(seq, lb_peek(ha->ack));
-        const int statedelta = secondsbetween(seq, lb_peek(ha->laststatechange));
+        const int ackdelta = secondssince(ha->ack, seq);
+        const int statedelta = secondssince(ha->laststatechange, seq);
         if (ackdelta > timeout && statedelta > timeout) {
             LB_LOG(EVENT,
                    "HA TAKEOVER: ackdelta:%d, statedelta:%d, > hbtimeout:%d, issuing takeover\n",

@@ -207,6 +207,22 @@ TEST_F(HaTest, TimesOfAForgerAreNumbersLikeOthers)
     EXPECT_EQ(state(), ACTIVE);
 }
 
+TEST_F(HaTest, AfterAStepBackTheTimeOutRunsFromThen)
+{
+    fake::advance_s(7200);
+    ASSERT_EQ(pair(BACKUP), LBCMD_RC_SUCCESS);
+    fake::advance_s(10);
+    hear(beat{.state = ACTIVE, .ack = fake::now()});
+    fake::advance_s(-3600);
+    lbha_timer_entry();
+    fake::advance_ms(2900);
+    lbha_timer_entry();
+    EXPECT_EQ(state(), STANDBY);
+    fake::advance_ms(100);
+    lbha_timer_entry();
+    EXPECT_EQ(state(), ACTIVE);
+}
+
 TEST_F(HaTest, VersionsMayDifferInTheLastByte)
 {
     ASSERT_EQ(pair(BACKUP), LBCMD_RC_SUCCESS);
