@@ -55,7 +55,7 @@ class Clients:
         begin = time.monotonic()
         download = self.net.client.popen(
             ["curl", "-sS", "-o", "/dev/null", "-w",
-             "%{http_code} %{size_download}", f"http://{self.net.CLUSTER}:{WEB}/body"],
+             "%{http_code} %{size_download}", f"http://{self.net.host()}:{WEB}/body"],
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         # Time itself is what is waited for: only what is older than this must outlive the change.
         time.sleep(max(0, begin + ESTABLISHED_S - time.monotonic()))

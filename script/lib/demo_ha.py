@@ -43,7 +43,7 @@ def download(net):
     begin, shown, killed = time.monotonic(), 0.0, False
     pings = Pings(net.client, net.CLUSTER)
     curl = net.client.popen(["curl", "-sS", "-N", "-o", "/download",
-                             f"http://{net.CLUSTER}:{WEB}/body"], stdout=subprocess.PIPE,
+                             f"http://{net.host()}:{WEB}/body"], stdout=subprocess.PIPE,
                             stderr=subprocess.STDOUT, text=True)
     while curl.poll() is None:
         now = time.monotonic()
@@ -80,7 +80,7 @@ def run(lab, command):
     configure(net, command)
     with steps.Step(f"{SESSIONS} sessions opened, each with data on its way all the time"):
         clients = Clients(net, {ECHO: SESSIONS}, BODY)
-    print(f"\n  client# curl http://{net.CLUSTER}/body\n\n"
+    print(f"\n  client# curl http://{net.host()}/body\n\n"
           f"  {'':>7}   {'fwd':<8}  {'fwd2':<8}  received")
     silence, took = download(net)
     expect_sessions(clients, "when the active node was killed")
