@@ -41,11 +41,16 @@ bool _lbipv6_passfragment(const lbipv6_frag_t *frag, lbpbuf_obj_t *pkt, quoted_e
     return true;
 }
 
+std::ptrdiff_t _lbipv6_extlen(const lbipv6_ext_t *ext)
+{
+    return (std::ptrdiff_t{ext->len} + 1) * LBIPV6_EXTUNIT;
+}
+
 // The extension header at `at`, or null if it doesn't end before `end`.
 const lbipv6_ext_t *_lbipv6_extension(lb_u8_t *at, const lb_u8_t *end)
 {
     const auto *ext = lb_view<lbipv6_ext_t>(at, end - at);
-    return ext != nullptr && (ext->len + 1) * LBIPV6_EXTUNIT <= end - at ? ext : nullptr;
+    return ext != nullptr && _lbipv6_extlen(ext) <= end - at ? ext : nullptr;
 }
 
 // The upper-layer protocol and its header, or 0 and null.
@@ -80,7 +85,7 @@ lb_u8_t _lbipv6_walk(lbipv6_hdr_t *iph, int len, lb_u8_t **protoh, lbpbuf_obj_t 
             return 0;
         }
         proto = ext->nexthdr;
-        at += (ext->len + 1) * LBIPV6_EXTUNIT;
+        at += _lbipv6_extlen(ext);
     }
 }
 

@@ -11,7 +11,7 @@
   tsan     unit, stack, fuzz and thread tests under ThreadSanitizer
   fuzz     each fuzz target for a minute, from its corpus
 
-The thread tests run for VELL_STRESS_SECONDS, 60 unless set.
+The thread tests run for VELL_STRESS_SECONDS each, 30 unless set.
 
 Each stage has its log in build/check/ and its own build directory.
 """
@@ -107,7 +107,7 @@ def run_programs(preset, step, env, programs):
                 counts.append(f"{program}: {line[12:].strip()}")
 
         steps.logged([steps.REPO / "build" / preset / program], LOGS / f"{preset}-{program}.log",
-                     on_line, env={"VELL_STRESS_SECONDS": "60", **os.environ, **env})
+                     on_line, env={"VELL_STRESS_SECONDS": "30", **os.environ, **env})
     step.note = ", ".join(counts)
 
 
