@@ -2,18 +2,23 @@
 
 import socket
 import struct
+import time
 
 from scapy.layers.inet import ICMP, IP, TCP, UDP
 from scapy.layers.inet6 import IPv6
 from scapy.layers.l2 import ARP, Dot1Q, Ether
 from scapy.packet import Padding, Raw
 
+from lab import mac_of
+
 __all__ = ["ARP", "Dot1Q", "ETH_ARP", "ETH_IP", "ETH_IPV6", "Ether", "ICMP", "IP", "IPv6", "Padding", "Raw",
-           "TCP", "UDP", "ethertype", "is_arp", "is_icmp", "is_icmpv6", "without_padding"]
+           "BROADCAST", "TCP", "UDP", "ZERO", "answers_for", "ethertype", "is_arp", "is_icmp", "is_icmpv6", "without_padding"]
 
 ETH_IP = 0x0800
 ETH_ARP = 0x0806
 ETH_IPV6 = 0x86DD
+BROADCAST = "ff:ff:ff:ff:ff:ff"
+ZERO = "00:00:00:00:00:00"
 
 
 def ethertype(frame):
@@ -60,3 +65,17 @@ def is_icmpv6(kind, target=None):
 def without_padding(frame):
     """The frame up to the end of its IP datagram."""
     return frame[:14 + struct.unpack_from("!H", frame, 16)[0]]
+
+
+def answers_for(net, target, for_s=0.3):
+    """The answers that come for a request of the client within a time; every worker has it by then."""
+    mac = mac_of(net.CLIENT)
+    found = []
+    with net.client.capture() as capture, net.client.injector() as out:
+        out.send(Ether(dst=BROADCAST, src=mac) / ARP(op=1, hwsrc=mac, psrc=net.CLIENT, hwdst=ZERO,
+                                                     pdst=target))
+        end = time.monotonic() + for_s
+        while (frame := capture.next(end - time.monotonic())) is not None:
+            if is_arp(2, target)(frame):
+                found.append(Ether(frame).src)
+    return found

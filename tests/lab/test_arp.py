@@ -6,12 +6,9 @@ The client's own kernel stays out of it: requests are built by scapy and sent as
 import time
 
 import pytest
-from packets import ARP, ETH_IP, UDP, Ether, IP, ethertype, is_arp
+from packets import ARP, BROADCAST, ETH_IP, UDP, ZERO, Ether, IP, answers_for, ethertype, is_arp
 
 from lab import Basic, LabError, mac_of, wait_until
-
-BROADCAST = "ff:ff:ff:ff:ff:ff"
-ZERO = "00:00:00:00:00:00"
 
 
 # Servers 4 and 5 are nobody's neighbour until a test makes them so.
@@ -24,20 +21,6 @@ def _served(net, daemon):
     assert daemon.alive()
     net.configure(servers=(1, 2, 3))
     return net
-
-
-def answers_for(net, target, for_s=0.3):
-    """The answers that come for a request of the client within a time; every worker has it by then."""
-    mac = mac_of(net.CLIENT)
-    found = []
-    with net.client.capture() as capture, net.client.injector() as out:
-        out.send(Ether(dst=BROADCAST, src=mac) / ARP(op=1, hwsrc=mac, psrc=net.CLIENT, hwdst=ZERO,
-                                                     pdst=target))
-        end = time.monotonic() + for_s
-        while (frame := capture.next(end - time.monotonic())) is not None:
-            if is_arp(2, target)(frame):
-                found.append(Ether(frame).src)
-    return found
 
 
 QUESTIONS = {

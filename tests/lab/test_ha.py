@@ -7,14 +7,12 @@ import time
 from ipaddress import IPv6Address
 
 import pytest
-from packets import ARP, ETH_IP, UDP, Ether, IP, ethertype, is_arp
+from packets import ETH_IP, ETH_IPV6, UDP, Ether, IP, answers_for, ethertype, is_arp
 from scapy.utils import PcapWriter
 
 from lab import LabError, Pair, mac_of, wait_until
 from lab.failover import ECHO, PORTS, WEB, Clients, kill, tell
 
-ETH_IPV6 = 0x86DD
-BROADCAST, ZERO = "ff:ff:ff:ff:ff:ff", "00:00:00:00:00:00"
 SESSIONS, NAT_SESSIONS = 200, 20
 NAT_ECHO, SHOP = 9, 81  # connection, by NAT; affinity
 VISITORS = [f"10.0.0.{number}" for number in range(51, 57)]
@@ -151,20 +149,6 @@ def test_heartbeats_over_ipv6_keep_a_pair_together_and_carry_no_records(pair, cl
     for which, daemon in enumerate(pair.daemons):
         daemon.ctl("heartbeat", "add", pair.BEATS[which], pair.BEATS[1 - which])
         daemon.ctl("heartbeat", "rm", ends[which], ends[1 - which])
-
-
-def answers_for(net, target, for_s=0.3):
-    """The hardware addresses in the answers to an ARP request of the client."""
-    mac = mac_of(net.CLIENT)
-    found = []
-    with net.client.capture() as capture, net.client.injector() as out:
-        out.send(Ether(dst=BROADCAST, src=mac) / ARP(op=1, hwsrc=mac, psrc=net.CLIENT, hwdst=ZERO,
-                                                     pdst=target))
-        end = time.monotonic() + for_s
-        while (frame := capture.next(end - time.monotonic())) is not None:
-            if is_arp(2, target)(frame):
-                found.append(Ether(frame).src)
-    return found
 
 
 def test_standby_answers_no_arp_and_forwards_what_reaches_it(pair):
