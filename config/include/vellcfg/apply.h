@@ -1,0 +1,40 @@
+// Carries a list of commands out.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "vellb/client.h"
+#include "vellcfg/diff.h"
+
+namespace vellcfg
+{
+
+struct progress {
+    size_t done = 0;
+    size_t total = 0;
+    const step *next = nullptr;
+};
+
+// Called before each step, so some thousand times a second; false stops before it.
+using watcher_t = std::function<bool(const progress &)>;
+
+struct outcome {
+    size_t done = 0; // steps carried out
+    bool stopped = false;
+    std::optional<std::string> failure{};    // the refusal, and what to do about it
+    std::vector<std::string> interference{}; // what another writer did meanwhile, one line each
+    [[nodiscard]] bool complete() const { return !stopped && !failure; }
+};
+
+// Carries the steps out in order until one is refused or the watcher says stop. A SET first reads
+// the object's block again and changes in it only the configuration's bits, then reads it back:
+// bits of the configuration that are not what they were in the difference, or not what was just
+// written, were changed by somebody else, and that is said. Throws vellb::fault when the daemon
+// gives no usable answer; what was done until then stays done.
+outcome apply(const vellb::client &daemon, const std::vector<step> &steps,
+              const watcher_t &watcher = {});
+
+} // namespace vellcfg

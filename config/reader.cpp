@@ -1,0 +1,1 @@
+#include "vellcfg/reader.h"
