@@ -196,7 +196,7 @@ class tree
             }
             try {
                 take(request_, word);
-            } catch (const usage_error &error) {
+            } catch (const vellb::bad_word &error) {
                 throw usage_error(fmt::format("{}: {}", opt->get_name(), error.what()), error.word);
             }
         });

@@ -1,63 +1,41 @@
-// Words of the command line, turned into values or into a message that says what is wrong with
-// them.
+// Words of the command line: the library's, and what is wrong with a whole line of them.
 #pragma once
 
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <string_view>
-#include <vector>
-
-#include "vellb/address.h"
-#include "vellb/names.h"
+#include "vellb/words.h"
 
 namespace vellbctl
 {
 
-// A word that cannot be taken: `word` is the one, what() says why. The usage text is added by the
-// parser, which knows the command.
-class usage_error : public std::runtime_error
+// A word that cannot be taken here. The usage text is added by the parser, which knows the command.
+class usage_error : public vellb::bad_word
 {
   public:
     explicit usage_error(const std::string &message, std::string wrong_word = "",
                          std::string usage_text = "")
-        : std::runtime_error(message), word(std::move(wrong_word)), usage(std::move(usage_text))
+        : bad_word(message, std::move(wrong_word)), usage(std::move(usage_text))
     {
     }
-    std::string word;
     std::string usage;
 };
 
-// The candidate that `word` was probably meant to be.
-std::optional<std::string> nearest(std::string_view word,
-                                   const std::vector<std::string> &candidates);
-// " (did you mean 'cluster'?)", or nothing.
-std::string did_you_mean(std::string_view word, const std::vector<std::string> &candidates);
-
-// "2", "0.5"; nothing if any of the word is something else.
-std::optional<double> parse_decimal(std::string_view word);
-
-// Each throws usage_error.
-lbip_addr_t take_address(const std::string &word);         // no prefix, not 0.0.0.0 or ::
-lbip_addr_t take_address_or_none(const std::string &word); // "none": unset
-lbip_addr_t take_prefix(const std::string &word);          // A/LENGTH
-void take_endpoint(const std::string &word, lbip_addr_t &addr, lb_u16_t &port);
-lbeth_addr_align_t take_mac(const std::string &word);
-lb_u32_t take_number(const std::string &word, lb_u32_t least, lb_u32_t most);
-lb_u32_t take_seconds(const std::string &word); // "90", "90s", "30m", "2h", "1d"
-double take_interval(const std::string &word);  // seconds, 0.1 to 3600
-bool take_switch(const std::string &word);      // on, off, yes, no
-std::string take_socket(const std::string &word);
-// "10-20", or "10-" without an upper bound.
-void take_range(const std::string &word, lb_u32_t &first, lb_u32_t &last);
-std::string take_text(const std::string &word, size_t most);
-std::string take_interface(const std::string &word);
-// Bytes that an outer packet may have.
-lb_u16_t take_encap_mtu(const std::string &word);
-lb_u64_t take_name(const std::string &word, std::span<const vellb::named_value> table);
-lb_u64_t take_mask(const std::string &word, lb_u64_t current);
-
-// "1h46m40s".
-std::string seconds_text(lb_u64_t seconds);
+using vellb::did_you_mean;
+using vellb::parse_decimal;
+using vellb::seconds_text;
+using vellb::take_address;
+using vellb::take_address_or_none;
+using vellb::take_encap_mtu;
+using vellb::take_endpoint;
+using vellb::take_interface;
+using vellb::take_interval;
+using vellb::take_mac;
+using vellb::take_mask;
+using vellb::take_name;
+using vellb::take_number;
+using vellb::take_prefix;
+using vellb::take_range;
+using vellb::take_seconds;
+using vellb::take_socket;
+using vellb::take_switch;
+using vellb::take_text;
 
 } // namespace vellbctl

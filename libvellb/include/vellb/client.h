@@ -46,8 +46,11 @@ class client
     {
     }
 
+    virtual ~client() = default;
+
     // Sends the buffer and overwrites it with the answer. Throws fault; never raises SIGPIPE.
-    void exchange(lbcmd_buf_t &buffer) const;
+    // Another road than a socket overrides it.
+    virtual void exchange(lbcmd_buf_t &buffer) const;
 
     [[nodiscard]] const std::string &path() const { return path_; }
 

@@ -1,12 +1,12 @@
-// Words of the command line. Pure functions; every refusal names the word and says what would do.
-#include "words.h"
+// Words turned into values. Pure functions; every refusal names the word and says what would do.
+#include "vellb/words.h"
 
 #include <algorithm>
 #include <charconv>
 #include <fmt/format.h>
 #include <numeric>
 
-namespace vellbctl
+namespace vellb
 {
 
 namespace
@@ -35,7 +35,7 @@ size_t distance(std::string_view a, std::string_view b)
 
 [[noreturn]] void wrong(const std::string &word, const std::string &why)
 {
-    throw usage_error(fmt::format("'{}' {}", word, why), word);
+    throw bad_word(fmt::format("'{}' {}", word, why), word);
 }
 
 } // namespace
@@ -71,14 +71,14 @@ std::optional<double> parse_decimal(std::string_view word)
 
 lbip_addr_t take_address(const std::string &word)
 {
-    const auto addr = vellb::parse_address(word);
-    if (!addr && vellb::parse_prefix(word)) {
+    const auto addr = parse_address(word);
+    if (!addr && parse_prefix(word)) {
         wrong(word, "carries a prefix length, which is not wanted here");
     }
     if (!addr) {
         wrong(word, "is not an IPv4 or IPv6 address");
     }
-    if (vellb::is_unspecified(*addr)) {
+    if (is_unspecified(*addr)) {
         wrong(word, "is the unspecified address, which nothing can have");
     }
     return *addr;
@@ -91,15 +91,15 @@ lbip_addr_t take_address_or_none(const std::string &word)
 
 lbip_addr_t take_prefix(const std::string &word)
 {
-    const auto addr = vellb::parse_prefix(word);
-    if (const auto bare = vellb::parse_address(word); !addr && bare) {
-        wrong(word, fmt::format("lacks its prefix length, as in {}/{}", vellb::address_text(*bare),
+    const auto addr = parse_prefix(word);
+    if (const auto bare = parse_address(word); !addr && bare) {
+        wrong(word, fmt::format("lacks its prefix length, as in {}/{}", address_text(*bare),
                                 bare->version == 4 ? 24 : 64));
     }
     if (!addr) {
         wrong(word, "is not an address with a prefix length, as in 10.0.0.1/24");
     }
-    if (vellb::is_unspecified(*addr)) {
+    if (is_unspecified(*addr)) {
         wrong(word, "is the unspecified address, which nothing can have");
     }
     return *addr;
@@ -114,11 +114,11 @@ void take_endpoint(const std::string &word, lbip_addr_t &addr, lb_u16_t &port)
     }
     const std::string host = word.substr(0, colon);
     const bool bracketed = host.starts_with('[');
-    const auto found = vellb::parse_address(host);
+    const auto found = parse_address(host);
     if (!found || (found->version == 6 && !bracketed)) {
         wrong(word, FORM);
     }
-    const auto number = vellb::parse_number(word.substr(colon + 1), 65535);
+    const auto number = parse_number(word.substr(colon + 1), 65535);
     if (!number || *number == 0) {
         wrong(word, fmt::format("has port '{}', which is not a number from 1 to 65535",
                                 word.substr(colon + 1)));
@@ -129,7 +129,7 @@ void take_endpoint(const std::string &word, lbip_addr_t &addr, lb_u16_t &port)
 
 lbeth_addr_align_t take_mac(const std::string &word)
 {
-    const auto mac = vellb::parse_mac(word);
+    const auto mac = parse_mac(word);
     if (!mac) {
         wrong(word, "is not a hardware address, as in 02:00:00:00:00:01");
     }
@@ -138,7 +138,7 @@ lbeth_addr_align_t take_mac(const std::string &word)
 
 lb_u32_t take_number(const std::string &word, lb_u32_t least, lb_u32_t most)
 {
-    const auto number = vellb::parse_number(word, most);
+    const auto number = parse_number(word, most);
     if (!number || *number < least) {
         wrong(word, fmt::format("is not a number from {} to {}", least, most));
     }
@@ -156,7 +156,7 @@ lb_u32_t take_seconds(const std::string &word)
         unit = UNITS[unit_at];
         digits.remove_suffix(1);
     }
-    const auto number = vellb::parse_number(digits, MOST / unit);
+    const auto number = parse_number(digits, MOST / unit);
     if (!number) {
         wrong(word, "is not a time, as in 90, 90s, 30m, 2h or 1d");
     }
@@ -198,9 +198,7 @@ void take_range(const std::string &word, lb_u32_t &first, lb_u32_t &last)
 {
     constexpr lb_u32_t MOST = 0xFFFFFFFF;
     const auto dash = word.find('-');
-    const auto number = [&](const std::string &digits) {
-        return vellb::parse_number(digits, MOST);
-    };
+    const auto number = [&](const std::string &digits) { return parse_number(digits, MOST); };
     const auto from = number(word.substr(0, dash));
     const bool open = dash != std::string::npos && dash + 1 == word.size();
     const auto to = open                        ? std::optional<unsigned long>(MOST)
@@ -241,7 +239,7 @@ lb_u16_t take_encap_mtu(const std::string &word)
     // Every link carries packets of 68 bytes (RFC 791), here with the longer tunnel header around.
     constexpr lb_u32_t LEAST = 68 + 24;
     constexpr lb_u32_t MOST = 65535;
-    const auto number = vellb::parse_number(word, ~0U);
+    const auto number = parse_number(word, ~0U);
     if (!number) {
         wrong(word, fmt::format("is not a number from {} to {}", LEAST, MOST));
     }
@@ -259,16 +257,15 @@ lb_u16_t take_encap_mtu(const std::string &word)
     return static_cast<lb_u16_t>(*number);
 }
 
-lb_u64_t take_name(const std::string &word, std::span<const vellb::named_value> table)
+lb_u64_t take_name(const std::string &word, std::span<const named_value> table)
 {
-    const auto value = vellb::value_of(table, word);
+    const auto value = value_of(table, word);
     if (!value) {
         std::vector<std::string> names;
-        for (const vellb::named_value &row : table) {
+        for (const named_value &row : table) {
             names.emplace_back(row.name);
         }
-        wrong(word,
-              fmt::format("is not one of {}{}", vellb::names_in(table), did_you_mean(word, names)));
+        wrong(word, fmt::format("is not one of {}{}", names_in(table), did_you_mean(word, names)));
     }
     return *value;
 }
@@ -276,17 +273,17 @@ lb_u64_t take_name(const std::string &word, std::span<const vellb::named_value> 
 lb_u64_t take_mask(const std::string &word, lb_u64_t current)
 {
     std::string bad;
-    const auto mask = vellb::mask_from(word, current, bad);
+    const auto mask = mask_from(word, current, bad);
     if (!mask) {
         std::vector<std::string> names{"all", "none", "default"};
-        for (const vellb::named_value &row : vellb::log_bits()) {
+        for (const named_value &row : log_bits()) {
             names.emplace_back(row.name);
         }
         const bool is_signed = bad.starts_with('+') || bad.starts_with('-');
-        throw usage_error(fmt::format("'{}' is neither a log bit's name nor a number{}; "
-                                      "see: vellbctl log-mask names",
-                                      bad, did_you_mean(is_signed ? bad.substr(1) : bad, names)),
-                          bad);
+        throw bad_word(fmt::format("'{}' is neither a log bit's name nor a number{}; "
+                                   "see: vellbctl log-mask names",
+                                   bad, did_you_mean(is_signed ? bad.substr(1) : bad, names)),
+                       bad);
     }
     return *mask;
 }
@@ -307,4 +304,4 @@ std::string seconds_text(lb_u64_t seconds)
     return text.empty() ? "0s" : text;
 }
 
-} // namespace vellbctl
+} // namespace vellb
