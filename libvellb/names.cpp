@@ -103,6 +103,19 @@ constexpr auto ENCAPSULATIONS = std::to_array<named_value>({
     {LBSRV_ENCAPTYPE_GRE, "gre", ""},
 });
 
+constexpr lb_u64_t number(forward_e way)
+{
+    return static_cast<lb_u64_t>(way);
+}
+
+constexpr auto FORWARDINGS = std::to_array<named_value>({
+    {number(forward_e::DIRECT), "direct", "to its hardware address"},
+    {number(forward_e::NAT), "nat", "with translated addresses, both ways"},
+    {number(forward_e::IPIP), "ipip", "inside an IP packet"},
+    {number(forward_e::GRE), "gre", "inside a GRE packet"},
+    {number(forward_e::COLLOCATED), "collocated", "on this machine, through the tunnel device"},
+});
+
 constexpr auto LOG_BITS = std::to_array<named_value>({
     {LB_LOG_FORWARDED, "forwarded", "a line for each packet forwarded"},
     {LB_LOG_DISCARDED, "discarded", "a line for each packet discarded"},
@@ -230,6 +243,10 @@ std::span<const named_value> yes_no()
 std::span<const named_value> encapsulations()
 {
     return ENCAPSULATIONS;
+}
+std::span<const named_value> forwardings()
+{
+    return FORWARDINGS;
 }
 std::span<const named_value> log_bits()
 {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "vellb/client.h"
+#include "vellb/command.h"
 #include "vellcfg/diff.h"
 
 namespace vellcfg
@@ -24,7 +24,7 @@ using watcher_t = std::function<bool(const progress &)>;
 struct outcome {
     size_t done = 0; // steps carried out
     bool stopped = false;
-    std::optional<std::string> failure{};    // the refusal, and what to do about it
+    std::optional<vellb::refused> failure{}; // what the daemon did not do
     std::vector<std::string> interference{}; // what another writer did meanwhile, one line each
     [[nodiscard]] bool complete() const { return !stopped && !failure; }
 };
@@ -32,8 +32,9 @@ struct outcome {
 // Carries the steps out in order until one is refused or the watcher says stop. A SET first reads
 // the object's block again and changes in it only the configuration's bits, then reads it back:
 // bits of the configuration that are not what they were in the difference, or not what was just
-// written, were changed by somebody else, and that is said. Throws vellb::fault when the daemon
-// gives no usable answer; what was done until then stays done.
+// written, were changed by somebody else, and that is said. So it is of an object that was to be
+// removed and is not there any more; going on does no harm then. Throws vellb::fault when the
+// daemon gives no usable answer; what was done until then stays done.
 outcome apply(const vellb::client &daemon, const std::vector<step> &steps,
               const watcher_t &watcher = {});
 

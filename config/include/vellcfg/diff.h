@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "vellb/tree.h"
+#include "vellcfg/normalise.h"
 
 namespace vellcfg
 {
@@ -27,12 +28,12 @@ struct plan {
     [[nodiscard]] bool empty() const { return steps.empty(); }
 };
 
-// The smallest ordered list that makes `actual` what `wanted` (see normalise.h) says, in the
-// configuration tree: first the executor's settings, then what goes, bottom-up, then
-// `interface_steps` as they are, then what comes or changes, top-down. Every prefix of it leaves a
-// state from which another diff leads to the same end. Not compared: what no key of the file sets,
-// and what the daemon changes itself (a learnt encapmtu). Pure.
-plan diff(const vellb::picture &wanted, const vellb::picture &actual,
+// The smallest ordered list that makes `actual` what `wanted` says: `interface_steps` as they are,
+// the executor's settings, heartbeats, then cluster by cluster what goes, bottom-up, and what comes
+// or changes, top-down. Every prefix of it leaves a state from which another diff leads to the same
+// end. Not compared: what no key of the file sets, and what the daemon changes itself (a learnt
+// encapmtu). Pure.
+plan diff(const target &wanted, const vellb::picture &actual,
           std::vector<step> interface_steps = {});
 
 // One step of a command that was planned elsewhere (interfaces), with its text made from it.

@@ -8,10 +8,9 @@
 namespace vellcfg
 {
 
-// YAML for read_texts(). Of what the daemon holds, the file has no words for: counters, interfaces'
-// details (only their names), and fields that nothing reads. Whatever a text contains, the result
-// can be read. A state that no file can ask for (an algorithm without a name) throws
-// std::runtime_error.
+// YAML for read_texts(), whatever the texts in the daemon contain. Of what the daemon holds, the
+// file has no words for: counters, interfaces' details (only their names), and fields that nothing
+// reads. What no file can ask for (set by hand, or by another program) is told in a comment.
 std::string exported(const vellb::picture &now);
 
 } // namespace vellcfg

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "prot/blocks.h"
+#include "vellb/names.h"
 
 namespace vellcfg
 {
@@ -32,7 +33,7 @@ struct finding {
 std::string finding_text(const finding &told);
 
 // How packets get to a server.
-enum class forward_e : lb_u8_t { DIRECT, NAT, IPIP, GRE, COLLOCATED };
+using forward_e = vellb::forward_e;
 
 struct server {
     place at{};
@@ -45,7 +46,7 @@ struct server {
     lbip_addr_t return_address{}; // these two with NAT only
     lbip_addr_t router_address{};
     lbip_addr_t encap_source{}; // these two with IPIP and GRE only
-    lb_u16_t encap_mtu = 1500;
+    std::optional<lb_u16_t> encap_mtu{};
 };
 
 struct useserver {
@@ -58,7 +59,8 @@ struct rule {
     lb_u16_t number = 0;
     std::string name{};
     lb_u8_t type = LBRUL_TYPE_TRUE; // lbrul_type_e, never NONE
-    lb_u32_t first = 0;             // open connections, both included; 0 with TRUE
+    bool ranged = false;            // with the other types only
+    lb_u32_t first = 0;             // open connections, both included
     lb_u32_t last = 0;
     std::vector<useserver> useservers{};
 };

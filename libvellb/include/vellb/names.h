@@ -19,6 +19,9 @@ struct named_value {
     std::string_view meaning;
 };
 
+// How packets get to a server. Not a number of the protocol: several fields of a server make it.
+enum class forward_e : lb_u8_t { DIRECT, NAT, IPIP, GRE, COLLOCATED };
+
 // The tables themselves, for help texts and for those who decode.
 std::span<const named_value> answer_codes(); // "SUCCESS", "PARENTDNE", ...
 std::span<const named_value> actions();
@@ -32,7 +35,8 @@ std::span<const named_value> ha_substates();
 std::span<const named_value> ha_events();
 std::span<const named_value> yes_no();
 std::span<const named_value> encapsulations();
-std::span<const named_value> log_bits(); // classes first, then modules
+std::span<const named_value> forwardings(); // forward_e
+std::span<const named_value> log_bits();    // classes first, then modules
 
 std::string name_of(std::span<const named_value> table, lb_u64_t value);
 std::optional<lb_u64_t> value_of(std::span<const named_value> table, std::string_view name);

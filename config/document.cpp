@@ -1,0 +1,192 @@
+// Builds the tree from yaml-cpp's events rather than from its nodes: those keep no order of
+// duplicates, expand nothing visibly, and don't tell where a key stands. No state between calls.
+#include "document.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <map>
+#include <sstream>
+#include <yaml-cpp/eventhandler.h>
+#include <yaml-cpp/yaml.h>
+
+namespace vellcfg
+{
+
+namespace
+{
+
+class builder : public YAML::EventHandler
+{
+  public:
+    builder(const std::string &name, std::vector<finding> &errors) : name_(name), errors_(errors) {}
+
+    node_ptr root{};
+
+    void OnDocumentStart(const YAML::Mark &) override {}
+    void OnDocumentEnd() override {}
+    void OnNull(const YAML::Mark &mark, YAML::anchor_t anchor) override
+    {
+        place_value(mark, made(mark, kind_e::NOTHING, anchor));
+    }
+    void OnAlias(const YAML::Mark &mark, YAML::anchor_t anchor) override
+    {
+        const auto found = anchors_.find(anchor);
+        const bool whole = found != anchors_.end() &&
+                           std::ranges::find(open_, found->second, &frame::what) == open_.end();
+        if (!whole) {
+            error(mark, "an alias inside of what it stands for");
+        }
+        place_value(mark, whole ? found->second : std::make_shared<node>());
+    }
+    void OnScalar(const YAML::Mark &mark, const std::string &tag, YAML::anchor_t anchor,
+                  const std::string &value) override
+    {
+        check_tag(mark, tag);
+        frame *at = open_.empty() ? nullptr : &open_.back();
+        if (at != nullptr && at->what->kind == kind_e::MAP && !at->keyed) {
+            take_key(*at, mark, value);
+            return;
+        }
+        const auto made_one = made(mark, kind_e::WORD, anchor);
+        made_one->word = value;
+        place_value(mark, made_one);
+    }
+    void OnSequenceStart(const YAML::Mark &mark, const std::string &tag, YAML::anchor_t anchor,
+                         YAML::EmitterStyle::value) override
+    {
+        open(mark, tag, kind_e::LIST, anchor);
+    }
+    void OnSequenceEnd() override { close(); }
+    void OnMapStart(const YAML::Mark &mark, const std::string &tag, YAML::anchor_t anchor,
+                    YAML::EmitterStyle::value) override
+    {
+        open(mark, tag, kind_e::MAP, anchor);
+    }
+    void OnMapEnd() override { close(); }
+
+  private:
+    struct frame {
+        std::shared_ptr<node> what;
+        bool keyed = false; // MAP: a key waits for its value
+        bool dropped = false;
+        std::map<std::string, int> lines{}; // of the keys
+    };
+
+    void error(const YAML::Mark &mark, const std::string &text)
+    {
+        errors_.push_back({{name_, mark.line + 1, mark.column + 1}, text});
+    }
+
+    void check_tag(const YAML::Mark &mark, const std::string &tag)
+    {
+        if (!tag.empty() && tag != "?" && tag != "!") {
+            error(mark, fmt::format("the tag {} has no meaning here", tag));
+        }
+    }
+
+    std::shared_ptr<node> made(const YAML::Mark &mark, kind_e kind, YAML::anchor_t anchor)
+    {
+        auto result = std::make_shared<node>();
+        result->line = mark.line + 1;
+        result->column = mark.column + 1;
+        result->kind = kind;
+        if (anchor != 0) {
+            anchors_[anchor] = result;
+        }
+        return result;
+    }
+
+    void take_key(frame &at, const YAML::Mark &mark, const std::string &key)
+    {
+        const auto [first, fresh] = at.lines.emplace(key, mark.line + 1);
+        if (!fresh) {
+            error(mark,
+                  fmt::format("'{}' is there twice; the first is in line {}", key, first->second));
+        }
+        at.keyed = true;
+        at.dropped = !fresh;
+        if (fresh) {
+            at.what->entries.push_back({mark.line + 1, mark.column + 1, key, {}});
+        }
+    }
+
+    void place_value(const YAML::Mark &mark, const node_ptr &value)
+    {
+        if (open_.empty()) {
+            root = value;
+            return;
+        }
+        frame &at = open_.back();
+        if (at.what->kind == kind_e::LIST) {
+            at.what->items.push_back(value);
+        } else if (!at.keyed) {
+            error(mark, "a key must be a single word");
+            at.keyed = at.dropped = true; // its value follows
+        } else {
+            if (!at.dropped) {
+                at.what->entries.back().value = value;
+            }
+            at.keyed = at.dropped = false;
+        }
+    }
+
+    void open(const YAML::Mark &mark, const std::string &tag, kind_e kind, YAML::anchor_t anchor)
+    {
+        check_tag(mark, tag);
+        auto fresh = made(mark, kind, anchor);
+        place_value(mark, fresh);
+        open_.push_back({std::move(fresh)});
+    }
+
+    void close() { open_.pop_back(); }
+
+    const std::string &name_;
+    std::vector<finding> &errors_;
+    std::vector<frame> open_{};
+    std::map<YAML::anchor_t, std::shared_ptr<node>> anchors_{};
+};
+
+// yaml-cpp says what it stumbled over; people want to know what to do.
+std::string explained(const std::string &message)
+{
+    static const std::map<std::string, std::string> remedies{
+        {"illegal map value", "a ':' where no key can stand: is the line indented like its "
+                              "neighbours? Put words with ': ' or a final ':' into quotes"},
+        {"illegal tab when looking for indentation", "a tab in the indentation: use blanks"},
+        {"end of map not found", "the indentation fits neither the lines above nor a new level"},
+        {"end of sequence not found", "a line that is no item of the list above: is it indented "
+                                      "like its neighbours?"},
+    };
+    const auto found = remedies.find(message);
+    return found != remedies.end() ? found->second : message;
+}
+
+} // namespace
+
+node_ptr parse_document(const std::string &name, const std::string &text,
+                        std::vector<finding> &errors)
+{
+    std::istringstream stream(text);
+    builder first(name, errors);
+    try {
+        YAML::Parser parser(stream);
+        if (!parser.HandleNextDocument(first)) {
+            return nullptr;
+        }
+        builder second(name, errors);
+        if (parser.HandleNextDocument(second)) {
+            const node *more = second.root.get();
+            errors.push_back(
+                {{name, more != nullptr ? more->line : 0, more != nullptr ? more->column : 0},
+                 "a second document: put each into a file of its own in conf.d"});
+        }
+    } catch (const YAML::Exception &error) {
+        errors.push_back(
+            {{name, std::max(error.mark.line + 1, 1), std::max(error.mark.column + 1, 1)},
+             explained(error.msg)});
+        return nullptr;
+    }
+    return first.root;
+}
+
+} // namespace vellcfg
