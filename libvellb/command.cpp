@@ -219,6 +219,34 @@ std::string key_text(lbcmd_keytype_e keytype, const lbcmd_key_t &key)
     return name;
 }
 
+std::string command_line(const char *verb, lbcmd_keytype_e keytype, const lbcmd_key_t &key)
+{
+    const object_e object = object_of(keytype, key);
+    const std::string endpoint = endpoint_text(key.cfg.cluster, key.cfg.port);
+    const std::string line = fmt::format("vellbctl {} {}", object_text(object), verb);
+    const auto with = [&](const std::string &words) { return line + " " + words; };
+    const auto server = [&] { return address_text(key.cfg.server); };
+    switch (object) {
+    case object_e::CLUSTER: return with(address_text(key.cfg.cluster));
+    case object_e::PORT: return with(endpoint);
+    case object_e::SERVER: return with(fmt::format("{} {}", endpoint, server()));
+    case object_e::RULE: return with(fmt::format("{} {}", endpoint, key.cfg.rule));
+    case object_e::USESERVER:
+        return with(fmt::format("{} {} {}", endpoint, key.cfg.rule, server()));
+    case object_e::HEARTBEAT:
+        return with(fmt::format("{} {}", address_text(key.cfg.cluster), server()));
+    case object_e::INTERFACE: return with(interface_name(key.iface));
+    case object_e::ADDRESS:
+        return with(fmt::format("{} {}", interface_name(key.iface),
+                                key.iface.addr.prefix != 0 ? prefix_text(key.iface.addr)
+                                                           : address_text(key.iface.addr)));
+    case object_e::EXECUTOR:
+    case object_e::INTERFACES:
+    case object_e::UNKNOWN: break;
+    }
+    return line;
+}
+
 std::string block_text(const void *text, size_t size)
 {
     const auto *first = static_cast<const char *>(text);

@@ -304,4 +304,9 @@ std::string seconds_text(lb_u64_t seconds)
     return text.empty() ? "0s" : text;
 }
 
+std::string range_text(lb_u32_t first, lb_u32_t last)
+{
+    return fmt::format("{}-{}", first, last != 0xFFFFFFFF ? std::to_string(last) : "");
+}
+
 } // namespace vellb

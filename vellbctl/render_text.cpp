@@ -324,8 +324,7 @@ std::string range_text(const lbrul_setable_t &set)
     if (set.type == LBRUL_TYPE_TRUE) {
         return "-";
     }
-    return set.endrange == 0xFFFFFFFF ? fmt::format("{}-", set.beginrange)
-                                      : fmt::format("{}-{}", set.beginrange, set.endrange);
+    return vellb::range_text(set.beginrange, set.endrange);
 }
 
 std::string text_renderer::rules() const

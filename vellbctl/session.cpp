@@ -16,35 +16,6 @@ namespace
 
 using vellb::object_e;
 
-// The words that name the object on a command line: "port add 10.0.0.100:80".
-std::string command_for(const char *verb, lbcmd_keytype_e keytype, const lbcmd_key_t &key)
-{
-    const object_e object = vellb::object_of(keytype, key);
-    const std::string endpoint = vellb::endpoint_text(key.cfg.cluster, key.cfg.port);
-    std::string words;
-    switch (object) {
-    case object_e::CLUSTER: words = vellb::address_text(key.cfg.cluster); break;
-    case object_e::PORT: words = endpoint; break;
-    case object_e::SERVER: words = endpoint + " " + vellb::address_text(key.cfg.server); break;
-    case object_e::RULE: words = fmt::format("{} {}", endpoint, key.cfg.rule); break;
-    case object_e::USESERVER:
-        words =
-            fmt::format("{} {} {}", endpoint, key.cfg.rule, vellb::address_text(key.cfg.server));
-        break;
-    case object_e::INTERFACE: words = vellb::interface_name(key.iface); break;
-    case object_e::ADDRESS:
-        words = vellb::interface_name(key.iface) + " " + vellb::address_text(key.iface.addr);
-        break;
-    case object_e::HEARTBEAT:
-        words = vellb::address_text(key.cfg.cluster) + " " + vellb::address_text(key.cfg.server);
-        break;
-    case object_e::EXECUTOR:
-    case object_e::INTERFACES:
-    case object_e::UNKNOWN: return fmt::format("vellbctl {} {}", vellb::object_text(object), verb);
-    }
-    return fmt::format("vellbctl {} {} {}", vellb::object_text(object), verb, words);
-}
-
 // Can it be changed once it is there?
 bool has_settings(object_e object)
 {
@@ -175,7 +146,7 @@ complaint explain(const vellb::refused &error)
     const std::string kind = vellb::object_text(vellb::object_of(what.keytype, what.key));
     const lbcmd_key_t parent = parent_of(what.keytype, what.key);
     const auto command = [&](const char *verb) {
-        return command_for(verb, what.keytype, what.key);
+        return vellb::command_line(verb, what.keytype, what.key);
     };
     complaint told{error.code(), vellb::name_of(vellb::answer_codes(), error.code()), "", ""};
     switch (error.code()) {
@@ -188,7 +159,7 @@ complaint explain(const vellb::refused &error)
             const lbcmd_key_t server =
                 vellb::server_key(what.key.cfg.cluster, what.key.cfg.port, what.key.cfg.server);
             told.message = vellb::key_text(what.keytype, server) + " does not exist";
-            told.hint = "add it first: " + command_for("add", what.keytype, server);
+            told.hint = "add it first: " + vellb::command_line("add", what.keytype, server);
             break;
         }
         told.message = object + " is always there and cannot be added";
@@ -203,7 +174,7 @@ complaint explain(const vellb::refused &error)
         break;
     case LBCMD_RC_PARENTDNE:
         told.message = vellb::key_text(what.keytype, parent) + " does not exist";
-        told.hint = "add it first: " + command_for("add", what.keytype, parent);
+        told.hint = "add it first: " + vellb::command_line("add", what.keytype, parent);
         break;
     case LBCMD_RC_OBJNOTFOUND:
         told.message = object + " does not exist";

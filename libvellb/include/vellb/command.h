@@ -65,6 +65,8 @@ object_e object_of(lbcmd_keytype_e keytype, const lbcmd_key_t &key);
 bool is_child(lbcmd_keytype_e keytype, const lbcmd_key_t &parent, const lbcmd_key_t &child);
 // "cluster 10.0.0.100", "server 10.0.0.11 of port 10.0.0.100:80", "interface eth0".
 std::string key_text(lbcmd_keytype_e keytype, const lbcmd_key_t &key);
+// The command of vellbctl about the object: "vellbctl port add 10.0.0.100:80".
+std::string command_line(const char *verb, lbcmd_keytype_e keytype, const lbcmd_key_t &key);
 // "cluster", "port", ...
 std::string object_text(object_e object);
 

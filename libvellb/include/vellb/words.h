@@ -56,5 +56,7 @@ lb_u64_t take_mask(const std::string &word, lb_u64_t current);
 
 // "1h46m40s".
 std::string seconds_text(lb_u64_t seconds);
+// As take_range takes it.
+std::string range_text(lb_u32_t first, lb_u32_t last);
 
 } // namespace vellb
