@@ -35,6 +35,21 @@ std::optional<interface> interface_at(const client &daemon, const lbcmd_key_t &k
 
 } // namespace
 
+std::optional<forward_e> forwarding_of(const server &each)
+{
+    const lbsrv_setable_t &set = each.settings;
+    if ((set.encapflags & LBSRV_ENCAPFLAG_ENCAPSULATE) != 0) {
+        switch (set.encapflags & LBSRV_ENCAPFLAG_TYPEMASK) {
+        case LBSRV_ENCAPTYPE_IPIP: return forward_e::IPIP;
+        case LBSRV_ENCAPTYPE_GRE: return forward_e::GRE;
+        default: return std::nullopt;
+        }
+    }
+    return set.Collocated == 1   ? forward_e::COLLOCATED
+           : each.fixed.nat != 0 ? forward_e::NAT
+                                 : forward_e::DIRECT;
+}
+
 executor read_executor(const client &daemon)
 {
     const answer got = run(daemon, {CONFIG, LBCMD_ACTION_GET, executor_key()});

@@ -4,7 +4,7 @@
 
 #include "commands.h"
 #include "forwarding.h"
-#include "surprises.h"
+#include "vellb/surprises.h"
 #include "words.h"
 
 namespace vellbctl
@@ -44,10 +44,10 @@ void look_at_port(session &s)
 {
     s.look_again([&] {
         const auto port = vellb::read_port(s.daemon, *s.req.address, s.req.port);
-        auto texts = port ? port_surprises(*port) : std::vector<std::string>{};
-        if (port && (port->settings.reset != 0 || translates(*port))) {
+        auto texts = port ? vellb::port_surprises(*port) : std::vector<std::string>{};
+        if (port && (port->settings.reset != 0 || vellb::translates(*port))) {
             const auto more =
-                gateway_surprises(vellb::read_executor(s.daemon), port->cluster.version);
+                vellb::gateway_surprises(vellb::read_executor(s.daemon), port->cluster.version);
             texts.insert(texts.end(), more.begin(), more.end());
         }
         return texts;
@@ -58,7 +58,8 @@ void executor_set(session &s)
 {
     s.change(CONFIG, vellb::executor_key(), s.req.executor_edits);
     s.look_again([&] {
-        return gateway_surprises(vellb::read_executor(s.daemon), vellb::read_interfaces(s.daemon));
+        return vellb::gateway_surprises(vellb::read_executor(s.daemon),
+                                        vellb::read_interfaces(s.daemon));
     });
     s.done("changed", CONFIG, vellb::executor_key());
 }
@@ -79,7 +80,7 @@ void cluster_add(session &s)
     s.req.cluster_edits.apply(settings);
     s.add(CONFIG, asked_cluster(s), vellb::bytes_of(lbclu_addable_t{}), vellb::bytes_of(settings));
     s.look_again(
-        [&] { return subnet_surprises(*s.req.address, vellb::read_interfaces(s.daemon)); });
+        [&] { return vellb::subnet_surprises(*s.req.address, vellb::read_interfaces(s.daemon)); });
     s.done("added", CONFIG, asked_cluster(s));
 }
 

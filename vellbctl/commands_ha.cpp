@@ -5,10 +5,10 @@
 #include <fmt/format.h>
 
 #include "commands.h"
-#include "surprises.h"
 #include "syntax.h"
 #include "vellb/address.h"
 #include "vellb/names.h"
+#include "vellb/surprises.h"
 #include "words.h"
 
 namespace vellbctl
@@ -43,13 +43,13 @@ void check(const session &s, const lbha_setables_t &wanted)
     const auto wrong = [&](const std::string &message, const char *word) {
         throw usage_error(message, word, usage_line(*s.req.what));
     };
-    if (!is_paired(wanted) && (words.takeover || words.replication)) {
+    if (!vellb::is_paired(wanted) && (words.takeover || words.replication)) {
         const char *word = words.takeover ? "--takeover" : "--replication";
         wrong(
             fmt::format("{} goes with a role in a pair: add --role primary or --role backup", word),
             word);
     }
-    if (is_paired(wanted) && wanted.port == 0) {
+    if (vellb::is_paired(wanted) && wanted.port == 0) {
         wrong("--port is missing: the UDP port of the heartbeats, the same on both nodes, as in "
               "--port 4647",
               "--port");
@@ -70,7 +70,7 @@ lbha_setables_t merged(const ha_words &words, lbha_setables_t block)
         std::ranges::copy(*words.reach, block.reachaddr);
     }
     // Who joins a pair has none from the time alone.
-    if (is_paired(block) && block.tostrategy != LBHA_TAKEOVERSTRATEGY_AUTOMATIC) {
+    if (vellb::is_paired(block) && block.tostrategy != LBHA_TAKEOVERSTRATEGY_AUTOMATIC) {
         block.tostrategy = LBHA_TAKEOVERSTRATEGY_MANUAL;
     }
     return block;
@@ -81,14 +81,14 @@ lbha_setables_t merged(const ha_words &words, lbha_setables_t block)
 void ha_set(session &s)
 {
     lbexe_setable_t block = read_settings(s);
-    const bool was_alone = !is_paired(block.ha);
+    const bool was_alone = !vellb::is_paired(block.ha);
     block.ha = merged(s.req.ha, block.ha);
     check(s, block.ha);
     write_settings(s, block);
     s.look_again([&] {
         const auto now = vellb::read_picture(s.daemon);
-        auto texts = ha_surprises(now);
-        if (was_alone && is_paired(block.ha) && !now.clusters.empty()) {
+        auto texts = vellb::ha_surprises(now);
+        if (was_alone && vellb::is_paired(block.ha) && !now.clusters.empty()) {
             texts.emplace_back(
                 "alone, this node announced its clusters' addresses and answered for "
                 "them: where a partner is active already, set the role before the "
@@ -108,7 +108,7 @@ void ha_set(session &s)
 void ha_takeover(session &s)
 {
     lbexe_setable_t block = read_settings(s);
-    if (!is_paired(block.ha)) {
+    if (!vellb::is_paired(block.ha)) {
         throw declined(
             fmt::format("this node has no partner: its role is {}",
                         vellb::name_of(vellb::ha_roles(), block.ha.role)),
@@ -146,14 +146,14 @@ void heartbeat_add(session &s)
                           vellb::address_text(partner), usage_line(*s.req.what));
     }
     s.add(CONFIG, asked_heartbeat(s), {}, vellb::bytes_of(lbha_hb_setable_t{}));
-    s.look_again([&] { return ha_surprises(vellb::read_picture(s.daemon)); });
+    s.look_again([&] { return vellb::ha_surprises(vellb::read_picture(s.daemon)); });
     s.done("added", CONFIG, asked_heartbeat(s));
 }
 
 void heartbeat_rm(session &s)
 {
     s.remove(CONFIG, asked_heartbeat(s), false);
-    s.look_again([&] { return ha_surprises(vellb::read_picture(s.daemon)); });
+    s.look_again([&] { return vellb::ha_surprises(vellb::read_picture(s.daemon)); });
     s.done("removed", CONFIG, asked_heartbeat(s));
 }
 

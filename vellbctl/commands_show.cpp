@@ -8,10 +8,10 @@
 
 #include "commands.h"
 #include "render.h"
-#include "surprises.h"
 #include "table.h"
 #include "vellb/address.h"
 #include "vellb/names.h"
+#include "vellb/surprises.h"
 
 namespace vellbctl
 {
@@ -120,7 +120,7 @@ void show(session &s, const view &what)
         const vellb::picture now = read_asked(s, what);
         const bool whole = what.executor && what.clusters;
         if (whole && !before) {
-            s.warn(surprises(now));
+            s.warn(vellb::surprises(now));
         }
         const long now_s = time(nullptr);
         const vellb::picture *earlier = before ? &*before : nullptr;

@@ -155,14 +155,9 @@ void check_forwarding(const request &asked, const lbsrv_addable_t &fixed,
 
 std::string forwarding_name(const vellb::server &server)
 {
-    if (encapsulates(server.settings)) {
-        const lb_u8_t tunnel = tunnel_of(server.settings);
-        return tunnel == LBSRV_ENCAPTYPE_NONE ? "nothing: drops"
-                                              : vellb::name_of(vellb::encapsulations(), tunnel);
-    }
-    return server.settings.Collocated == 1 ? "collocated"
-           : server.fixed.nat != 0         ? "nat"
-                                           : "direct";
+    const auto way = vellb::forwarding_of(server);
+    return way ? vellb::name_of(vellb::forwardings(), static_cast<lb_u64_t>(*way))
+               : "nothing: drops";
 }
 
 std::string forwarding_text(const vellb::server &server)

@@ -6,10 +6,10 @@
 
 #include "forwarding.h"
 #include "render.h"
-#include "surprises.h"
 #include "table.h"
 #include "vellb/address.h"
 #include "vellb/names.h"
+#include "vellb/surprises.h"
 #include "words.h"
 
 namespace vellbctl
@@ -99,7 +99,7 @@ std::string text_renderer::executor(long now_s) const
     line("own address", vellb::address_text(set.nfa));
     line("log mask", fmt::format("0x{:x} {}", set.log_mask, vellb::mask_text(set.log_mask)));
     std::string ha = vellb::name_of(vellb::ha_roles(), set.ha.role);
-    if (is_paired(set.ha)) {
+    if (vellb::is_paired(set.ha)) {
         ha += fmt::format(", {}, takeover {}, timeout {} s",
                           vellb::name_of(vellb::ha_states(), get.ha.state),
                           vellb::name_of(vellb::ha_takeovers(), set.ha.tostrategy), set.ha.timeout);

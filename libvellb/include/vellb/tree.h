@@ -9,6 +9,7 @@
 
 #include "prot/blocks.h"
 #include "vellb/command.h"
+#include "vellb/names.h"
 
 namespace vellb
 {
@@ -75,6 +76,10 @@ struct picture {
     std::vector<interface> interfaces{};
     std::chrono::steady_clock::time_point taken{};
 };
+
+// How packets get to the server: by the first of its settings that the daemon looks at. Nothing if
+// they are dropped.
+std::optional<forward_e> forwarding_of(const server &each);
 
 executor read_executor(const client &daemon);
 // Each with everything below it; nothing if it does not exist.

@@ -1,17 +1,16 @@
 // Settings that will surprise. The hash algorithm takes the client's port modulo the sum of
 // weights, and Linux gives connect() even ports only (ip(7), ip_local_port_range; odd ones are kept
 // for bind()): over an even sum, only even remainders occur.
-#include "surprises.h"
+#include "vellb/surprises.h"
 
 #include <algorithm>
 #include <fmt/format.h>
 #include <numeric>
 
-#include "forwarding.h"
 #include "vellb/address.h"
 #include "vellb/names.h"
 
-namespace vellbctl
+namespace vellb
 {
 
 namespace
@@ -40,7 +39,7 @@ std::vector<std::string> parity_surprises(const vellb::port &port, unsigned sum,
         const unsigned weight = weight_of(server, all_zero);
         const unsigned got = evens(first, first + weight);
         first += weight;
-        const std::string name = vellb::address_text(server.address);
+        const std::string name = address_text(server.address);
         if (weight != 0 && got == 0) {
             starving.push_back(name);
         } else if (2 * got != weight) {
@@ -59,83 +58,95 @@ std::vector<std::string> parity_surprises(const vellb::port &port, unsigned sum,
         all_zero ? "give the servers weights with an odd sum" : "make the sum odd";
     return {fmt::format("port {}: {} is even, and Linux clients connect from even ports only: {}; "
                         "{}",
-                        vellb::endpoint_text(port.cluster, port.number),
+                        endpoint_text(port.cluster, port.number),
                         all_zero ? fmt::format("the number of servers ({})", sum)
                                  : fmt::format("the sum of weights ({})", sum),
                         effect, remedy)};
 }
 
-std::string rule_surprise(const vellb::port &port, const vellb::rule &rule)
+// Does the port keep a record of each connection?
+bool counts(const vellb::port &port)
+{
+    return port.fixed.selectalg == LBSEL_ALGORIGHM_CONNECTION ||
+           port.fixed.selectalg == LBSEL_ALGORIGHM_CONN_AFFIN;
+}
+
+// Translation needs a record of each connection to find the way back.
+std::vector<std::string> nat_surprises(const vellb::port &port, made_e made)
+{
+    if (counts(port) || !translates(port)) {
+        return {};
+    }
+    return {fmt::format(
+        "port {} has NAT servers but algorithm {}, which keeps no connections: TCP "
+        "packets to these servers are dropped; {}",
+        endpoint_text(port.cluster, port.number), name_of(algorithms(), port.fixed.selectalg),
+        made == made_e::IN_FILE ? "use algorithm connection or conn-affin"
+                                : "the algorithm is fixed, so add the port anew with --algorithm "
+                                  "connection or conn-affin")};
+}
+
+} // namespace
+
+std::vector<std::string> rule_surprises(const vellb::port &port, const vellb::rule &rule,
+                                        made_e made)
 {
     const lbrul_setable_t &set = rule.settings;
-    const bool counts = port.fixed.selectalg == LBSEL_ALGORIGHM_CONNECTION ||
-                        port.fixed.selectalg == LBSEL_ALGORIGHM_CONN_AFFIN;
-    const std::string name = fmt::format("rule {} of port {}", rule.number,
-                                         vellb::endpoint_text(port.cluster, port.number));
-    if (set.type != LBRUL_TYPE_TRUE && !counts) {
-        return fmt::format("{} goes by open connections, but with algorithm {} the port counts "
-                           "none: it {} fires",
-                           name, vellb::name_of(vellb::algorithms(), port.fixed.selectalg),
-                           set.beginrange == 0 ? "always" : "never");
+    const std::string name =
+        fmt::format("rule {} of port {}", rule.number, endpoint_text(port.cluster, port.number));
+    if (set.type != LBRUL_TYPE_TRUE && !counts(port)) {
+        return {fmt::format("{} goes by open connections, but with algorithm {} the port counts "
+                            "none: it {} fires",
+                            name, name_of(algorithms(), port.fixed.selectalg),
+                            set.beginrange == 0 ? "always" : "never")};
     }
     if (rule.useservers.empty()) {
-        return fmt::format("{} uses no server: what it fires for is dropped; give it one: vellbctl "
-                           "use-server add {} {} SERVER",
-                           name, vellb::endpoint_text(port.cluster, port.number), rule.number);
+        return {
+            fmt::format("{} uses no server: what it fires for is dropped; give it one: {}", name,
+                        made == made_e::IN_FILE
+                            ? "use-servers: [...]"
+                            : fmt::format("vellbctl use-server add {} {} SERVER",
+                                          endpoint_text(port.cluster, port.number), rule.number))};
     }
     const auto weighs = [&](const vellb::server &each) {
         return each.settings.weight != 0 &&
                std::ranges::any_of(rule.useservers, [&](const lbip_addr_t &used) {
-                   return vellb::same_address(used, each.address);
+                   return same_address(used, each.address);
                });
     };
     if (std::ranges::none_of(port.servers, weighs)) {
-        return fmt::format("{} never fires: all its servers have weight 0", name);
+        return {fmt::format("{} never fires: all its servers have weight 0", name)};
     }
-    return "";
+    return {};
 }
 
 // Translation and tunnels keep to one version of IP; what is only carried to a hardware address
 // does not.
-std::vector<std::string> version_surprises(const vellb::port &port)
+std::vector<std::string> server_surprises(const vellb::port &port, const vellb::server &each,
+                                          made_e made)
 {
-    std::vector<std::string> texts;
-    for (const vellb::server &each : port.servers) {
-        const std::string way = forwarding_name(each);
-        const bool tunnel = way == "gre" || way == "ipip";
-        const bool works = tunnel ? port.cluster.version == 4 && each.address.version == 4
-                                  : way != "nat" || port.cluster.version == each.address.version;
-        if (!works) {
-            texts.push_back(fmt::format(
-                "server {} of port {}: {}, so packets to it are dropped as errors; {}",
-                vellb::address_text(each.address), vellb::endpoint_text(port.cluster, port.number),
-                tunnel ? fmt::format("{} tunnels carry IPv4 only", way)
-                       : fmt::format("NAT does not turn IPv{} into IPv{}", port.cluster.version,
-                                     each.address.version),
-                tunnel ? "use --encap none if it is on a segment of the forwarder"
-                       : fmt::format("use an IPv{} address of it", port.cluster.version)));
-        }
-    }
-    return texts;
-}
-
-// Translation needs a record of each connection to find the way back.
-std::vector<std::string> nat_surprises(const vellb::port &port)
-{
-    const bool counts = port.fixed.selectalg == LBSEL_ALGORIGHM_CONNECTION ||
-                        port.fixed.selectalg == LBSEL_ALGORIGHM_CONN_AFFIN;
-    if (counts || !translates(port)) {
+    const auto way = forwarding_of(each);
+    const bool tunnel = way == forward_e::GRE || way == forward_e::IPIP;
+    const bool works = tunnel
+                           ? port.cluster.version == 4 && each.address.version == 4
+                           : way != forward_e::NAT || port.cluster.version == each.address.version;
+    if (works) {
         return {};
     }
-    return {fmt::format("port {} has NAT servers but algorithm {}, which keeps no connections: TCP "
-                        "packets to these servers are dropped; the algorithm is fixed, so add the "
-                        "port anew with --algorithm connection or conn-affin",
-                        vellb::endpoint_text(port.cluster, port.number),
-                        vellb::name_of(vellb::algorithms(), port.fixed.selectalg))};
+    return {fmt::format(
+        "server {} of port {}: {}, so packets to it are dropped as errors; {}",
+        address_text(each.address), endpoint_text(port.cluster, port.number),
+        tunnel ? fmt::format("{} tunnels carry IPv4 only",
+                             name_of(forwardings(), static_cast<lb_u64_t>(*way)))
+               : fmt::format("NAT does not turn IPv{} into IPv{}", port.cluster.version,
+                             each.address.version),
+        !tunnel ? fmt::format("use an IPv{} address of it", port.cluster.version)
+                : fmt::format("use {} if it is on a segment of the forwarder",
+                              made == made_e::IN_FILE ? "forward: direct" : "--encap none"))};
 }
 
 std::vector<std::string> heartbeat_surprises(const vellb::heartbeat &heartbeat,
-                                             const vellb::picture &now)
+                                             const vellb::picture &now, made_e made)
 {
     std::vector<std::string> texts;
     for (const lbip_addr_t &end : {heartbeat.local, heartbeat.partner}) {
@@ -153,14 +164,16 @@ std::vector<std::string> heartbeat_surprises(const vellb::heartbeat &heartbeat,
     };
     if (std::ranges::none_of(now.interfaces, has_it)) {
         texts.push_back(fmt::format("no interface that the daemon knows has the address {}: is it "
-                                    "this node's own? then: vellbctl interface sync",
-                                    vellb::address_text(heartbeat.local)));
+                                    "this node's own?{}",
+                                    vellb::address_text(heartbeat.local),
+                                    made == made_e::IN_FILE ? " is this the partner's file?"
+                                                            : " then: vellbctl interface sync"));
     }
     return texts;
 }
 
 // What the partner will not know of a port's connections and clients.
-std::string replication_surprise(const vellb::port &port)
+std::vector<std::string> replication_surprises(const vellb::port &port, made_e made)
 {
     const lb_u8_t algorithm = port.fixed.selectalg;
     const lb_u8_t strategy = port.settings.repstrategy;
@@ -173,28 +186,32 @@ std::string replication_surprise(const vellb::port &port)
     const bool lacks_clients = clients && strategy != LBHA_REPLICATIONSTRATEGY_ARREP &&
                                strategy != LBHA_REPLICATIONSTRATEGY_CRARREP;
     const std::string endpoint = vellb::endpoint_text(port.cluster, port.number);
+    const auto remedy = [&](const std::string &key, const std::string &value) {
+        return made == made_e::IN_FILE
+                   ? fmt::format("{}: {}", key, value)
+                   : fmt::format("vellbctl port set {} --{} {}", endpoint, key, value);
+    };
     if (!lacks_connections && !lacks_clients) {
         const bool stale = connections && port.settings.staletimeout <= REPLICATED_EVERY_S;
         const bool unstuck = clients && port.settings.stickytime <= REPLICATED_EVERY_S;
-        return !stale && !unstuck
-                   ? ""
-                   : fmt::format("port {0}: the partner hears of what lasts only every {1} s and "
-                                 "forgets it before that; vellbctl port set {0} {2} {3}s or more",
-                                 endpoint, REPLICATED_EVERY_S,
-                                 stale ? "--stale-timeout" : "--sticky-time",
-                                 REPLICATED_EVERY_S + 60);
+        if (!stale && !unstuck) {
+            return {};
+        }
+        return {
+            fmt::format("port {}: the partner hears of what lasts only every {} s and forgets it "
+                        "before that; {} or more",
+                        endpoint, REPLICATED_EVERY_S,
+                        remedy(stale ? "stale-timeout" : "sticky-time",
+                               fmt::format("{}s", REPLICATED_EVERY_S + 60)))};
     }
-    return fmt::format("port {}: at a takeover {}; vellbctl port set {} --replication {}", endpoint,
-                       lacks_connections ? "its connections end, because they are not replicated"
-                                         : "its clients get new servers, because they are not "
-                                           "replicated",
-                       endpoint,
-                       connections && clients ? "both"
-                       : connections          ? "connections"
-                                              : "affinity");
+    return {fmt::format("port {}: at a takeover {}; {}", endpoint,
+                        lacks_connections ? "its connections end, because they are not replicated"
+                                          : "its clients get new servers, because they are not "
+                                            "replicated",
+                        remedy("replication", connections && clients ? "both"
+                                              : connections          ? "connections"
+                                                                     : "affinity"))};
 }
-
-} // namespace
 
 bool translates(const vellb::port &port)
 {
@@ -202,7 +219,7 @@ bool translates(const vellb::port &port)
                                [](const vellb::server &each) { return each.fixed.nat != 0; });
 }
 
-std::vector<std::string> port_surprises(const vellb::port &port)
+std::vector<std::string> spread_surprises(const vellb::port &port, made_e made)
 {
     std::vector<std::string> texts;
     const auto plus = [](unsigned sum, const vellb::server &s) { return sum + s.settings.weight; };
@@ -212,52 +229,68 @@ std::vector<std::string> port_surprises(const vellb::port &port)
     if (all_zero && !port.servers.empty()) {
         texts.push_back(fmt::format("port {}: all servers have weight 0, so they take turns and "
                                     "still get traffic; to drain the port, remove the servers",
-                                    vellb::endpoint_text(port.cluster, port.number)));
+                                    endpoint_text(port.cluster, port.number)));
     }
     if (port.fixed.selectalg == LBSEL_ALGORIGHM_HASH && port.servers.size() > 1 && sum % 2 == 0) {
         const auto more = parity_surprises(port, sum, all_zero);
         texts.insert(texts.end(), more.begin(), more.end());
     }
-    const auto nat = nat_surprises(port);
+    const auto nat = nat_surprises(port, made);
     texts.insert(texts.end(), nat.begin(), nat.end());
-    const auto versions = version_surprises(port);
-    texts.insert(texts.end(), versions.begin(), versions.end());
-    for (const vellb::rule &rule : port.rules) {
-        if (std::string text = rule_surprise(port, rule); !text.empty()) {
-            texts.push_back(std::move(text));
-        }
+    return texts;
+}
+
+std::vector<std::string> port_surprises(const vellb::port &port)
+{
+    std::vector<std::string> texts = spread_surprises(port);
+    const auto take = [&](const std::vector<std::string> &more) {
+        texts.insert(texts.end(), more.begin(), more.end());
+    };
+    for (const vellb::server &each : port.servers) {
+        take(server_surprises(port, each));
+    }
+    for (const vellb::rule &each : port.rules) {
+        take(rule_surprises(port, each));
     }
     return texts;
 }
 
 std::vector<std::string> subnet_surprises(const lbip_addr_t &cluster,
-                                          const std::vector<vellb::interface> &interfaces)
+                                          const std::vector<vellb::interface> &interfaces,
+                                          made_e made)
 {
     for (const vellb::interface &interface : interfaces) {
         for (const vellb::interface_address &each : interface.addresses) {
-            if (vellb::on_net(cluster, each.address) || vellb::same_address(cluster, each.peer)) {
+            if (on_net(cluster, each.address) || same_address(cluster, each.peer)) {
                 return {};
             }
         }
     }
     return {fmt::format("no interface carries the subnet of cluster {}, so {} for it are not "
-                        "answered; teach the daemon its interfaces: vellbctl interface sync",
-                        vellb::address_text(cluster),
-                        cluster.version == 6 ? "neighbour solicitations" : "ARP requests")};
+                        "answered; {}",
+                        address_text(cluster),
+                        cluster.version == 6 ? "neighbour solicitations" : "ARP requests",
+                        made == made_e::IN_FILE
+                            ? "give an interface of this machine an address of that subnet, and "
+                              "name it in 'interfaces'"
+                            : "teach the daemon its interfaces: vellbctl interface sync")};
 }
 
-std::vector<std::string> gateway_surprises(const vellb::executor &executor, lb_u8_t version)
+std::vector<std::string> gateway_surprises(const vellb::executor &executor, lb_u8_t version,
+                                           made_e made)
 {
     const lbexe_setable_t &set = executor.settings;
-    if (vellb::is_set(version == 6 ? set.clientgateway_ipv6 : set.clientgateway)) {
+    if (is_set(version == 6 ? set.clientgateway_ipv6 : set.clientgateway)) {
         return {};
     }
-    return {version == 6 ? "no IPv6 client gateway is set, so resets and answers of NAT servers "
-                           "cannot be sent to clients of IPv6 clusters; set it: "
-                           "vellbctl executor set --client-gateway-ipv6 ADDRESS"
-                         : "no client gateway is set, so resets and answers of NAT servers cannot "
-                           "be sent to clients; set it: "
-                           "vellbctl executor set --client-gateway ADDRESS"};
+    const std::string key = version == 6 ? "client-gateway-ipv6" : "client-gateway";
+    const std::string remedy = made == made_e::IN_FILE
+                                   ? fmt::format("'{}' under executor", key)
+                                   : fmt::format("vellbctl executor set --{} ADDRESS", key);
+    return {
+        fmt::format("no {}client gateway is set, so resets and answers of NAT servers cannot be "
+                    "sent to clients{}; set it: {}",
+                    version == 6 ? "IPv6 " : "", version == 6 ? " of IPv6 clusters" : "", remedy)};
 }
 
 std::vector<std::string> gateway_surprises(const vellb::executor &executor,
@@ -275,18 +308,17 @@ std::vector<std::string> gateway_surprises(const vellb::executor &executor,
     std::vector<std::string> names;
     for (const vellb::interface &interface : interfaces) {
         const auto has_it = [&](const vellb::interface_address &each) {
-            return vellb::on_net(gateway, each.address);
+            return on_net(gateway, each.address);
         };
         if (std::ranges::any_of(interface.addresses, has_it)) {
             names.push_back(interface.name);
         }
     }
-    if (vellb::is_link_local(gateway) && names.size() > 1) {
+    if (is_link_local(gateway) && names.size() > 1) {
         texts.push_back(fmt::format("client gateway {} is link-local and may be behind any of {}: "
                                     "the daemon takes {}, the first that it was told of; better "
                                     "name a global address of the gateway",
-                                    vellb::address_text(gateway), fmt::join(names, ", "),
-                                    names.front()));
+                                    address_text(gateway), fmt::join(names, ", "), names.front()));
     }
     return texts;
 }
@@ -322,7 +354,7 @@ std::vector<std::string> ha_surprises(const vellb::picture &now)
     }
     for (const vellb::cluster &cluster : now.clusters) {
         for (const vellb::port &port : cluster.ports) {
-            if (std::string text = replication_surprise(port); !text.empty()) {
+            for (std::string &text : replication_surprises(port)) {
                 texts.push_back(std::move(text));
             }
         }
@@ -347,4 +379,4 @@ std::vector<std::string> surprises(const vellb::picture &now)
     return texts;
 }
 
-} // namespace vellbctl
+} // namespace vellb
