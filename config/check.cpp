@@ -1,1 +1,268 @@
+// Warnings: settings that the daemon takes and that do less than they say. What holds for a running
+// daemon as well comes from libvellb; here are the limits of what the daemon looks at twice a
+// second, and what only a file or this machine can tell. Pure.
 #include "vellcfg/check.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <map>
+
+#include "prot/gre.h"
+#include "prot/ipv4.h"
+#include "vellb/address.h"
+#include "vellb/names.h"
+#include "vellb/surprises.h"
+#include "vellcfg/normalise.h"
+
+namespace vellcfg
+{
+
+namespace
+{
+
+using vellb::address_text;
+using vellb::made_e;
+
+// How many children of one object the daemon visits at a tick, and at a takeover.
+constexpr size_t VISITED = 128;
+constexpr size_t ANNOUNCED = 100;
+
+bool keeps_connections(lb_u8_t algorithm)
+{
+    return algorithm == LBSEL_ALGORIGHM_CONNECTION || algorithm == LBSEL_ALGORIGHM_CONN_AFFIN;
+}
+
+bool keeps_clients(lb_u8_t algorithm)
+{
+    return algorithm == LBSEL_ALGORIGHM_AFFINITY || algorithm == LBSEL_ALGORIGHM_CONN_AFFIN;
+}
+
+class checker
+{
+  public:
+    checker(const service &wanted, const std::vector<vellb::interface> *host)
+        : wanted_(wanted), state_(normalised(wanted)), host_(host)
+    {
+        if (host != nullptr) {
+            state_.interfaces = *host;
+        }
+    }
+
+    std::vector<finding> run()
+    {
+        check_interfaces();
+        check_ha();
+        const bool paired = wanted_.ha.role != LBHA_ROLE_SOLO;
+        limit(wanted_.clusters, VISITED, "clusters", "are not aged: their records never expire");
+        if (paired) {
+            limit(wanted_.clusters, ANNOUNCED, "clusters", "are not announced at a takeover");
+        }
+        for (size_t i = 0; i < wanted_.clusters.size(); i++) {
+            check_cluster(wanted_.clusters[i], state_.clusters[i]);
+        }
+        return std::move(found_);
+    }
+
+  private:
+    void warn(const place &at, std::string text) { found_.push_back({at, std::move(text)}); }
+    void warn(const place &at, const std::vector<std::string> &texts)
+    {
+        for (const std::string &each : texts) {
+            warn(at, each);
+        }
+    }
+
+    // The first object beyond the limit is the place.
+    template <class T>
+    void limit(const std::vector<T> &all, size_t most, const char *what, const char *effect)
+    {
+        if (all.size() > most) {
+            warn(all[most].at, fmt::format("{} {}: the {} from here on, beyond the first {}, {}",
+                                           all.size(), what, all.size() - most, most, effect));
+        }
+    }
+
+    void check_interfaces()
+    {
+        if (host_ == nullptr || !wanted_.interfaces) {
+            return;
+        }
+        for (const interface_name &each : *wanted_.interfaces) {
+            if (std::ranges::find(*host_, each.name, &vellb::interface::name) == host_->end()) {
+                warn(each.at, fmt::format("this machine has no interface {}", each.name));
+            }
+        }
+    }
+
+    [[nodiscard]] bool is_own(const lbip_addr_t &address) const
+    {
+        return std::ranges::any_of(*host_, [&](const vellb::interface &each) {
+            return std::ranges::any_of(each.addresses, [&](const vellb::interface_address &one) {
+                return vellb::same_address(one.address, address);
+            });
+        });
+    }
+
+    void check_ha()
+    {
+        const ha &pair = wanted_.ha;
+        if (pair.role != LBHA_ROLE_SOLO && pair.heartbeats.empty()) {
+            warn(pair.at,
+                 "a node of a pair without heartbeats: it hears nothing of its partner, so "
+                 "both take the cluster addresses");
+        }
+        for (const heartbeat &each : pair.heartbeats) {
+            if (host_ != nullptr && !is_own(each.local)) {
+                warn(each.at, fmt::format("{} is no address of this machine: is this the partner's "
+                                          "file?",
+                                          address_text(each.local)));
+            }
+        }
+    }
+
+    void check_cluster(const cluster &written, const vellb::cluster &made)
+    {
+        if (host_ != nullptr) {
+            warn(written.at, vellb::subnet_surprises(made.address, *host_, made_e::IN_FILE));
+        }
+        limit(written.ports, VISITED, "ports", "are not aged: their records never expire");
+        const bool needs_gateway = std::ranges::any_of(made.ports, [](const vellb::port &each) {
+            return each.settings.reset != 0 || vellb::translates(each);
+        });
+        if (needs_gateway && !told_gateway_[made.address.version == 6]) {
+            told_gateway_[made.address.version == 6] = true;
+            warn(written.at,
+                 vellb::gateway_surprises(state_.executor, made.address.version, made_e::IN_FILE));
+        }
+        for (size_t i = 0; i < written.ports.size(); i++) {
+            check_port(written, written.ports[i], made.ports[i]);
+        }
+    }
+
+    void check_port(const cluster &above, const port &written, const vellb::port &made)
+    {
+        limit(written.servers, VISITED, "servers",
+              "are not weighed: they count neither in the sum of weights nor in open connections");
+        limit(written.rules, VISITED, "rules", "are not weighed, so they may not fire");
+        if (wanted_.ha.role != LBHA_ROLE_SOLO && vellb::translates(made)) {
+            limit(written.servers, ANNOUNCED, "servers",
+                  "have return addresses that are not announced at a takeover");
+        }
+        check_udp(written);
+        check_crossport(above, written, made);
+        if (written.sticky_time_s && !keeps_clients(written.algorithm)) {
+            warn(written.at, fmt::format("sticky-time has no effect with algorithm {}",
+                                         name(written.algorithm)));
+        }
+        warn(written.at, vellb::spread_surprises(made, made_e::IN_FILE));
+        check_tunnels(above, written);
+        for (size_t i = 0; i < written.servers.size(); i++) {
+            warn(written.servers[i].at,
+                 vellb::server_surprises(made, made.servers[i], made_e::IN_FILE));
+        }
+        for (const rule &each : written.rules) { // made's are sorted
+            const auto same = std::ranges::find(made.rules, each.number, &vellb::rule::number);
+            warn(each.at, vellb::rule_surprises(made, *same, made_e::IN_FILE));
+        }
+    }
+
+    static std::string name(lb_u8_t algorithm)
+    {
+        return vellb::name_of(vellb::algorithms(), algorithm);
+    }
+
+    void check_udp(const port &written)
+    {
+        const bool table =
+            (!keeps_connections(written.udp_algorithm) || keeps_connections(written.algorithm)) &&
+            (!keeps_clients(written.udp_algorithm) || keeps_clients(written.algorithm));
+        if (!table) {
+            warn(written.at,
+                 fmt::format("udp-algorithm {} needs a table that only algorithm {} makes: UDP "
+                             "packets of this port are dropped",
+                             name(written.udp_algorithm), name(written.udp_algorithm)));
+        }
+    }
+
+    void check_crossport(const cluster &above, const port &written, const vellb::port &made)
+    {
+        if (written.crossport == 0 || written.crossport == written.number ||
+            made.fixed.crossport == written.crossport) {
+            return;
+        }
+        const auto other = std::ranges::find(above.ports, written.crossport, &port::number);
+        const std::string why = other == above.ports.end()
+                                    ? fmt::format("cluster {} has no port {}",
+                                                  address_text(above.address), written.crossport)
+                                : !keeps_clients(other->algorithm)
+                                    ? fmt::format("port {} has algorithm {}, so no affinity table",
+                                                  other->number, name(other->algorithm))
+                                    : "of a pair of ports, each can be in one only";
+        warn(written.crossport_at,
+             fmt::format("crossport {} joins nothing: {}", written.crossport, why));
+    }
+
+    // The MTU on the way to an address of one of the host's subnets, 0 if that is not known.
+    [[nodiscard]] lb_u32_t mtu_towards(const lbip_addr_t &address) const
+    {
+        if (host_ == nullptr) {
+            return 0;
+        }
+        for (const vellb::interface &each : *host_) {
+            for (const vellb::interface_address &own : each.addresses) {
+                if (vellb::on_net(address, own.address)) {
+                    return each.settings.mtu_sys;
+                }
+            }
+        }
+        return 0;
+    }
+
+    void check_tunnels(const cluster &above, const port &written)
+    {
+        constexpr lb_u32_t IPIP_BYTES = sizeof(lbipv4_hdr_t);
+        constexpr lb_u32_t GRE_BYTES = sizeof(lbipv4_hdr_t) + sizeof(lbgre_hdr_t);
+        constexpr lb_u32_t USUAL = 1500;
+        bool told = false;
+        for (const server &each : written.servers) {
+            if (each.forward != forward_e::IPIP && each.forward != forward_e::GRE) {
+                continue;
+            }
+            const lb_u32_t outer = each.encap_mtu.value_or(USUAL);
+            const lb_u32_t link = mtu_towards(each.address);
+            if (link != 0 && outer > link) {
+                warn(each.at, fmt::format("encap-mtu {} is more than the {} of the interface "
+                                          "towards {}: what is longer is fragmented or lost; give "
+                                          "encap-mtu: {}",
+                                          outer, link, address_text(each.address), link));
+            }
+            const lb_u32_t inner =
+                outer - (each.forward == forward_e::GRE ? GRE_BYTES : IPIP_BYTES);
+            const lb_u32_t clients = mtu_towards(above.address);
+            if (!told && inner < (clients != 0 ? clients : USUAL)) {
+                told = true;
+                warn(each.at,
+                     fmt::format("packets of clients fit into this tunnel up to {} bytes: longer "
+                                 "ones are answered with ICMP, which clients behind a filter never "
+                                 "get; lower the servers' MSS, or raise the MTU on the way and "
+                                 "encap-mtu",
+                                 inner));
+            }
+        }
+    }
+
+    const service &wanted_;
+    target state_;
+    const std::vector<vellb::interface> *host_;
+    std::vector<finding> found_{};
+    bool told_gateway_[2] = {false, false}; // by version
+};
+
+} // namespace
+
+std::vector<finding> check(const service &wanted, const std::vector<vellb::interface> *host)
+{
+    return checker(wanted, host).run();
+}
+
+} // namespace vellcfg
