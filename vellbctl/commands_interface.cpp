@@ -5,9 +5,9 @@
 #include <fmt/format.h>
 
 #include "commands.h"
-#include "ifsync.h"
 #include "table.h"
 #include "vellb/address.h"
+#include "vellhost/ifsync.h"
 
 namespace vellbctl
 {
@@ -29,7 +29,7 @@ lbcmd_key_t asked_address(const session &s)
 std::vector<vellb::interface> host_or_declined()
 {
     try {
-        return read_host();
+        return vellhost::read_host();
     } catch (const std::system_error &error) {
         throw declined(error.what(), "nothing was changed; try again");
     }
@@ -48,11 +48,11 @@ void check_only(const session &s, const std::vector<vellb::interface> &host,
     }
 }
 
-void report(session &s, const std::vector<sync_step> &steps)
+void report(session &s, const std::vector<vellhost::sync_step> &steps)
 {
     table_t table({{"ACTION"}, {"OBJECT"}, {"DETAIL"}});
     nlohmann::ordered_json list = nlohmann::ordered_json::array();
-    for (const sync_step &step : steps) {
+    for (const vellhost::sync_step &step : steps) {
         table.row({step.what, step.object, step.detail});
         list.push_back({{"action", step.what}, {"object", step.object}, {"detail", step.detail}});
     }
@@ -90,16 +90,16 @@ void interface_rm(session &s)
 void interface_sync(session &s)
 {
     const auto host = host_or_declined();
-    if (!is_usable(host)) {
+    if (!vellhost::is_usable(host)) {
         throw declined("this host has no interface that is up and has an address beyond its link",
                        "nothing was changed; run this in the daemon's network namespace, or see: "
                        "ip address");
     }
     const auto tree = vellb::read_interfaces(s.daemon);
     check_only(s, host, tree);
-    const auto steps = plan_sync(host, tree, s.req.only);
+    const auto steps = vellhost::plan_sync(host, tree, s.req.only);
     if (!s.req.dry_run) {
-        for (const sync_step &step : steps) {
+        for (const vellhost::sync_step &step : steps) {
             vellb::run(s.daemon, step.command);
         }
     }

@@ -2,8 +2,8 @@
 // to do.
 #include <gtest/gtest.h>
 
-#include "ifsync.h"
 #include "vellb_fake_daemon.h"
+#include "vellhost/ifsync.h"
 
 namespace
 {
@@ -30,7 +30,7 @@ std::string plan(const interfaces_t &host, const interfaces_t &tree,
                  const std::vector<std::string> &only = {})
 {
     std::string texts;
-    for (const vellbctl::sync_step &step : vellbctl::plan_sync(host, tree, only)) {
+    for (const vellhost::sync_step &step : vellhost::plan_sync(host, tree, only)) {
         texts += step.what + " " + step.object + ";";
     }
     return texts;
@@ -83,10 +83,10 @@ TEST(vellb_ifsync, plans)
 TEST(vellb_ifsync, a_host_with_link_local_addresses_only_is_not_taken_for_the_daemons)
 {
     const char *link_local = "fe80::1/64";
-    EXPECT_FALSE(vellbctl::is_usable({iface("eth0", 1500, {{link_local, nullptr}})}));
+    EXPECT_FALSE(vellhost::is_usable({iface("eth0", 1500, {{link_local, nullptr}})}));
     for (const char *wider : {"2001:db8::1/64", "10.0.0.1/24"}) {
         const auto both = iface("eth0", 1500, {{link_local, nullptr}, {wider, nullptr}});
-        EXPECT_TRUE(vellbctl::is_usable({both})) << wider;
+        EXPECT_TRUE(vellhost::is_usable({both})) << wider;
     }
 }
 
@@ -95,7 +95,7 @@ TEST(vellb_ifsync, what_was_set_apart_for_the_forwarder_stays_apart)
     auto old = iface("eth0", 1500, {});
     old.settings.mtu_lb = 1400;
     EXPECT_TRUE(plan({iface("eth0", 1500, {})}, {old}).empty());
-    const auto steps = vellbctl::plan_sync({iface("eth0", 9000, {})}, {old}, {});
+    const auto steps = vellhost::plan_sync({iface("eth0", 9000, {})}, {old}, {});
     ASSERT_EQ(steps.size(), 1U);
     const auto block = vellb::block_of<lbifin_setable_t>(steps[0].command.setable, "settable");
     EXPECT_EQ(block.mtu_sys, 9000U);
@@ -113,7 +113,7 @@ TEST(vellb_ifsync, a_plan_carried_out_leaves_nothing_to_do)
         {iface("eth1", 1500, {{"10.0.0.1/24", nullptr}}), iface("eth0", 1500, {})},
     };
     for (const interfaces_t &host : stages) {
-        for (const auto &step : vellbctl::plan_sync(host, vellb::read_interfaces(client), {})) {
+        for (const auto &step : vellhost::plan_sync(host, vellb::read_interfaces(client), {})) {
             EXPECT_NO_THROW(vellb::run(client, step.command)) << step.what << " " << step.object;
         }
         EXPECT_TRUE(plan(host, vellb::read_interfaces(client)).empty());

@@ -1,6 +1,6 @@
 // Planning of an interface sync: pure comparison of two lists. Reading the host is netlink.cpp's,
 // carrying the plan out is the command's.
-#include "ifsync.h"
+#include "vellhost/ifsync.h"
 
 #include <algorithm>
 #include <cstring>
@@ -8,7 +8,7 @@
 
 #include "vellb/address.h"
 
-namespace vellbctl
+namespace vellhost
 {
 
 namespace
@@ -166,4 +166,4 @@ std::string interface_detail(const lbifin_setable_t &settings)
     return text;
 }
 
-} // namespace vellbctl
+} // namespace vellhost

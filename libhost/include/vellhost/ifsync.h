@@ -8,7 +8,7 @@
 #include "vellb/address.h"
 #include "vellb/tree.h"
 
-namespace vellbctl
+namespace vellhost
 {
 
 // What the host says of itself (rtnetlink(7)): every interface but loopbacks, with its addresses,
@@ -38,4 +38,4 @@ bool is_usable(const std::vector<vellb::interface> &host);
 
 std::string interface_detail(const lbifin_setable_t &settings);
 
-} // namespace vellbctl
+} // namespace vellhost

@@ -12,9 +12,9 @@
 #include <map>
 #include <memory>
 
-#include "ifsync.h"
+#include "vellhost/ifsync.h"
 
-namespace vellbctl
+namespace vellhost
 {
 
 namespace
@@ -192,4 +192,4 @@ std::vector<vellb::interface> read_host()
     }
 }
 
-} // namespace vellbctl
+} // namespace vellhost
