@@ -145,6 +145,28 @@ std::vector<sync_step> plan_sync(const interfaces_t &host, const interfaces_t &t
     return std::move(plan.steps);
 }
 
+std::vector<std::string> seen_twice(const std::vector<link> &links,
+                                    const std::vector<std::string> &used)
+{
+    const auto is_used = [&](const std::string &name) {
+        return used.empty() || std::ranges::find(used, name) != used.end();
+    };
+    std::vector<std::string> warnings;
+    for (const link &each : links) {
+        const auto upper = std::ranges::find(links, each.master, &link::name);
+        const bool doubled =
+            upper != links.end() && each.up && upper->up &&
+            (upper->kind == "bridge" || upper->kind == "bond" || upper->kind == "team");
+        if (doubled && (is_used(each.name) || is_used(upper->name))) {
+            warnings.push_back(fmt::format(
+                "{} is a member of the {} {}: frames on it are seen twice and would be forwarded "
+                "twice; use an interface that is no member and has none",
+                each.name, upper->kind, upper->name));
+        }
+    }
+    return warnings;
+}
+
 bool is_usable(const interfaces_t &host)
 {
     return std::ranges::any_of(host, [](const vellb::interface &each) {

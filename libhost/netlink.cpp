@@ -1,9 +1,10 @@
-// The host's interfaces and addresses over rtnetlink(7). Reads only. A dump that was interrupted by
-// a change is started again.
+// The host's interfaces and addresses over rtnetlink(7), and word of their changes. Reads only. A
+// dump that was interrupted by a change is started again.
 #include <linux/if.h>
 #include <linux/if_addr.h>
 #include <linux/if_arp.h>
 #include <linux/rtnetlink.h>
+#include <sys/socket.h>
 #include <system_error>
 
 #include <cerrno>
@@ -27,6 +28,11 @@ namespace
 
 struct host_state {
     std::map<int, vellb::interface> interfaces{}; // by index: the order of creation
+    struct upper {
+        link what{};
+        int master = 0;
+    };
+    std::map<int, upper> links{};
 };
 
 lb_u8_t yes_no(bool yes)
@@ -98,6 +104,42 @@ bool multicast(const lbip_addr_t &addr)
     return addr.version == 4 ? (addr.nboaddr.v4[0] & 0xF0U) == 0xE0 : addr.nboaddr.v6[0] == 0xFF;
 }
 
+std::string kind_of(const nlattr *linkinfo)
+{
+    std::string kind;
+    const auto take = [](const nlattr *attribute, void *data) {
+        if (mnl_attr_get_type(attribute) == IFLA_INFO_KIND &&
+            mnl_attr_validate(attribute, MNL_TYPE_NUL_STRING) == 0) {
+            *static_cast<std::string *>(data) = mnl_attr_get_str(attribute);
+        }
+        return MNL_CB_OK;
+    };
+    mnl_attr_parse_nested(linkinfo, take, &kind);
+    return kind;
+}
+
+int take_kinship(const nlmsghdr *message, void *data)
+{
+    auto *state = static_cast<host_state *>(data);
+    const auto *header = static_cast<const ifinfomsg *>(mnl_nlmsg_get_payload(message));
+    if ((header->ifi_flags & IFF_LOOPBACK) != 0) {
+        return MNL_CB_OK;
+    }
+    host_state::upper &found = state->links[header->ifi_index];
+    found.what.up = (header->ifi_flags & IFF_UP) != 0;
+    each_attribute(message, sizeof(*header), [&](const nlattr *attribute) {
+        const auto type = mnl_attr_get_type(attribute);
+        if (type == IFLA_IFNAME && mnl_attr_validate(attribute, MNL_TYPE_NUL_STRING) == 0) {
+            found.what.name = mnl_attr_get_str(attribute);
+        } else if (type == IFLA_MASTER) {
+            copy_attribute(attribute, found.master, sizeof(found.master));
+        } else if (type == IFLA_LINKINFO) {
+            found.what.kind = kind_of(attribute);
+        }
+    });
+    return MNL_CB_OK;
+}
+
 int take_address(const nlmsghdr *message, void *data)
 {
     auto *state = static_cast<host_state *>(data);
@@ -167,27 +209,84 @@ bool dump(mnl_socket *socket, unsigned sequence, lb_u16_t type, unsigned char fa
     }
 }
 
+mnl_socket_ptr_t opened(unsigned groups)
+{
+    mnl_socket_ptr_t socket(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC));
+    if (!socket || mnl_socket_bind(socket.get(), groups, MNL_SOCKET_AUTOPID) < 0) {
+        failed("rtnetlink socket");
+    }
+    return socket;
+}
+
+// What the dumps that `read` asks for make of the host.
+template <class F> host_state read_state(F read)
+{
+    constexpr int ATTEMPTS = 5;
+    for (int attempt = 1;; attempt++) {
+        const mnl_socket_ptr_t socket = opened(0);
+        host_state state;
+        if (read(socket.get(), state)) {
+            return state;
+        }
+        if (errno != EINTR || attempt == ATTEMPTS) {
+            failed("reading the host's interfaces");
+        }
+    }
+}
+
 } // namespace
 
 std::vector<vellb::interface> read_host()
 {
-    constexpr int ATTEMPTS = 5;
-    for (int attempt = 1;; attempt++) {
-        const mnl_socket_ptr_t socket(mnl_socket_open(NETLINK_ROUTE));
-        if (!socket || mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) {
-            failed("rtnetlink socket");
-        }
-        host_state state;
-        if (dump(socket.get(), 1, RTM_GETLINK, AF_PACKET, take_link, state) &&
-            dump(socket.get(), 2, RTM_GETADDR, AF_UNSPEC, take_address, state)) {
-            std::vector<vellb::interface> result;
-            for (auto &[index, each] : state.interfaces) {
-                result.push_back(std::move(each));
-            }
-            return result;
-        }
-        if (errno != EINTR || attempt == ATTEMPTS) {
-            failed("reading the host's interfaces");
+    host_state state = read_state([](mnl_socket *socket, host_state &into) {
+        return dump(socket, 1, RTM_GETLINK, AF_PACKET, take_link, into) &&
+               dump(socket, 2, RTM_GETADDR, AF_UNSPEC, take_address, into);
+    });
+    std::vector<vellb::interface> result;
+    for (auto &[index, each] : state.interfaces) {
+        result.push_back(std::move(each));
+    }
+    return result;
+}
+
+std::vector<link> read_links()
+{
+    host_state state = read_state([](mnl_socket *socket, host_state &into) {
+        return dump(socket, 1, RTM_GETLINK, AF_PACKET, take_kinship, into);
+    });
+    std::vector<link> result;
+    for (auto &[index, each] : state.links) {
+        const auto master = state.links.find(each.master);
+        each.what.master = master != state.links.end() ? master->second.what.name : "";
+        result.push_back(each.what);
+    }
+    return result;
+}
+
+struct change_watch::state {
+    mnl_socket_ptr_t socket;
+};
+
+change_watch::change_watch()
+    : state_(new state{opened(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR)})
+{
+}
+
+change_watch::~change_watch() = default;
+
+int change_watch::fd() const
+{
+    return mnl_socket_get_fd(state_->socket.get());
+}
+
+bool change_watch::drain()
+{
+    std::vector<char> buffer(32768);
+    for (bool any = false;; any = true) {
+        const ssize_t got = recv(fd(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+        // ENOBUFS: there was more than the socket could hold.
+        if (got == 0 || (got < 0 && errno != ENOBUFS && errno != EINTR)) {
+            return any;
         }
     }
 }

@@ -2,6 +2,7 @@
 // says what the host says.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,22 @@ namespace vellhost
 // 5.4), and multicast groups. The forwarder's own MTU and state are as the host's. Throws
 // std::system_error.
 std::vector<vellb::interface> read_host();
+
+// How an interface hangs together with others.
+struct link {
+    std::string name;
+    std::string kind;   // "bridge", "bond", "vlan", ...; "" for plain hardware
+    std::string master; // of which bridge or bond it is a member; "" for none
+    bool up = false;
+};
+
+// Every interface but loopbacks, in the host's order. Throws std::system_error.
+std::vector<link> read_links();
+
+// Warnings about interfaces among `used` (empty: all) whose frames reach the daemon twice, because
+// a packet socket sees them on a bridge or bond and once more on its member. Pure.
+std::vector<std::string> seen_twice(const std::vector<link> &links,
+                                    const std::vector<std::string> &used);
 
 struct sync_step {
     std::string what;   // "add", "set", "rm"
@@ -37,5 +54,22 @@ std::vector<sync_step> plan_sync(const std::vector<vellb::interface> &host,
 bool is_usable(const std::vector<vellb::interface> &host);
 
 std::string interface_detail(const lbifin_setable_t &settings);
+
+// Tells that interfaces or addresses changed; read_host() then tells how.
+class change_watch
+{
+  public:
+    change_watch(); // std::system_error
+    change_watch(const change_watch &) = delete;
+    change_watch &operator=(const change_watch &) = delete;
+    ~change_watch();
+
+    [[nodiscard]] int fd() const; // readable when there is something to drain
+    bool drain();                 // was there anything?
+
+  private:
+    struct state;
+    std::unique_ptr<state> state_;
+};
 
 } // namespace vellhost
