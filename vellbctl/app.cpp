@@ -36,6 +36,18 @@ class teller
         to_.out << dumped({{"error", error}}) << '\n';
     }
 
+    void declined(const vellbctl::declined &error) const
+    {
+        nlohmann::ordered_json more = nlohmann::ordered_json::object();
+        if (json_ && !error.reasons.empty()) {
+            more["reasons"] = error.reasons;
+        }
+        for (const std::string &each : error.reasons) {
+            to_.err << (json_ ? "" : each + "\n");
+        }
+        failure("not done", {0, "DECLINED", error.what(), error.hint}, more);
+    }
+
     void usage(const usage_error &error) const
     {
         failure("vellbctl", {0, "USAGE", error.what(), ""},
@@ -68,7 +80,7 @@ int carry_out(const std::vector<std::string> &words, const streams &to, const te
         tell.failure(fmt::format("refused: {} ({})", told.name, told.code), told);
         return EXIT_REFUSED;
     } catch (const declined &error) {
-        tell.failure("not done", {0, "DECLINED", error.what(), error.hint});
+        tell.declined(error);
         return EXIT_REFUSED;
     } catch (const vellb::fault &error) {
         tell.failure(error.kind() == vellb::fault_e::UNREACHABLE ? "daemon not reachable"

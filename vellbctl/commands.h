@@ -38,6 +38,11 @@ void address_add(session &s);
 void address_set(session &s);
 void address_rm(session &s);
 
+void file_check(session &s);
+void file_diff(session &s);
+void file_apply(session &s);
+void file_export(session &s);
+
 void show_all(session &s);
 void show_executor(session &s);
 void show_ha(session &s);

@@ -588,6 +588,37 @@ void add_interface_commands(std::vector<command> &table)
         });
 }
 
+void add_file_commands(std::vector<command> &table)
+{
+    const option file{"-f,--file", "FILE",
+                      "the configuration file; conf.d/*.yaml beside it is read too",
+                      [](request &r, word_t word) { r.file = word; }, true};
+    const option dry_run{"--dry-run", nullptr, "only say what would be done: the same as diff",
+                         [](request &r, word_t) { r.dry_run = true; }};
+    table.insert(table.end(),
+                 {
+                     {"check",
+                      "",
+                      "read a configuration file and say what is wrong with it; asks no daemon",
+                      {},
+                      {file},
+                      file_check},
+                     {"diff",
+                      "",
+                      "the commands that would make the daemon what a file says",
+                      {},
+                      {file},
+                      file_diff},
+                     {"apply", "", "carry these commands out", {}, {file, dry_run}, file_apply},
+                     {"export",
+                      "",
+                      "the daemon's configuration as the file that makes it",
+                      {},
+                      {},
+                      file_export},
+                 });
+}
+
 } // namespace
 
 std::span<const option> global_options()
@@ -613,6 +644,7 @@ std::span<const command> commands()
         add_rule_commands(rows);
         add_interface_commands(rows);
         add_ha_commands(rows);
+        add_file_commands(rows);
         return rows;
     }();
     return table;

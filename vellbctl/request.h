@@ -87,6 +87,7 @@ struct request {
     bool confirmed = false;
     bool dry_run = false;
     std::vector<std::string> only{};
+    std::string file{}; // a configuration's
 };
 
 } // namespace vellbctl

@@ -17,11 +17,12 @@ namespace vellbctl
 class declined : public std::runtime_error
 {
   public:
-    declined(const std::string &message, std::string remedy)
-        : std::runtime_error(message), hint(std::move(remedy))
+    declined(const std::string &message, std::string remedy, std::vector<std::string> why = {})
+        : std::runtime_error(message), hint(std::move(remedy)), reasons(std::move(why))
     {
     }
     std::string hint;
+    std::vector<std::string> reasons; // one a line, before the message
 };
 
 struct streams {

@@ -1,0 +1,21 @@
+// The interfaces of this machine as the configuration wants the daemon to know them.
+#pragma once
+
+#include <vector>
+
+#include "vellcfg/diff.h"
+#include "vellcfg/model.h"
+
+namespace vellcfg
+{
+
+// Of the host's interfaces those that the daemon is to use: the ones named, or all but the one that
+// the daemon makes itself for servers on this machine. Pure.
+std::vector<vellb::interface> used_interfaces(const service &wanted,
+                                              const std::vector<vellb::interface> &host);
+
+// What makes the daemon's interface tree say what `used` says, for diff(). Pure.
+std::vector<step> interface_steps(const std::vector<vellb::interface> &used,
+                                  const std::vector<vellb::interface> &tree);
+
+} // namespace vellcfg
