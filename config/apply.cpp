@@ -56,8 +56,9 @@ class applier
         const vellb::bytes_t &wanted = what.command.setable;
         const vellb::bytes_t mask =
             what.mask.empty() ? vellb::bytes_t(wanted.size(), 0xFF) : what.mask;
+        const vellb::bytes_t compared = without_learnt(what, mask);
         const vellb::bytes_t fresh = read(what);
-        if (!what.before.empty() && !agree(fresh, what.before, mask)) {
+        if (!what.before.empty() && !agree(fresh, what.before, compared)) {
             tell(what, fmt::format("was changed by another program meanwhile:{}",
                                    difference(what, what.before, fresh)));
         }
@@ -69,11 +70,19 @@ class applier
         vellb::run(daemon_, command);
         const vellb::bytes_t after = read(what);
         const std::string now = difference(what, command.setable, after);
-        if (!agree(after, command.setable, mask) && !now.empty()) {
+        if (!agree(after, command.setable, compared) && !now.empty()) {
             tell(what, fmt::format("does not hold what was just written, but{}: another program "
                                    "writes it too, or the daemon does not take it",
                                    now));
         }
+    }
+
+    // A tunnel's MTU is shared by all servers of one address, and may be learnt meanwhile.
+    static vellb::bytes_t without_learnt(const step &what, const vellb::bytes_t &mask)
+    {
+        const bool server =
+            vellb::object_of(what.command.keytype, what.command.key) == vellb::object_e::SERVER;
+        return server ? merged(vellb::bytes_t(mask.size()), mask, managed_server(false)) : mask;
     }
 
     // The words in which `now` differs from `then`.

@@ -191,13 +191,16 @@ class checker
             return;
         }
         const auto other = std::ranges::find(above.ports, written.crossport, &port::number);
-        const std::string why = other == above.ports.end()
-                                    ? fmt::format("cluster {} has no port {}",
-                                                  address_text(above.address), written.crossport)
-                                : !keeps_clients(other->algorithm)
-                                    ? fmt::format("port {} has algorithm {}, so no affinity table",
-                                                  other->number, name(other->algorithm))
-                                    : "of a pair of ports, each can be in one only";
+        const std::string why =
+            other == above.ports.end() ? fmt::format("cluster {} has no port {}",
+                                                     address_text(above.address), written.crossport)
+            : !keeps_clients(other->algorithm)
+                ? fmt::format("port {} has algorithm {}, so no affinity table", other->number,
+                              name(other->algorithm))
+            : other->algorithm != written.algorithm
+                ? fmt::format("port {} has algorithm {}, and only the same can share a table",
+                              other->number, name(other->algorithm))
+                : "a port can be joined with one other only";
         warn(written.crossport_at,
              fmt::format("crossport {} joins nothing: {}", written.crossport, why));
     }
@@ -225,7 +228,8 @@ class checker
         constexpr lb_u32_t USUAL = 1500;
         bool told = false;
         for (const server &each : written.servers) {
-            if (each.forward != forward_e::IPIP && each.forward != forward_e::GRE) {
+            const bool tunnel = each.forward == forward_e::IPIP || each.forward == forward_e::GRE;
+            if (!tunnel || each.address.version != 4) { // that one is told of anyway
                 continue;
             }
             const lb_u32_t outer = each.encap_mtu.value_or(USUAL);

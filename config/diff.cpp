@@ -52,6 +52,11 @@ bool same_fixed(const vellb::server &a, const vellb::server &b)
                      vellb::same_address(a.fixed.routeraddress, b.fixed.routeraddress)));
 }
 
+std::string counted(size_t count, const char *what)
+{
+    return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+}
+
 // The port that this one shares its affinity table with, or its own number.
 lb_u16_t joined(const std::map<lb_u16_t, const vellb::port *> &ports, const vellb::port &each)
 {
@@ -71,11 +76,10 @@ class differ
     }
     void remove(const lbcmd_key_t &key) { push({CONFIG, LBCMD_ACTION_RM, key}, {}, {}); }
     // A SET, unless the blocks agree where it matters.
-    void set(const lbcmd_key_t &key, const bytes_t &now, const bytes_t &wanted, bytes_t mask)
+    void set(const lbcmd_key_t &key, const bytes_t &now, const bytes_t &wanted, const bytes_t &mask)
     {
         if (!agree(now, wanted, mask)) {
-            push({CONFIG, LBCMD_ACTION_SET, key, {}, merged(now, wanted, mask)}, now,
-                 std::move(mask));
+            push({CONFIG, LBCMD_ACTION_SET, key, {}, merged(now, wanted, mask)}, now, mask);
         }
     }
 
@@ -163,11 +167,14 @@ class port_differ
         }
     }
 
-    void make() const
+    // `joins`: the port that it is to share a table with is there.
+    void make(bool joins) const
     {
         const lbcmd_key_t key = vellb::port_key(wanted_.cluster, wanted_.number);
         if (kept_ == nullptr) {
-            to_.add(key, bytes_of(wanted_.fixed), bytes_of(wanted_.settings));
+            lbport_addable_t fixed = wanted_.fixed;
+            fixed.crossport = joins ? fixed.crossport : wanted_.number;
+            to_.add(key, bytes_of(fixed), bytes_of(wanted_.settings));
         } else {
             to_.set(key, bytes_of(kept_->settings), bytes_of(wanted_.settings), managed_port());
         }
@@ -327,8 +334,16 @@ class cluster_differ
             to_.set(key, bytes_of(actual_->settings), bytes_of(wanted_.settings),
                     managed_cluster());
         }
-        for (const port_differ &each : ports) {
-            each.make();
+        // The first of two that share a table stands alone until the second one joins it.
+        std::set<lb_u16_t> there;
+        for (const auto &[number, port] : asked_) {
+            if (kept(number)) {
+                there.insert(number);
+            }
+        }
+        for (size_t i = 0; i < ports.size(); i++) {
+            ports[i].make(there.contains(wanted_.ports[i].fixed.crossport));
+            there.insert(wanted_.ports[i].number);
         }
     }
 
@@ -397,10 +412,13 @@ class cluster_differ
         }
         const vellb::port &there = *there_.at(number);
         to_.out.notes.push_back(fmt::format(
-            "{} is removed and added again, with {} servers and {} rules: {}, and that is fixed "
-            "when it is added; its connections are lost",
-            vellb::key_text(CONFIG, vellb::port_key(there.cluster, number)), there.servers.size(),
-            there.rules.size(), why->second));
+            "{} is removed and added again, and its {} with it: {}, and that is fixed when it is "
+            "added; its connections are lost",
+            vellb::key_text(CONFIG, vellb::port_key(there.cluster, number)),
+            there.rules.empty() ? counted(there.servers.size(), "server")
+                                : counted(there.servers.size(), "server") + " and " +
+                                      counted(there.rules.size(), "rule"),
+            why->second));
     }
 
     differ &to_;

@@ -36,7 +36,7 @@ class builder : public YAML::EventHandler
         if (!whole) {
             error(mark, "an alias inside of what it stands for");
         }
-        place_value(mark, whole ? found->second : std::make_shared<node>());
+        place_value(mark, whole ? found->second : made(mark, kind_e::NOTHING, 0));
     }
     void OnScalar(const YAML::Mark &mark, const std::string &tag, YAML::anchor_t anchor,
                   const std::string &value) override

@@ -113,7 +113,8 @@ void join_ports(const cluster &wanted, vellb::cluster &made)
         const auto found = ports.find(each.crossport);
         vellb::port &mine = *ports.at(each.number);
         if (found == ports.end() || found->second == &mine || !has_affinity(mine) ||
-            !has_affinity(*found->second) || !alone(mine) || !alone(*found->second)) {
+            mine.fixed.selectalg != found->second->fixed.selectalg || !alone(mine) ||
+            !alone(*found->second)) {
             continue;
         }
         mine.fixed.crossport = found->second->number;

@@ -150,7 +150,7 @@ void read_server(context &to, port &into, const node &item)
     if (item.kind == kind_e::WORD) { // an address is a server with all defaults
         to.word(item, [&](const std::string &word) { fresh.address = vellb::take_address(word); });
     } else {
-        read_map<server>(to, item, fresh, "server", SERVER);
+        read_map<server>(to, item, fresh, "a server", SERVER);
     }
     into.servers.push_back(std::move(fresh));
 }
@@ -199,7 +199,7 @@ constexpr row_t<port> PORT[] = {
          to.list(value, "[{number: 10, use-servers: [10.0.0.11]}]", [&](const node &item) {
              rule fresh;
              fresh.at = to.at(item);
-             read_map<rule>(to, item, fresh, "rule", RULE);
+             read_map<rule>(to, item, fresh, "a rule", RULE);
              into.rules.push_back(std::move(fresh));
          });
      }},
@@ -213,7 +213,7 @@ constexpr row_t<cluster> CLUSTER[] = {
          to.list(value, "[{port: 80, servers: [10.0.0.11]}]", [&](const node &item) {
              port fresh;
              fresh.at = to.at(item);
-             read_map<port>(to, item, fresh, "port", PORT);
+             read_map<port>(to, item, fresh, "a port", PORT);
              into.ports.push_back(std::move(fresh));
          });
      }},
@@ -320,7 +320,7 @@ constexpr row_t<ha> HA[] = {
          to.list(value, "[{local: 10.9.0.1, partner: 10.9.0.2}]", [&](const node &item) {
              heartbeat fresh;
              fresh.at = to.at(item);
-             read_map<heartbeat>(to, item, fresh, "heartbeat", HEARTBEAT);
+             read_map<heartbeat>(to, item, fresh, "a heartbeat", HEARTBEAT);
              into.heartbeats.push_back(fresh);
          });
      }},
@@ -339,7 +339,7 @@ void read_section(context &to, T &into, const node &value, std::string_view name
         return;
     }
     into.at = to.at(value);
-    read_map<T>(to, value, into, name, rows);
+    read_map<T>(to, value, into, fmt::format("'{}'", name), rows);
 }
 
 constexpr row_t<service> SERVICE[] = {
@@ -376,7 +376,7 @@ constexpr row_t<service> SERVICE[] = {
          to.list(value, "[{address: 10.0.0.100, ports: [...]}]", [&](const node &item) {
              cluster fresh;
              fresh.at = to.at(item);
-             read_map<cluster>(to, item, fresh, "cluster", CLUSTER);
+             read_map<cluster>(to, item, fresh, "a cluster", CLUSTER);
              into.clusters.push_back(std::move(fresh));
          });
      }},
@@ -396,7 +396,7 @@ class gatherer
             return;
         }
         context to(from.name, result.errors);
-        read_map<service>(to, *root, result.wanted, "configuration", SERVICE);
+        read_map<service>(to, *root, result.wanted, "a configuration", SERVICE);
         for (const auto &[line, column] : to.broken) {
             broken_.emplace(from.name, line, column);
         }

@@ -79,7 +79,7 @@ void unknown_key(context &to, const entry &given, std::string_view object,
         hint = vellb::did_you_mean(given.key, known);
     }
     to.error(to.at(given.line, given.column),
-             fmt::format("'{}' is no key of a {}{}; there are: {}", given.key, object, hint,
+             fmt::format("'{}' is no key of {}{}; there are: {}", given.key, object, hint,
                          fmt::join(known, ", ")));
 }
 

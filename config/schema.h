@@ -96,15 +96,15 @@ template <class T> struct row_t {
 void unknown_key(context &to, const entry &given, std::string_view object,
                  const std::vector<std::string> &known);
 
-// Every key of the map `what` by its row; `object` is what it describes ("server"). Unknown and
+// Every key of the map `what` by its row; `object` is what it describes ("a server"). Unknown and
 // missing keys are told.
 template <class T>
 void read_map(context &to, const node &what, T &into, std::string_view object,
               std::span<const row_t<T>> rows)
 {
     if (what.kind != kind_e::MAP) {
-        to.error(to.at(what), fmt::format("a {} is a list of keys and values, as in: {}: ...",
-                                          object, rows.front().key));
+        to.error(to.at(what), fmt::format("{} is a list of keys and values, as in: {}: ...", object,
+                                          rows.front().key));
         return;
     }
     const std::string_view outer = to.key;
@@ -126,7 +126,7 @@ void read_map(context &to, const node &what, T &into, std::string_view object,
     }
     for (const row_t<T> &row : rows) {
         if (row.required && !seen[row.key]) {
-            to.error(to.at(what), fmt::format("a {} needs '{}'", object, row.key));
+            to.error(to.at(what), fmt::format("{} needs '{}'", object, row.key));
         }
     }
     if (to.errors() != before) {

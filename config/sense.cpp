@@ -210,14 +210,17 @@ class judge
 
     void judge_nat(const cluster &above, const server &wanted)
     {
-        if (!vellb::is_set(wanted.return_address) || !vellb::is_set(wanted.router_address)) {
+        if (!vellb::is_set(wanted.return_address)) {
             error(wanted.at,
-                  fmt::format("forward: nat needs '{}'",
-                              !vellb::is_set(wanted.return_address)
-                                  ? "return-address', the address that the server sees and answers "
-                                    "to, one that no host has; and 'router-address"
-                                  : "router-address', the next hop towards the server; the "
-                                    "server's own address if it is on the forwarder's segment"));
+                  "forward: nat needs 'return-address', the address that the server sees "
+                  "and answers to, one that no host has");
+        }
+        if (!vellb::is_set(wanted.router_address)) {
+            error(wanted.at,
+                  "forward: nat needs 'router-address', the next hop towards the server; "
+                  "the server's own address if it is on the forwarder's segment");
+        }
+        if (!vellb::is_set(wanted.return_address) || !vellb::is_set(wanted.router_address)) {
             return;
         }
         one_version(wanted, wanted.return_address, "return-address");

@@ -140,8 +140,9 @@ options_t defaults(object_e object, const options_t &now)
                 {"--replication", {"none"}}};
     }
     case object_e::SERVER:
-        return {{"--id", {""}},        {"--sticky", {"on"}},         {"--quiesced", {"off"}},
-                {"--encap", {"none"}}, {"--encap-source", {"none"}}, {"--encap-mtu", {"1500"}}};
+        return {{"--weight", {"10"}},     {"--id", {""}},        {"--sticky", {"on"}},
+                {"--quiesced", {"off"}},  {"--encap", {"none"}}, {"--encap-source", {"none"}},
+                {"--encap-mtu", {"1500"}}};
     case object_e::RULE: return {{"--name", {""}}};
     case object_e::INTERFACE:
         return {{"--up", {"yes"}},

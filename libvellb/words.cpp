@@ -148,19 +148,24 @@ lb_u32_t take_number(const std::string &word, lb_u32_t least, lb_u32_t most)
 lb_u32_t take_seconds(const std::string &word)
 {
     constexpr unsigned long MOST = 0xFFFFFFFF;
-    unsigned long unit = 1;
-    std::string_view digits = word;
-    const auto unit_at = std::string_view("smhd").find(word.empty() ? ' ' : word.back());
-    if (unit_at != std::string_view::npos) {
-        constexpr unsigned long UNITS[] = {1, 60, 3600, 86400};
-        unit = UNITS[unit_at];
-        digits.remove_suffix(1);
-    }
-    const auto number = parse_number(digits, MOST / unit);
-    if (!number) {
-        wrong(word, "is not a time, as in 90, 90s, 30m, 2h or 1d");
-    }
-    return static_cast<lb_u32_t>(*number * unit);
+    constexpr unsigned long UNITS[] = {1, 60, 3600, 86400};
+    constexpr std::string_view LETTERS = "smhd";
+    unsigned long seconds = 0;
+    std::string_view left = word;
+    // A number alone is seconds; otherwise every number has its unit.
+    do {
+        const auto end = left.find_first_of(LETTERS);
+        const bool bare = end == std::string_view::npos && left.size() == word.size();
+        const unsigned long unit =
+            bare ? 1 : UNITS[LETTERS.find(end < left.size() ? left[end] : 's')];
+        const auto number = parse_number(left.substr(0, end), (MOST - seconds) / unit);
+        if (!number || (end == std::string_view::npos && !bare)) {
+            wrong(word, "is not a time, as in 90, 90s, 30m, 1h30m or 1d");
+        }
+        seconds += *number * unit;
+        left.remove_prefix(bare ? left.size() : end + 1);
+    } while (!left.empty());
+    return static_cast<lb_u32_t>(seconds);
 }
 
 double take_interval(const std::string &word)

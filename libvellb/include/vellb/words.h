@@ -41,7 +41,7 @@ lbip_addr_t take_prefix(const std::string &word);          // A/LENGTH
 void take_endpoint(const std::string &word, lbip_addr_t &addr, lb_u16_t &port);
 lbeth_addr_align_t take_mac(const std::string &word);
 lb_u32_t take_number(const std::string &word, lb_u32_t least, lb_u32_t most);
-lb_u32_t take_seconds(const std::string &word); // "90", "90s", "30m", "2h", "1d"
+lb_u32_t take_seconds(const std::string &word); // "90", "90s", "30m", "1h30m", "1d"
 double take_interval(const std::string &word);  // seconds, 0.1 to 3600
 bool take_switch(const std::string &word);      // on, off, yes, no
 std::string take_socket(const std::string &word);
