@@ -161,11 +161,57 @@ std::string explained(const std::string &message)
     return found != remedies.end() ? found->second : message;
 }
 
+// yaml-cpp passes on whatever it finds.
+bool is_utf8(const std::string &name, const std::string &text, std::vector<finding> &errors)
+{
+    place at{name, 1, 1};
+    for (size_t i = 0; i < text.size();) {
+        const size_t length = utf8_length(text, i);
+        if (length == 0) {
+            errors.push_back(
+                {at, fmt::format("the byte 0x{:02X} is no UTF-8: save the file as UTF-8",
+                                 static_cast<unsigned char>(text[i]))});
+            return false;
+        }
+        at.column = text[i] == '\n' ? 1 : at.column + 1;
+        at.line += text[i] == '\n' ? 1 : 0;
+        i += length;
+    }
+    return true;
+}
+
 } // namespace
+
+size_t utf8_length(const std::string &text, size_t at)
+{
+    const auto byte = [&](size_t i) {
+        return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
+    };
+    const unsigned first = byte(at);
+    const size_t length = first < 0x80   ? 1
+                          : first < 0xC2 ? 0
+                          : first < 0xE0 ? 2
+                          : first < 0xF0 ? 3
+                          : first < 0xF5 ? 4
+                                         : 0;
+    for (size_t i = 1; i < length; i++) {
+        if ((byte(at + i) & 0xC0) != 0x80) {
+            return 0;
+        }
+    }
+    const unsigned second = byte(at + 1);
+    // Longer than needed, surrogates, beyond the last character.
+    const bool wrong = (first == 0xE0 && second < 0xA0) || (first == 0xED && second > 0x9F) ||
+                       (first == 0xF0 && second < 0x90) || (first == 0xF4 && second > 0x8F);
+    return wrong ? 0 : length;
+}
 
 node_ptr parse_document(const std::string &name, const std::string &text,
                         std::vector<finding> &errors)
 {
+    if (!is_utf8(name, text, errors)) {
+        return nullptr;
+    }
     std::istringstream stream(text);
     builder first(name, errors);
     try {

@@ -33,6 +33,9 @@ struct node {
     std::vector<entry> entries{};  // MAP, keys once each
 };
 
+// The bytes of the UTF-8 character (RFC 3629) that begins at `at`, 0 if none does.
+size_t utf8_length(const std::string &text, size_t at);
+
 // The one document in `text`, null if there is none. What is no YAML, and what YAML allows but a
 // configuration does not (keys given twice, several documents, tags), is told in `errors`. Never
 // throws for the text.

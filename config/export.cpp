@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 
+#include "document.h"
 #include "vellb/address.h"
 #include "vellb/names.h"
 #include "vellb/words.h"
@@ -22,14 +23,26 @@ constexpr lb_u32_t LEAST_TIME_S = 10;
 std::string scalar(const std::string &text)
 {
     std::string quoted = "\"";
-    for (size_t i = 0; i < text.size(); i++) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        if (byte == '"' || byte == '\\') {
-            quoted += '\\';
+    for (size_t i = 0; i < text.size();) {
+        const size_t length = utf8_length(text, i);
+        const bool control = static_cast<unsigned char>(text[i]) < ' ' || text[i] == 0x7F;
+        if (length == 0 || control) {
+            quoted += '?';
+            i++;
+            continue;
         }
-        quoted += byte < ' ' || byte >= 0x7F ? '?' : text[i];
+        quoted += text[i] == '"' || text[i] == '\\' ? "\\" : "";
+        quoted += text.substr(i, length);
+        i += length;
     }
     return quoted + "\"";
+}
+
+// Without quotes a colon may mean something.
+std::string written(const lbip_addr_t &address)
+{
+    const std::string text = vellb::address_text(address);
+    return address.version == 6 ? "\"" + text + "\"" : text;
 }
 
 class writer
@@ -57,7 +70,7 @@ class writer
     void address(int depth, const char *name, const lbip_addr_t &value)
     {
         if (vellb::is_set(value)) {
-            key(depth, name, vellb::address_text(value));
+            key(depth, name, written(value));
         }
     }
     void on_off(int depth, const char *name, bool value, bool by_default)
@@ -97,9 +110,8 @@ void writer::ha(const vellb::executor &now)
     const bool pair = set.role == LBHA_ROLE_PRIMARY || set.role == LBHA_ROLE_BACKUP;
     if (!pair) {
         for (const vellb::heartbeat &each : now.heartbeats) {
-            remark(0,
-                   fmt::format("a heartbeat of a node without a role: {} to {}",
-                               vellb::address_text(each.local), vellb::address_text(each.partner)));
+            remark(0, fmt::format("a heartbeat of a node without a role: {} to {}",
+                                  written(each.local), written(each.partner)));
         }
         return;
     }
@@ -116,7 +128,7 @@ void writer::ha(const vellb::executor &now)
     std::vector<std::string> reach;
     for (const lbip_addr_t &each : set.reachaddr) {
         if (vellb::is_set(each)) {
-            reach.push_back(vellb::address_text(each));
+            reach.push_back(written(each));
         }
     }
     if (!reach.empty()) {
@@ -126,8 +138,8 @@ void writer::ha(const vellb::executor &now)
         line(1, "heartbeats:");
     }
     for (const vellb::heartbeat &each : now.heartbeats) {
-        line(2, fmt::format("- {{local: {}, partner: {}}}", vellb::address_text(each.local),
-                            vellb::address_text(each.partner)));
+        line(2, fmt::format("- {{local: {}, partner: {}}}", written(each.local),
+                            written(each.partner)));
     }
 }
 
@@ -135,7 +147,7 @@ void writer::cluster(const vellb::cluster &now)
 {
     const std::string id =
         vellb::block_text(now.settings.clusterid, sizeof(lbclu_setable_t::clusterid));
-    line(1, "- address: " + vellb::address_text(now.address));
+    line(1, "- address: " + written(now.address));
     if (!id.empty()) {
         key(2, "id", scalar(id));
     }
@@ -205,7 +217,7 @@ void writer::server(const vellb::server &now)
 {
     const std::string id =
         vellb::block_text(now.settings.serverid, sizeof(lbsrv_setable_t::serverid));
-    line(5, "- address: " + vellb::address_text(now.address));
+    line(5, "- address: " + written(now.address));
     if (!id.empty()) {
         key(6, "id", scalar(id));
     }
@@ -249,7 +261,7 @@ void writer::rule(const vellb::rule &now)
     }
     std::vector<std::string> servers;
     for (const lbip_addr_t &each : now.useservers) {
-        servers.push_back(vellb::address_text(each));
+        servers.push_back(written(each));
     }
     if (!servers.empty()) {
         key(6, "use-servers", fmt::format("[{}]", fmt::join(servers, ", ")));

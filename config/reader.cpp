@@ -388,9 +388,11 @@ class gatherer
   public:
     reading result{};
 
+    // Before its errors: their order is that of the names.
+    void name(const std::string &source) { names_.push_back(source); }
+
     void add(const source &from)
     {
-        names_.push_back(from.name);
         const node_ptr root = parse_document(from.name, from.text, result.errors);
         if (root == nullptr || root->kind == kind_e::NOTHING) {
             return;
@@ -475,6 +477,7 @@ reading read_files(const std::string &path)
     gatherer all;
     for (const std::string &each : files_of(path)) {
         source from;
+        all.name(each);
         if (load(each, from, all.result.errors)) {
             all.add(from);
         }
@@ -486,6 +489,7 @@ reading read_texts(const std::vector<source> &sources)
 {
     gatherer all;
     for (const source &each : sources) {
+        all.name(each.name);
         all.add(each);
     }
     return all.finished();

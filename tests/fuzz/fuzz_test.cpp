@@ -2,8 +2,8 @@
 // say how far these came. A run fails if a place was not reached at all: it would test nothing
 // there.
 //
-// VELL_FUZZ_FRAMES and VELL_FUZZ_COMMANDS say how many (100,000 and 10,000 without them),
-// VELL_SEED which.
+// VELL_FUZZ_FRAMES, VELL_FUZZ_COMMANDS, VELL_FUZZ_FILES and VELL_FUZZ_LIES say how many (100,000,
+// 10,000, 3,000 and 300 without them), VELL_SEED which.
 #include "lb_entry.h"
 
 #include <cstdio>
@@ -15,6 +15,7 @@
 #include <iterator>
 
 #include "commands.h"
+#include "configs.h"
 #include "fake_host.h"
 #include "frames.h"
 #include "mutate.h"
@@ -146,6 +147,42 @@ TEST(FuzzCommands, MutatedCommandsGetEveryAnswerAndHarmNothing)
     }
     expect_reached(answers, fuzz::COMMAND_ANSWERS);
     EXPECT_NO_THROW(stack->finish());
+}
+
+TEST(FuzzConfig, FilesMutatedAreReadOrRefused)
+{
+    fuzz::rng random = seeded();
+    std::vector<bytes> files;
+    EXPECT_GT(replay("config",
+                     [&](const std::uint8_t *data, std::size_t size) {
+                         if (fuzz::run_config(data, size) != "errors") {
+                             files.emplace_back(data, data + size);
+                         }
+                     }),
+              8);
+    fuzz::answers outcomes;
+    const std::uint64_t count = number_from("VELL_FUZZ_FILES", 3000);
+    for (std::uint64_t i = 0; i < count; i++) {
+        bytes text = files[random() % files.size()];
+        fuzz::mutate_text(random, text, files[random() % files.size()]);
+        ASSERT_NO_THROW(outcomes[fuzz::run_config(text.data(), text.size())]++) << "file " << i;
+    }
+    expect_reached(outcomes, {"errors", "warnings", "fine"});
+}
+
+TEST(FuzzAnswers, LiesAreFoundOutOrDoNoHarm)
+{
+    fuzz::rng random = seeded();
+    fuzz::answers outcomes;
+    const std::uint64_t count = number_from("VELL_FUZZ_LIES", 300);
+    for (std::uint64_t i = 0; i < count; i++) {
+        bytes lies(8 * (1 + random() % 4));
+        for (std::uint8_t &each : lies) {
+            each = static_cast<std::uint8_t>(random());
+        }
+        ASSERT_NO_THROW(outcomes[fuzz::run_answers(lies.data(), lies.size())]++) << "input " << i;
+    }
+    expect_reached(outcomes, {"malformed", "refused", "applied"});
 }
 
 } // namespace

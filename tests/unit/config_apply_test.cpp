@@ -1,0 +1,240 @@
+// The configuration's commands meeting a daemon that others use too, and the program that sends
+// them once; files on disk; the limits that only many objects reach.
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sstream>
+
+#include "app.h"
+#include "vellb_fake_daemon.h"
+#include "vellcfg/apply.h"
+#include "vellcfg/check.h"
+#include "vellcfg/normalise.h"
+#include "vellcfg/reader.h"
+
+namespace
+{
+
+constexpr lbcmd_keytype_e CONFIG = LBCMD_KEYTYPE_CONFIG;
+
+constexpr const char *WEB = R"(
+interfaces: []
+clusters:
+  - address: 10.0.0.100
+    ports:
+      - {port: 80, servers: [{address: 10.0.0.11, weight: 5}, 10.0.0.12, 10.0.0.13]}
+)";
+
+class config_apply : public testing::Test
+{
+  protected:
+    vellcfg::plan plan_for(const std::string &text)
+    {
+        const auto read = vellcfg::read_texts({{"f", text}});
+        EXPECT_TRUE(read.errors.empty());
+        return diff(vellcfg::normalised(read.wanted), vellb::read_picture(client));
+    }
+    lbcmd_key_t server() const
+    {
+        return vellb::server_key(*vellb::parse_address("10.0.0.100"), 80,
+                                 *vellb::parse_address("10.0.0.11"));
+    }
+    // As another program would.
+    void set_weight(lb_u16_t weight)
+    {
+        auto object = daemon.at(CONFIG, server());
+        auto block = vellb::block_of<lbsrv_setable_t>(object.setable, "");
+        block.weight = weight;
+        block.cps = 77;
+        object.setable = vellb::bytes_of(block);
+        daemon.put(object);
+    }
+
+    fake_daemon daemon;
+    vellb::client client{daemon.path()};
+};
+
+TEST_F(config_apply, a_second_writer_is_named_and_its_own_fields_are_kept)
+{
+    ASSERT_TRUE(vellcfg::apply(client, plan_for(WEB).steps).complete());
+    set_weight(3);
+    const auto plan = plan_for(WEB);
+    ASSERT_EQ(plan.steps.size(), 1U);
+    EXPECT_EQ(plan.steps[0].text, "vellbctl server set 10.0.0.100:80 10.0.0.11 --weight 5");
+    set_weight(4); // after the difference
+    const auto early = vellcfg::apply(client, plan.steps);
+    EXPECT_EQ(early.interference,
+              std::vector<std::string>{"server 10.0.0.11 of port 10.0.0.100:80 was changed by "
+                                       "another program meanwhile: --weight 4"});
+    const auto now = vellb::block_of<lbsrv_setable_t>(daemon.at(CONFIG, server()).setable, "");
+    EXPECT_EQ(now.weight, 5);
+    EXPECT_EQ(now.cps, 77U);
+
+    set_weight(3);
+    const auto again = plan_for(WEB);
+    bool set = false;
+    daemon.lie = [&](lbcmd_buf_t &b) {
+        set = set || b.hdr.action == LBCMD_ACTION_SET;
+        if (set && b.hdr.action == LBCMD_ACTION_GET) {
+            b._x[sizeof(lbsrv_addable_t) + offsetof(lbsrv_setable_t, weight)] = 6;
+        }
+    };
+    const auto late = vellcfg::apply(client, again.steps);
+    ASSERT_EQ(late.interference.size(), 1U);
+    EXPECT_NE(late.interference[0].find("does not hold what was just written, but --weight 6"),
+              std::string::npos)
+        << late.interference[0];
+}
+
+TEST_F(config_apply, what_somebody_removed_is_told_and_a_refusal_stops)
+{
+    const auto plan = plan_for(WEB);
+    daemon.refuse = [](const lbcmd_bufhdr_t &hdr) -> unsigned {
+        return hdr.action == LBCMD_ACTION_ADD && hdr.key.cfg.server.nboaddr.v4[3] == 12
+                   ? LBCMD_RC_FAILURE
+                   : 0;
+    };
+    const auto refused = vellcfg::apply(client, plan.steps);
+    ASSERT_TRUE(refused.failure);
+    EXPECT_EQ(refused.failure->code(), static_cast<unsigned>(LBCMD_RC_FAILURE));
+    EXPECT_EQ(refused.done, 3U);
+    EXPECT_FALSE(daemon.has(CONFIG, plan.steps.back().command.key));
+
+    daemon.refuse = {};
+    const auto removal = plan_for("interfaces: []");
+    vellb::run(client, {CONFIG, LBCMD_ACTION_RM, server()});
+    const auto gone = vellcfg::apply(client, removal.steps);
+    EXPECT_TRUE(gone.complete());
+    EXPECT_EQ(gone.interference,
+              std::vector<std::string>{"server 10.0.0.11 of port 10.0.0.100:80 was removed by "
+                                       "another program meanwhile"});
+}
+
+TEST_F(config_apply, the_watcher_sees_every_step_and_may_stop)
+{
+    const auto plan = plan_for(WEB);
+    std::string seen;
+    const auto result = vellcfg::apply(client, plan.steps, [&](const vellcfg::progress &at) {
+        seen += std::to_string(at.done) + "/" + std::to_string(at.total) + " ";
+        return at.done < 2;
+    });
+    EXPECT_TRUE(result.stopped && !result.complete());
+    EXPECT_EQ(seen, "0/5 1/5 2/5 ");
+    EXPECT_EQ(daemon.changes().size(), 2U);
+}
+
+TEST_F(config_apply, vellbctl_checks_differs_applies_and_exports)
+{
+    const std::string file = daemon.directory() + "/web.yaml";
+    const auto run = [&](const std::string &line) {
+        std::istringstream in("--socket " + daemon.path() + " " + line);
+        std::ostringstream out;
+        std::ostringstream err;
+        const int status =
+            vellbctl::run({std::istream_iterator<std::string>(in), {}}, {out, err, false});
+        return std::to_string(status) + " " + out.str() + err.str();
+    };
+    std::ofstream(file) << WEB;
+    EXPECT_NE(run("check -f " + file).find("0 " + file + ": no errors"), std::string::npos);
+    EXPECT_NE(
+        run("apply --dry-run -f " + file).find("\nvellbctl server add 10.0.0.100:80 10.0.0.13"),
+        std::string::npos);
+    EXPECT_TRUE(daemon.changes().empty());
+    EXPECT_NE(run("apply -f " + file).find("done: 5 commands"), std::string::npos);
+    EXPECT_NE(run("diff -f " + file).find("0 # nothing to do"), std::string::npos);
+    const std::string text = run("export");
+    EXPECT_NE(text.find("      - port: 80\n        algorithm: hash\n"), std::string::npos) << text;
+    std::ofstream(file) << "clusters: [{address: 10.0.0.300}]\n";
+    const std::string wrong = run("apply -f " + file);
+    EXPECT_EQ(wrong.find("1 " + file + ":1:22: address: '10.0.0.300' is not an"), 0U) << wrong;
+    const std::string json = run("check --json -f " + file);
+    EXPECT_NE(json.find("\"reasons\": ["), std::string::npos) << json;
+}
+
+TEST(config_files, conf_d_follows_the_file_in_lexical_order)
+{
+    char name[] = "/tmp/vellcfg-test-XXXXXX";
+    const std::string directory = mkdtemp(name);
+    std::filesystem::create_directory(directory + "/conf.d");
+    const auto write = [&](const std::string &file, const std::string &text) {
+        std::ofstream(directory + "/" + file) << text;
+    };
+    write("main.yaml", "executor: {own-address: 10.0.0.1}\n");
+    write("conf.d/20.yaml", "clusters: [{address: 10.0.0.120}]\n");
+    write("conf.d/10.yaml", "clusters: [{address: 10.0.0.110}]\n");
+    write("conf.d/15.yaml.bak", "nonsense: [\n");
+    const auto good = vellcfg::read_files(directory + "/main.yaml");
+    ASSERT_TRUE(good.errors.empty()) << finding_text(good.errors[0]);
+    ASSERT_EQ(good.wanted.clusters.size(), 2U);
+    EXPECT_EQ(vellb::address_text(good.wanted.clusters[0].address), "10.0.0.110");
+
+    write("conf.d/30.yaml", "executor: {}\nclusters: [{address: 10.0.0.110}]\n");
+    const auto bad = vellcfg::read_files(directory + "/main.yaml");
+    ASSERT_EQ(bad.errors.size(), 2U);
+    EXPECT_NE(
+        finding_text(bad.errors[0])
+            .find("'executor' is there twice; the first is at " + directory + "/main.yaml:1:11"),
+        std::string::npos)
+        << finding_text(bad.errors[0]);
+    EXPECT_NE(bad.errors[1].text.find("conf.d/10.yaml:1:12"), std::string::npos);
+    const auto none = vellcfg::read_files(directory + "/missing.yaml");
+    EXPECT_NE(finding_text(none.errors.at(0)).find("missing.yaml: cannot be read: No such"),
+              std::string::npos);
+    std::filesystem::remove_all(directory);
+}
+
+// Objects by the hundred: where the daemon looks at the first few only, and where it can list no
+// more.
+TEST(config_limits, what_the_daemon_does_not_reach_is_told)
+{
+    struct row_t {
+        const char *name;
+        bool pair;
+        size_t clusters, ports, servers, rules;
+        const char *message;
+    };
+    const row_t rows[] = {
+        {"few", true, 100, 1, 1, 0, ""},
+        {"clusters", false, 129, 0, 0, 0, "129 clusters: the 1 from here on, beyond the first 128"},
+        {"announced", true, 101, 0, 0, 0, "are not announced at a takeover"},
+        {"ports", false, 1, 129, 0, 0, "129 ports: the 1 from here on"},
+        {"servers", false, 1, 1, 131, 0,
+         "131 servers: the 3 from here on, beyond the first 128, "
+         "are not weighed"},
+        {"rules", false, 1, 1, 1, 129, "129 rules: the 1 from here on"},
+        {"unlistable", false, 1, 1, 1000, 167, "1167 servers and rules of a port are more than"},
+    };
+    for (const row_t &row : rows) {
+        std::string text = row.pair ? "ha: {role: primary, port: 4647, heartbeats: [{local: "
+                                      "10.9.0.1, partner: 10.9.0.2}]}\nclusters:\n"
+                                    : "clusters:\n";
+        for (size_t c = 0; c < row.clusters; c++) {
+            text += "- {address: 10.1." + std::to_string(c / 200) + "." +
+                    std::to_string(1 + c % 200) + ", ports: [";
+            for (size_t p = 0; p < row.ports; p++) {
+                text += "{port: " + std::to_string(p + 1) + ", algorithm: connection, servers: [";
+                for (size_t s = 0; s < row.servers; s++) {
+                    text += "10.2." + std::to_string(s / 200) + "." + std::to_string(1 + s % 200) +
+                            ", ";
+                }
+                text += "], rules: [";
+                for (size_t r = 0; r < row.rules; r++) {
+                    text += "{number: " + std::to_string(r + 1) + ", use-servers: [10.2.0.1]}, ";
+                }
+                text += "]}, ";
+            }
+            text += "]}\n";
+        }
+        const auto read = vellcfg::read_texts({{"f", text}});
+        auto told = read.errors;
+        if (told.empty()) {
+            told = vellcfg::check(read.wanted, nullptr);
+        }
+        EXPECT_EQ(told.empty(), *row.message == '\0') << row.name;
+        if (!told.empty()) {
+            EXPECT_NE(told[0].text.find(row.message), std::string::npos)
+                << row.name << ": " << told[0].text;
+        }
+    }
+}
+
+} // namespace
