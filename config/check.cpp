@@ -94,29 +94,22 @@ class checker
         }
     }
 
-    [[nodiscard]] bool is_own(const lbip_addr_t &address) const
-    {
-        return std::ranges::any_of(*host_, [&](const vellb::interface &each) {
-            return std::ranges::any_of(each.addresses, [&](const vellb::interface_address &one) {
-                return vellb::same_address(one.address, address);
-            });
-        });
-    }
-
     void check_ha()
     {
         const ha &pair = wanted_.ha;
         if (pair.role != LBHA_ROLE_SOLO && pair.heartbeats.empty()) {
-            warn(pair.at,
-                 "a node of a pair without heartbeats: it hears nothing of its partner, so "
-                 "both take the cluster addresses");
+            warn(pair.at, "a node of a pair without heartbeats hears nothing of its partner, so "
+                          "both take the cluster addresses");
         }
-        for (const heartbeat &each : pair.heartbeats) {
-            if (host_ != nullptr && !is_own(each.local)) {
-                warn(each.at, fmt::format("{} is no address of this machine: is this the partner's "
-                                          "file?",
-                                          address_text(each.local)));
-            }
+        const bool v4 = std::ranges::any_of(
+            pair.heartbeats, [](const heartbeat &each) { return each.partner.version == 4; });
+        if (!pair.heartbeats.empty() && !v4) {
+            warn(pair.heartbeats.front().at, "records of connections and clients travel between "
+                                             "IPv4 addresses only: add such a heartbeat");
+        }
+        for (size_t i = 0; host_ != nullptr && i < pair.heartbeats.size(); i++) {
+            warn(pair.heartbeats[i].at, vellb::heartbeat_surprises(state_.executor.heartbeats[i],
+                                                                   state_, made_e::IN_FILE));
         }
     }
 
@@ -147,6 +140,9 @@ class checker
         if (wanted_.ha.role != LBHA_ROLE_SOLO && vellb::translates(made)) {
             limit(written.servers, ANNOUNCED, "servers",
                   "have return addresses that are not announced at a takeover");
+        }
+        if (wanted_.ha.role != LBHA_ROLE_SOLO) {
+            warn(written.at, vellb::replication_surprises(made, made_e::IN_FILE));
         }
         check_udp(written);
         check_crossport(above, written, made);

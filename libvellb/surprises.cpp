@@ -163,11 +163,11 @@ std::vector<std::string> heartbeat_surprises(const vellb::heartbeat &heartbeat,
         });
     };
     if (std::ranges::none_of(now.interfaces, has_it)) {
-        texts.push_back(fmt::format("no interface that the daemon knows has the address {}: is it "
-                                    "this node's own?{}",
+        texts.push_back(fmt::format("no interface that the daemon knows has the address {}: {}",
                                     vellb::address_text(heartbeat.local),
-                                    made == made_e::IN_FILE ? " is this the partner's file?"
-                                                            : " then: vellbctl interface sync"));
+                                    made == made_e::IN_FILE
+                                        ? "is this the partner's file?"
+                                        : "is it this node's own? then: vellbctl interface sync"));
     }
     return texts;
 }

@@ -211,7 +211,8 @@ TEST(config_limits, what_the_daemon_does_not_reach_is_told)
             text += "- {address: 10.1." + std::to_string(c / 200) + "." +
                     std::to_string(1 + c % 200) + ", ports: [";
             for (size_t p = 0; p < row.ports; p++) {
-                text += "{port: " + std::to_string(p + 1) + ", algorithm: connection, servers: [";
+                text += "{port: " + std::to_string(p + 1) +
+                        ", algorithm: connection, replication: connections, servers: [";
                 for (size_t s = 0; s < row.servers; s++) {
                     text += "10.2." + std::to_string(s / 200) + "." + std::to_string(1 + s % 200) +
                             ", ";
