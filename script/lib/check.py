@@ -29,7 +29,8 @@ import steps  # noqa: E402
 
 LOGS = steps.REPO / "build/check"
 PROGRAMS = ["vell_tests", "vell_fuzz", "vell_threads"]  # under the sanitizers
-LINTED = ("lbstack", "os", "libvellb", "libhost", "vellbctl", "cpserver")  # what is installed, and the test host
+# What is installed, and the test host.
+LINTED = ("lbstack", "os", "libvellb", "libhost", "config", "vellbctl", "cpserver")
 
 
 def tracked(*patterns):
