@@ -32,8 +32,9 @@ using vellb::bytes_t;
 struct address_less {
     bool operator()(const lbip_addr_t &a, const lbip_addr_t &b) const
     {
-        return a.version != b.version ? a.version < b.version
-                                      : memcmp(&a.nboaddr, &b.nboaddr, sizeof(a.nboaddr)) < 0;
+        return a.version != b.version
+                   ? a.version < b.version
+                   : memcmp(a.nboaddr.v6, b.nboaddr.v6, sizeof(a.nboaddr.v6)) < 0;
     }
 };
 using addresses_t = std::set<lbip_addr_t, address_less>;

@@ -98,9 +98,8 @@ void writer::executor(const vellb::executor &now)
 void writer::interfaces(const std::vector<vellb::interface> &all)
 {
     std::vector<std::string> names;
-    for (const vellb::interface &each : all) {
-        names.push_back(scalar(each.name));
-    }
+    std::ranges::transform(all, std::back_inserter(names),
+                           [](const vellb::interface &each) { return scalar(each.name); });
     key(0, "interfaces", fmt::format("[{}]", fmt::join(names, ", ")));
 }
 

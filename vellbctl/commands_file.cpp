@@ -2,6 +2,7 @@
 // this machine's, so these commands belong into the daemon's network namespace.
 #include <system_error>
 
+#include <algorithm>
 #include <fmt/format.h>
 
 #include "commands.h"
@@ -22,9 +23,7 @@ namespace
 std::vector<std::string> lines(const std::vector<vellcfg::finding> &findings)
 {
     std::vector<std::string> texts;
-    for (const vellcfg::finding &each : findings) {
-        texts.push_back(vellcfg::finding_text(each));
-    }
+    std::ranges::transform(findings, std::back_inserter(texts), vellcfg::finding_text);
     return texts;
 }
 
