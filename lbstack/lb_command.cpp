@@ -70,9 +70,86 @@ bool isknowntree(int keytype)
     return keytype == LBCMD_KEYTYPE_CONFIG || keytype == LBCMD_KEYTYPE_IFACE;
 }
 
+// Every object that was added, by its key, under its tree's command list's lock: with thousands of
+// them, walking that list for each command would take most of the time. The list tells their order.
+constexpr lb_u32_t INDEX_SIZE = 4096; // a power of 2
+lbcmd_objhdr_t *keyindex[LBCMD_KEYTYPE_MAXIMUM][INDEX_SIZE];
+// How many objects have odd keys, which may be counted by the wrong parent; command thread.
+lb_u32_t oddkeys[LBCMD_KEYTYPE_MAXIMUM];
+
+lbcmd_objhdr_t **indexplace(const lbcmd_func_t *row, const lbcmd_key_t *key)
+{
+    return &keyindex[row - cmdfuncs][row->keyhash(key) & (INDEX_SIZE - 1)];
+}
+
+lbcmd_objhdr_t *selectobj_nl(lbcmd_func_t *row, lbcmd_key_t *key) LB_NEEDS(row->cmdlist)
+{
+    for (lbcmd_objhdr_t *obj = *indexplace(row, key); obj != nullptr; obj = obj->_nextinindex) {
+        if (row->llselect(key, obj) != 0) {
+            return obj;
+        }
+    }
+    // The tree's root was there first; nobody adds it.
+    void *root = nullptr;
+    const bool isroot = lbll_selectn_nl(row->cmdlist, &root, 1, lbll_filter_true, nullptr) != 0 &&
+                        row->llselect(key, root) != 0;
+    return isroot ? static_cast<lbcmd_objhdr_t *>(root) : nullptr;
+}
+
 lbcmd_objhdr_t *selectobj(lbcmd_func_t *row, lbcmd_key_t *key)
 {
-    return static_cast<lbcmd_objhdr_t *>(lbll_select1(row->cmdlist, key));
+    lbll_guard held(row->cmdlist);
+    return selectobj_nl(row, key);
+}
+
+// Those who list an object have one more (1) or one less (-1).
+void countchild_nl(lbcmd_func_t *row, lbcmd_objhdr_t *child, lbcmd_key_t *parent, int change)
+    LB_NEEDS(row->cmdlist)
+{
+    lbcmd_key_t referred = child->key;
+    const bool isreferred = row->calcreferred != nullptr && row->calcreferred(&referred) != 0;
+    for (lbcmd_key_t *key : {parent, isreferred ? &referred : nullptr}) {
+        lbcmd_objhdr_t *obj = key != nullptr ? selectobj_nl(row, key) : nullptr;
+        if (obj != nullptr) {
+            obj->_children += static_cast<lb_u32_t>(change);
+        }
+    }
+}
+
+void addtoindex(lbcmd_func_t *row, lbcmd_objhdr_t *obj, lbcmd_key_t *parent)
+{
+    lbll_guard held(row->cmdlist);
+    lbcmd_objhdr_t **place = indexplace(row, &obj->key);
+    obj->_nextinindex = *place;
+    *place = obj;
+    countchild_nl(row, obj, parent, 1);
+    oddkeys[row - cmdfuncs] += static_cast<lb_u32_t>(row->iskeyodd(&obj->key));
+}
+
+// Does nothing with a root, which is not there. `buffer` names the object.
+void takefromindex(lbcmd_buf_t *buffer, lbcmd_func_t *row, lbcmd_objhdr_t *obj)
+{
+    lbll_guard held(row->cmdlist);
+    lbcmd_objhdr_t **at = indexplace(row, &obj->key);
+    while (*at != nullptr && *at != obj) {
+        at = &(*at)->_nextinindex;
+    }
+    lbcmd_key_t parent = obj->key;
+    if (*at != nullptr && row->calcparent(buffer, &parent) == 0) {
+        *at = obj->_nextinindex;
+        countchild_nl(row, obj, &parent, -1);
+        oddkeys[row - cmdfuncs] -= static_cast<lb_u32_t>(row->iskeyodd(&obj->key));
+    }
+}
+
+// The direct children, in the order of their list, at most `capacity`: how many. The walk ends with
+// the last of them; an odd key makes it go to the end.
+int selectchildren(lbcmd_func_t *row, lbcmd_objhdr_t *obj, void **out, int capacity)
+{
+    const auto known = static_cast<int>(obj->_children);
+    const bool iscounted = oddkeys[row - cmdfuncs] == 0 && known < capacity;
+    const int wanted = iscounted ? known : capacity;
+    return wanted == 0 ? 0 : lbll_selectn(row->cmdlist, out, wanted, row->llchildfilter, &obj->key);
 }
 
 // Copies the blocks that the new object will want out of the payload: 0, or 1 if they leave it.
@@ -102,7 +179,7 @@ void storeblock(const lbcmd_objaccess_t *to, const lb_u8_t *from, lb_u32_t len)
 
 // The child's own initialisation has stored the key already, which others compare by now.
 void settlechild(lbcmd_bufhdr_t *hdr, lbcmd_func_t *row, lbcmd_objhdr_t *newobj,
-                 const blocks_t *blocks)
+                 lbcmd_key_t *parentkey, const blocks_t *blocks)
 {
     storeblock(&newobj->addable, blocks->add, blocks->addlen);
     storeblock(&newobj->setable, blocks->set, blocks->setlen);
@@ -112,7 +189,9 @@ void settlechild(lbcmd_bufhdr_t *hdr, lbcmd_func_t *row, lbcmd_objhdr_t *newobj,
     if (lbll_addnode_rhs(row->cmdlist, newobj) != 0) {
         LB_LOG(LB_LOG_COMMAND | LB_LOG_FAILURE, "add new obj to command list failed\n");
         hdr->answer_rc = LBCMD_RC_FAILURE;
+        return;
     }
+    addtoindex(row, newobj, parentkey);
 }
 
 lb_u16_t makechild(lbcmd_buf_t *buffer, lbcmd_func_t *row, lbcmd_objhdr_t *parent)
@@ -132,7 +211,7 @@ lb_u16_t makechild(lbcmd_buf_t *buffer, lbcmd_func_t *row, lbcmd_objhdr_t *paren
         }
         return hdr->answer_rc;
     }
-    settlechild(hdr, row, newobj, &blocks);
+    settlechild(hdr, row, newobj, &parent->key, &blocks);
     return hdr->answer_rc;
 }
 
@@ -188,12 +267,13 @@ void _lbcmd_rm(lbcmd_buf_t *buffer)
         return;
     }
     void *child = nullptr;
-    if (lbll_selectn(row->cmdlist, &child, 1, row->llchildfilter, &hdr->key) > 0) {
+    if (selectchildren(row, obj, &child, 1) > 0) {
         LB_LOG(LB_LOG_COMMAND | LB_LOG_EVENT, "obj still has child[ren]\n");
         hdr->answer_rc = LBCMD_RC_HASCHILD;
         return;
     }
     hdr->key = obj->key;
+    takefromindex(buffer, row, obj);
     if (int rc = lbll_rmnode(row->cmdlist, obj); rc != 0) {
         LB_LOG(LB_LOG_COMMAND | LB_LOG_FAILURE, "rm obj from command list %d failed, continuing\n",
                rc);
@@ -247,7 +327,7 @@ void _lbcmd_get(lbcmd_buf_t *buffer)
 
     void *children[CHILDREN_MAX];
     const int capacity = static_cast<int>((LBCMD_PAYLOADSIZE - offset) / sizeof(lbcmd_key_t));
-    const int count = lbll_selectn(row->cmdlist, children, capacity, row->llchildfilter, &hdr->key);
+    const int count = selectchildren(row, obj, children, capacity);
     for (int i = 0; i < count; i++) {
         // Only this thread removes objects, so the children outlive the list's lock.
         os_memcpy(buffer->_x + offset, &static_cast<lbcmd_objhdr_t *>(children[i])->key,
@@ -386,6 +466,8 @@ void reapobjects()
 int lbcmd_init()
 {
     os_memset(cmdfuncs, 0, sizeof(cmdfuncs));
+    os_memset(keyindex, 0, sizeof(keyindex));
+    os_memset(oddkeys, 0, sizeof(oddkeys));
     if (lbcfg_init() != 0) {
         LB_LOG(LB_LOG_COMMAND | LB_LOG_FAILURE, "init failed\n");
         return 1;

@@ -139,6 +139,29 @@ void _lbcfg_blocksizes(lbcmd_key_t *vkey, lb_u32_t *addlen, lb_u32_t *setlen)
     }
 }
 
+lb_u32_t _lbcfg_keyhash(const lbcmd_key_t *vkey)
+{
+    const lbcfg_key_t *key = &vkey->cfg;
+    lb_u32_t hash = lb_hashstep(0, lbip_hash(&key->cluster));
+    hash = lb_hashstep(hash, static_cast<lb_u32_t>(key->port) << 16U | key->rule);
+    return lb_hashstep(hash, lbip_hash(&key->server));
+}
+
+// A use-server counts for its server as well as for its rule.
+int _lbcfg_calcreferred(lbcmd_key_t *key)
+{
+    if (_lbcfg_keytype(&key->cfg) != LBCFG_KEYTYPE_USESERVER) {
+        return 0;
+    }
+    key->cfg.rule = 0;
+    return 1;
+}
+
+int _lbcfg_iskeyodd(const lbcmd_key_t *key)
+{
+    return lbip_isaddrodd(&key->cfg.cluster) | lbip_isaddrodd(&key->cfg.server);
+}
+
 } // namespace
 
 int lbcfg_init()
@@ -153,6 +176,9 @@ int lbcfg_init()
         .printkey = _lbcfg_printkey,
         .cmdlist = cmdlist,
         .blocksizes = _lbcfg_blocksizes,
+        .keyhash = _lbcfg_keyhash,
+        .calcreferred = _lbcfg_calcreferred,
+        .iskeyodd = _lbcfg_iskeyodd,
     };
     const int rc = lbll_initlist(cmdlist, 0, _lbcfg_ll_select, _lbcfg_ll_print);
     if (rc == 0) {

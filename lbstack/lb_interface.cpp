@@ -359,6 +359,21 @@ int _lbifcol_ll_filtercallback_hassubnetmatch(void *vaddr, void *vobj)
                                                                                : 0;
 }
 
+lb_u32_t _lbiface_keyhash(const lbcmd_key_t *vkey)
+{
+    const lbiface_key_t *key = &vkey->iface;
+    lb_u32_t hash = 0;
+    for (const char letter : key->name) {
+        hash = lb_hashstep(hash, static_cast<lb_u8_t>(letter));
+    }
+    return lb_hashstep(hash, lbip_hash(&key->addr));
+}
+
+int _lbiface_iskeyodd(const lbcmd_key_t *key)
+{
+    return lbip_isaddrodd(&key->iface.addr);
+}
+
 } // namespace
 
 int lbiface_init()
@@ -373,6 +388,9 @@ int lbiface_init()
         .printkey = _lbiface_printkey,
         .cmdlist = cmdlist,
         .blocksizes = _lbiface_blocksizes,
+        .keyhash = _lbiface_keyhash,
+        .calcreferred = nullptr,
+        .iskeyodd = _lbiface_iskeyodd,
     };
     const int rc = lbll_initlist(cmdlist, 0, _lbiface_ll_select, _lbiface_ll_print);
     if (rc == 0) {

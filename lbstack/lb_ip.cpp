@@ -204,6 +204,15 @@ void lbip_printaddr(const char *prefix, const lbip_addr_t *a, const char *suffix
     }
 }
 
+int lbip_isaddrodd(const lbip_addr_t *a)
+{
+    const lbip_addr_t none = {};
+    return a->version != 4 && a->version != 6 &&
+                   (a->version != 0 || lbip_isaddrequal(a, &none) == 0)
+               ? 1
+               : 0;
+}
+
 lb_u32_t lbip_hash(const lbip_addr_t *a)
 {
     switch (a->version) {

@@ -43,6 +43,9 @@ struct lbcmd_objhdr_s {
     // it did. Timer thread, under the reap list's lock. Null for objects that are never reaped.
     int (*reap)(lbcmd_objhdr_t *obj, int age_s);
     lb_grace_t grace; // when it was removed, or last seen in use
+    // The dispatcher's own.
+    lbcmd_objhdr_t *_nextinindex; // under the command list's lock
+    lb_u32_t _children; // how many objects a GET lists, while no key is odd; command thread
 };
 
 // What the dispatcher must know of a key tree; one row per key type.
@@ -57,6 +60,12 @@ struct lbcmd_func_s {
     lbll_list_t *cmdlist;
     // The sizes of the blocks of the kind of object that the key names; zeros for no kind.
     void (*blocksizes)(lbcmd_key_t *key, lb_u32_t *addlen, lb_u32_t *setlen);
+    lb_u32_t (*keyhash)(const lbcmd_key_t *key); // equal for keys that llselect takes for equal
+    // Turns the key of an object into that of a second one that counts it among its children: 1,
+    // or 0 without one. May be null.
+    int (*calcreferred)(lbcmd_key_t *key);
+    // 1 if llchildfilter may see other parents or children in the key than calcparent does.
+    int (*iskeyodd)(const lbcmd_key_t *key);
 };
 using lbcmd_func_t = lbcmd_func_s;
 extern lbcmd_func_t cmdfuncs[LBCMD_KEYTYPE_MAXIMUM]; // row 0 is unused

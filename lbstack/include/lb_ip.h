@@ -19,6 +19,8 @@ int lbip_pbuf_entry(lbpbuf_obj_t *pkt);
 [[nodiscard]] int lbip_isaddrequal(const lbip_addr_t *a, const lbip_addr_t *b);
 [[nodiscard]] int lbip_isaddrvalid(const lbip_addr_t *a); // lbip_valid_e
 void lbip_printaddr(const char *prefix, const lbip_addr_t *a, const char *suffix);
+// 1 for an address of neither version that is not all zeros, which people can't have meant.
+[[nodiscard]] int lbip_isaddrodd(const lbip_addr_t *a);
 // The IPv4 address, or the last 4 bytes of an IPv6 address, as the number that they mean on the
 // wire.
 [[nodiscard]] lb_u32_t lbip_hash(const lbip_addr_t *a);

@@ -24,6 +24,13 @@ template <class T> [[nodiscard]] T *lb_newzero()
     return static_cast<T *>(os_memset(obj, 0, sizeof(T)));
 }
 
+// One more word of a key into its hash.
+inline lb_u32_t lb_hashstep(lb_u32_t hash, lb_u32_t word)
+{
+    const lb_u32_t mixed = (hash ^ word) * 0x9E3779B1U; // the golden ratio: spreads upwards
+    return mixed ^ mixed >> 15U;
+}
+
 // now - then, both fields of one sign.
 lb_timeval_t lb_timediff(lb_timeval_t now, lb_timeval_t then);
 

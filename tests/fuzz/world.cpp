@@ -5,6 +5,7 @@
 #include "lb_pbuf.h"
 #include "lb_port.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "neighbours6.h"
@@ -169,22 +170,37 @@ void append(bytes &out, const void *data, std::size_t len)
     out.insert(out.end(), p, p + len);
 }
 
+// A block of a kind that has `len` bytes without the word at `own`, which a GET may change.
+void append_block(bytes &out, const lbcmd_objaccess_t &block, std::size_t len, std::size_t own)
+{
+    const std::size_t at = out.size();
+    append(out, block.data, block.data != nullptr ? block.len : 0);
+    if (block.len == len) {
+        std::memset(out.data() + at + own, 0, sizeof(lb_u16_t));
+    }
+}
+
 void append_objects(bytes &out, lbll_list_t *list)
 {
     std::vector<void *> objs(static_cast<std::size_t>(lbll_size(list)));
     require(static_cast<std::size_t>(lbll_selectn(list, objs.data(), lbll_size(list),
                                                   lbll_filter_true, nullptr)) == objs.size(),
             "a list is not as long as it says");
+    const lbcmd_func_t *row = list == &lbexecutor->cfgcmdlist ? &cmdfuncs[LBCMD_KEYTYPE_CONFIG]
+                                                              : &cmdfuncs[LBCMD_KEYTYPE_IFACE];
+    const bool anyodd = std::any_of(objs.begin(), objs.end(), [&](void *obj) {
+        return row->iskeyodd(&static_cast<lbcmd_objhdr_t *>(obj)->key) != 0;
+    });
     for (void *obj : objs) {
-        const auto *hdr = static_cast<const lbcmd_objhdr_t *>(obj);
+        auto *hdr = static_cast<lbcmd_objhdr_t *>(obj);
         append(out, &hdr->key, sizeof(hdr->key));
-        const std::size_t at = out.size();
-        append(out, hdr->addable.data, hdr->addable.data != nullptr ? hdr->addable.len : 0);
-        if (hdr->addable.len == sizeof(lbport_addable_t)) {
-            constexpr std::size_t word = offsetof(lbport_addable_t, crossport);
-            std::memset(out.data() + at + word, 0, sizeof(lbport_addable_t::crossport));
-        }
-        append(out, hdr->setable.data, hdr->setable.data != nullptr ? hdr->setable.len : 0);
+        const auto ischild = [&](void *other) { return row->llchildfilter(&hdr->key, other) != 0; };
+        require(anyodd || std::count_if(objs.begin(), objs.end(), ischild) == hdr->_children,
+                "an object has other children than it counts");
+        append_block(out, hdr->addable, sizeof(lbport_addable_t),
+                     offsetof(lbport_addable_t, crossport));
+        append_block(out, hdr->setable, sizeof(lbsrv_setable_t),
+                     offsetof(lbsrv_setable_t, encapmtu));
     }
 }
 
