@@ -1,0 +1,180 @@
+// Composition of what the configuration library and the host library know. Reads files and the
+// host; talks to no daemon.
+#include "goal.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fmt/format.h>
+#include <set>
+
+#include "vellb/address.h"
+#include "vellcfg/check.h"
+#include "vellcfg/normalise.h"
+#include "vellcfg/reader.h"
+
+namespace cpserver
+{
+
+namespace
+{
+
+// Made by the forwarder for servers on its own host; no wire leads to it.
+constexpr const char *OWN_DEVICE = "veldra";
+
+constexpr size_t REFUSALS_MAX = 50;
+
+std::string lines_of(const std::vector<vellcfg::finding> &findings)
+{
+    std::string text;
+    for (const vellcfg::finding &each : findings) {
+        text += vellcfg::finding_text(each) + '\n';
+    }
+    return text;
+}
+
+std::vector<vellcfg::step> interface_steps(const std::vector<vellb::interface> &host,
+                                           const std::vector<vellb::interface> &actual)
+{
+    std::vector<vellcfg::step> steps;
+    for (vellhost::sync_step &each : vellhost::plan_sync(host, actual, {})) {
+        steps.push_back(vellcfg::step_of(std::move(each.command)));
+    }
+    return steps;
+}
+
+} // namespace
+
+loaded load(const std::string &file)
+{
+    loaded result;
+    // A file cut off at its beginning must not take everything down.
+    std::error_code unreadable;
+    if (std::filesystem::file_size(file, unreadable) == 0 && !unreadable) {
+        result.errors = fmt::format("{}: the file is empty; if nothing shall be served, write: "
+                                    "clusters: []\n",
+                                    file);
+        return result;
+    }
+    vellcfg::reading read = vellcfg::read_files(file);
+    if (!read.errors.empty()) {
+        result.errors = lines_of(read.errors);
+        return result;
+    }
+    result.good = true;
+    result.what.state = vellcfg::normalised(read.wanted);
+    result.what.wanted = std::move(read.wanted);
+    const host_view host = view_host(result.what.wanted);
+    result.warnings = lines_of(vellcfg::check(result.what.wanted, &host.interfaces));
+    return result;
+}
+
+host_view view_host(const vellcfg::service &wanted)
+{
+    return choose_interfaces(wanted, vellhost::read_host(), vellhost::read_links());
+}
+
+host_view choose_interfaces(const vellcfg::service &wanted,
+                            const std::vector<vellb::interface> &host,
+                            const std::vector<vellhost::link> &links)
+{
+    host_view view;
+    if (!wanted.interfaces) {
+        std::ranges::copy_if(host, std::back_inserter(view.interfaces),
+                             [](const auto &each) { return each.name != OWN_DEVICE; });
+        view.warnings = vellhost::seen_twice(links, {});
+        return view;
+    }
+    std::vector<std::string> names;
+    for (const vellcfg::interface_name &each : *wanted.interfaces) {
+        const auto found = std::ranges::find(host, each.name, &vellb::interface::name);
+        if (found != host.end()) {
+            view.interfaces.push_back(*found);
+        } else {
+            view.warnings.push_back(vellcfg::finding_text(
+                {each.at,
+                 fmt::format("this host has no interface {} (yet); see: ip link", each.name)}));
+        }
+        names.push_back(each.name);
+    }
+    if (!names.empty()) {
+        const auto twice = vellhost::seen_twice(links, names);
+        view.warnings.insert(view.warnings.end(), twice.begin(), twice.end());
+    }
+    return view;
+}
+
+vellcfg::plan plan_all(const goal &what, const host_view &host, const vellb::picture &actual)
+{
+    return vellcfg::diff(what.state, actual, interface_steps(host.interfaces, actual.interfaces));
+}
+
+vellcfg::plan plan_interfaces(const host_view &host, const std::vector<vellb::interface> &actual)
+{
+    return {interface_steps(host.interfaces, actual), {}};
+}
+
+applied apply_all(const vellb::client &daemon, std::vector<vellcfg::step> steps,
+                  const vellcfg::watcher_t &watcher)
+{
+    applied result;
+    const size_t total = steps.size();
+    for (;;) {
+        const auto watch = [&](const vellcfg::progress &at) {
+            return !watcher || watcher({result.done + at.done, total, at.next});
+        };
+        vellcfg::outcome part = vellcfg::apply(daemon, steps, watch);
+        result.done += part.done;
+        result.stopped = part.stopped;
+        std::ranges::move(part.interference, std::back_inserter(result.interference));
+        if (!part.failure) {
+            return result;
+        }
+        result.refusals.emplace_back(part.failure->what());
+        if (result.refusals.size() == REFUSALS_MAX) {
+            return result;
+        }
+        steps.erase(steps.begin(), steps.begin() + static_cast<std::ptrdiff_t>(part.done) + 1);
+    }
+}
+
+std::vector<lbip_addr_t>
+guarded_addresses(std::initializer_list<const std::vector<vellb::cluster> *> trees,
+                  const std::vector<vellb::interface> &host, std::vector<std::string> &owned)
+{
+    std::vector<lbip_addr_t> result;
+    std::set<std::string> met;
+    const auto take = [&](const lbip_addr_t &address) {
+        const std::string text = vellb::address_text(address);
+        if (!vellb::is_set(address) || !met.insert(text).second) {
+            return;
+        }
+        for (const vellb::interface &each : host) {
+            const auto same = [&](const vellb::interface_address &its) {
+                return vellb::same_address(its.address, address);
+            };
+            if (std::ranges::any_of(each.addresses, same)) {
+                owned.push_back(fmt::format(
+                    "{} is an address of this host's interface {}: it is not guarded; take it off "
+                    "the host, which must own neither cluster nor return addresses",
+                    text, each.name));
+                return;
+            }
+        }
+        result.push_back(address);
+    };
+    for (const auto *clusters : trees) {
+        for (const vellb::cluster &cluster : *clusters) {
+            take(cluster.address);
+            for (const vellb::port &port : cluster.ports) {
+                for (const vellb::server &server : port.servers) {
+                    if (server.fixed.nat != 0) {
+                        take(server.fixed.returnaddress);
+                    }
+                }
+            }
+        }
+    }
+    return result;
+}
+
+} // namespace cpserver

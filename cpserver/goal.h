@@ -1,0 +1,68 @@
+// What the daemon is to become, out of the files, and how far it is from that. Both the service and
+// the modes that do their work once stand on this.
+#pragma once
+
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "vellcfg/apply.h"
+#include "vellcfg/diff.h"
+#include "vellcfg/model.h"
+#include "vellhost/ifsync.h"
+
+namespace cpserver
+{
+
+struct goal {
+    vellcfg::service wanted{};
+    vellcfg::target state{}; // the same, as the daemon would tell it
+};
+
+// What the file says, or why it says nothing.
+struct loaded {
+    bool good = false;
+    goal what{};
+    std::string errors{};   // one a line, with their places
+    std::string warnings{}; // the same
+};
+loaded load(const std::string &file);
+
+// The host's interfaces that the daemon is to know.
+struct host_view {
+    std::vector<vellb::interface> interfaces{};
+    std::vector<std::string> warnings{};
+};
+// Throws std::system_error.
+host_view view_host(const vellcfg::service &wanted);
+
+// Which interfaces of the host the daemon is to use. Pure.
+host_view choose_interfaces(const vellcfg::service &wanted,
+                            const std::vector<vellb::interface> &host,
+                            const std::vector<vellhost::link> &links);
+
+// Everything, or the interfaces alone.
+vellcfg::plan plan_all(const goal &what, const host_view &host, const vellb::picture &actual);
+vellcfg::plan plan_interfaces(const host_view &host, const std::vector<vellb::interface> &actual);
+
+struct applied {
+    size_t done = 0; // steps carried out
+    bool stopped = false;
+    std::vector<std::string> refusals{}; // one line each
+    std::vector<std::string> interference{};
+    [[nodiscard]] bool complete() const { return !stopped && refusals.empty(); }
+};
+
+// Carries the steps out as vellcfg::apply() does, but goes on after a refusal: one object that the
+// daemon does not take must not hold up the others. What stands on it is refused as well. Gives up
+// after many refusals. Throws vellb::fault.
+applied apply_all(const vellb::client &daemon, std::vector<vellcfg::step> steps,
+                  const vellcfg::watcher_t &watcher);
+
+// Cluster and return addresses, each once; without those that an interface of the host has, which
+// stand in `owned`: nobody wants to lose the way to the machine.
+std::vector<lbip_addr_t>
+guarded_addresses(std::initializer_list<const std::vector<vellb::cluster> *> trees,
+                  const std::vector<vellb::interface> &host, std::vector<std::string> &owned);
+
+} // namespace cpserver

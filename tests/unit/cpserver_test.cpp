@@ -1,0 +1,221 @@
+// The control server's parts that decide: which interfaces, which addresses to guard and how, when
+// a file has changed, and who may run.
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+
+#include "cpserver/filewatch.h"
+#include "cpserver/goal.h"
+#include "cpserver/guard.h"
+#include "cpserver/instance.h"
+#include "vellb/address.h"
+#include "vellb_fake_daemon.h"
+
+namespace
+{
+
+using texts_t = std::vector<std::string>;
+
+lbip_addr_t address(const char *text)
+{
+    return *vellb::parse_address(text);
+}
+
+vellb::interface iface(const char *name, const texts_t &addresses)
+{
+    vellb::interface result;
+    result.name = name;
+    for (const std::string &each : addresses) {
+        result.addresses.push_back({*vellb::parse_prefix(each), {}});
+    }
+    return result;
+}
+
+vellb::cluster cluster(const char *text, const texts_t &return_addresses)
+{
+    vellb::cluster result;
+    result.address = address(text);
+    result.ports.resize(1);
+    for (const std::string &each : return_addresses) {
+        vellb::server server;
+        server.fixed.nat = !each.empty();
+        server.fixed.returnaddress = each.empty() ? lbip_addr_t{} : address(each.c_str());
+        result.ports[0].servers.push_back(server);
+    }
+    return result;
+}
+
+class directory
+{
+  public:
+    directory()
+    {
+        char name[] = "/tmp/vellb-test-XXXXXX";
+        path = mkdtemp(name);
+    }
+    ~directory() { std::filesystem::remove_all(path); }
+    std::string path;
+};
+
+TEST(cpserver, interfaces_are_those_named_or_all_but_its_own_device)
+{
+    const std::vector<vellb::interface> host{iface("eth0", {"10.0.0.2/24"}), iface("eth1", {}),
+                                             iface("veldra", {})};
+    const struct {
+        const char *name;
+        std::optional<texts_t> wanted;
+        texts_t chosen;
+        size_t warnings;
+    } rows[] = {
+        {"not said", std::nullopt, {"eth0", "eth1"}, 0},
+        {"named", texts_t{"eth1"}, {"eth1"}, 0},
+        {"not there yet", texts_t{"eth0", "eth7"}, {"eth0"}, 1},
+        {"none", texts_t{}, {}, 0},
+        {"its own device, named", texts_t{"veldra"}, {"veldra"}, 0},
+    };
+    for (const auto &row : rows) {
+        vellcfg::service service;
+        if (row.wanted) {
+            service.interfaces.emplace();
+            for (const std::string &each : *row.wanted) {
+                service.interfaces->push_back({{"f", 1, 1}, each});
+            }
+        }
+        const auto view = cpserver::choose_interfaces(service, host, {});
+        texts_t chosen;
+        for (const auto &each : view.interfaces) {
+            chosen.push_back(each.name);
+        }
+        EXPECT_EQ(chosen, row.chosen) << row.name;
+        EXPECT_EQ(view.warnings.size(), row.warnings) << row.name;
+    }
+}
+
+TEST(cpserver, frames_that_would_be_seen_twice_are_warned_of)
+{
+    const vellhost::link bridge{"br0", "bridge", "", true};
+    const vellhost::link vrf{"red", "vrf", "", true};
+    const struct {
+        const char *name;
+        std::vector<vellhost::link> links;
+        texts_t used;
+        size_t warnings;
+    } rows[] = {
+        {"a member is used", {{"eth0", "", "br0", true}, bridge}, {"eth0"}, 1},
+        {"the bridge is used", {{"eth0", "", "br0", true}, bridge}, {"br0"}, 1},
+        {"neither is", {{"eth0", "", "br0", true}, bridge}, {"eth1"}, 0},
+        {"all are", {{"eth0", "", "br0", true}, {"eth1", "", "br0", true}, bridge}, {}, 2},
+        {"the member is down", {{"eth0", "", "br0", false}, bridge}, {"eth0"}, 0},
+        {"a master that passes nothing on", {{"eth0", "", "red", true}, vrf}, {"eth0"}, 0},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(vellhost::seen_twice(row.links, row.used).size(), row.warnings) << row.name;
+    }
+}
+
+TEST(cpserver, an_object_that_is_refused_holds_up_what_stands_on_it_and_nothing_else)
+{
+    fake_daemon daemon;
+    const auto bad = vellb::cluster_key(address("10.0.0.101"));
+    daemon.refuse = [&](const lbcmd_bufhdr_t &asked) {
+        const bool hit = asked.action == LBCMD_ACTION_ADD && asked.key.cfg.port == 0 &&
+                         vellb::same_address(asked.key.cfg.cluster, bad.cfg.cluster);
+        return hit ? LBCMD_RC_FAILURE : 0;
+    };
+    std::vector<vellcfg::step> steps;
+    for (const char *each : {"10.0.0.100", "10.0.0.101", "10.0.0.102"}) {
+        const auto add = [&](const lbcmd_key_t &key, size_t addable, size_t setable) {
+            steps.push_back(vellcfg::step_of({LBCMD_KEYTYPE_CONFIG, LBCMD_ACTION_ADD, key,
+                                              vellb::bytes_t(addable), vellb::bytes_t(setable)}));
+        };
+        add(vellb::cluster_key(address(each)), sizeof(lbclu_addable_t), sizeof(lbclu_setable_t));
+        add(vellb::port_key(address(each), 80), sizeof(lbport_addable_t), sizeof(lbport_setable_t));
+    }
+    size_t seen = 0;
+    const auto result =
+        cpserver::apply_all(vellb::client(daemon.path()), steps, [&](const vellcfg::progress &at) {
+            seen += at.next != nullptr;
+            return true;
+        });
+    EXPECT_EQ(seen, 6U);
+    EXPECT_EQ(result.done, 4U);
+    EXPECT_FALSE(result.complete());
+    ASSERT_EQ(result.refusals.size(), 2U);
+    EXPECT_NE(result.refusals[0].find("cluster 10.0.0.101"), std::string::npos);
+    EXPECT_NE(result.refusals[1].find("PARENTDNE"), std::string::npos);
+    EXPECT_TRUE(daemon.has(LBCMD_KEYTYPE_CONFIG, vellb::port_key(address("10.0.0.102"), 80)));
+}
+
+TEST(cpserver, guard_takes_clusters_and_return_addresses_but_never_the_hosts_own)
+{
+    const std::vector<vellb::cluster> wanted{cluster("10.0.0.100", {"10.0.0.50", "", "10.0.0.50"}),
+                                             cluster("2001:db8::1", {})};
+    const std::vector<vellb::cluster> leaving{cluster("10.0.0.100", {}), cluster("10.0.0.2", {})};
+    texts_t owned;
+    texts_t guarded;
+    for (const lbip_addr_t &each : cpserver::guarded_addresses(
+             {&wanted, &leaving}, {iface("eth0", {"10.0.0.2/24"})}, owned)) {
+        guarded.push_back(vellb::address_text(each));
+    }
+    EXPECT_EQ(guarded, (texts_t{"10.0.0.100", "10.0.0.50", "2001:db8::1"}));
+    ASSERT_EQ(owned.size(), 1U);
+    EXPECT_NE(owned[0].find("10.0.0.2 is an address of this host's interface eth0"),
+              std::string::npos);
+}
+
+TEST(cpserver, guard_rules_name_every_address_where_its_version_wants_it)
+{
+    const auto a = address("10.0.0.100");
+    const auto b = address("2001:db8::1");
+    const std::string rules = cpserver::guard_rules({a, b});
+    EXPECT_EQ(rules, cpserver::guard_rules({b, a})); // else it would be loaded again and again
+    for (const char *each : {"  ip daddr { 10.0.0.100 } ", "  ip6 daddr { 2001:db8::1 } ",
+                             "@th,64,128 { 0x20010db8000000000000000000000001 } ",
+                             "arp daddr ip { 10.0.0.100 } ", "delete table inet vellb2_guard\n"}) {
+        EXPECT_NE(rules.find(each), std::string::npos) << each;
+    }
+    EXPECT_EQ(cpserver::guard_rules({}).find("drop"), std::string::npos);
+}
+
+TEST(cpserver, a_file_is_heard_of_when_it_is_whole)
+{
+    const directory place;
+    cpserver::directory_watch watch(false);
+    ASSERT_TRUE(watch.add(place.path));
+    const std::string file = place.path + "/a.yaml";
+    {
+        std::ofstream out(file);
+        out << "half" << std::flush;
+        EXPECT_EQ(watch.drain(), texts_t{});
+        out << " and half";
+    }
+    EXPECT_EQ(watch.drain(), texts_t{"a.yaml"});
+    const std::string before = cpserver::signature({file});
+    std::ofstream(place.path + "/b") << "half and half";
+    std::filesystem::rename(place.path + "/b", file); // as editors do; as long as before
+    const texts_t names = watch.drain();
+    EXPECT_EQ(std::count(names.begin(), names.end(), "a.yaml"), 1);
+    EXPECT_NE(cpserver::signature({file}), before);
+    std::filesystem::create_directory(place.path + "/conf.d");
+    EXPECT_EQ(watch.drain(), texts_t{"conf.d"});
+}
+
+TEST(cpserver, only_one_runs_and_the_next_may_when_it_is_gone)
+{
+    const directory place;
+    {
+        const cpserver::instance first(place.path + "/run");
+        try {
+            const cpserver::instance second(place.path + "/run");
+            FAIL() << "two of them";
+        } catch (const std::runtime_error &error) {
+            const std::string number = std::to_string(getpid());
+            EXPECT_NE(std::string(error.what()).find("(process " + number + ")"),
+                      std::string::npos);
+        }
+    }
+    const cpserver::instance next(place.path + "/run");
+}
+
+} // namespace
