@@ -66,12 +66,12 @@ nobody holds the lock of its directory). `python3 -m lab clean` does the last by
 """
 
 from lab.core import Lab, LabError, Terminated, build_dir, sanitized, wait_until
-from lab.daemon import BackgroundDaemon, Daemon
+from lab.daemon import BackgroundDaemon, Control, Daemon, Program
 from lab.frames import Capture, Injector
 from lab.node import Node, Segment, ipv6_of, mac_of
 from lab.ping import Pings
 from lab.topology import Basic, Far, Pair, Routed
 
-__all__ = ["BackgroundDaemon", "Basic", "Capture", "Daemon", "Far", "Injector", "Lab", "LabError",
-           "Node", "Pair", "Pings", "Routed", "Segment", "Terminated", "build_dir", "ipv6_of",
-           "mac_of", "sanitized", "wait_until"]
+__all__ = ["BackgroundDaemon", "Basic", "Capture", "Control", "Daemon", "Far", "Injector", "Lab",
+           "LabError", "Node", "Pair", "Pings", "Program", "Routed", "Segment", "Terminated",
+           "build_dir", "ipv6_of", "mac_of", "sanitized", "wait_until"]

@@ -1,6 +1,6 @@
-"""A running daemon: start, stop, its log, and vellbctl beside it.
+"""Running programs, the daemon and the control server: start, stop, log; and vellbctl beside them.
 
-One thread per daemon reads its output, stamps every line with the time since the start, and keeps
+One thread per program reads its output, stamps every line with the time since the start, and keeps
 it in memory and in a file. The log is also where a sanitizer speaks: `trouble()` finds its words.
 """
 
@@ -27,15 +27,15 @@ TROUBLE = re.compile(r"AddressSanitizer|LeakSanitizer|ThreadSanitizer|UndefinedB
 LogLine = collections.namedtuple("LogLine", "when text")
 
 
-class Daemon:
-    """vellb2 in the foreground in a node. Not started yet; start() does that."""
+class Program:
+    """A program in a node, whose output is read. Not started yet."""
 
-    def __init__(self, node, workers=4, mask=0x200, args=(), log=None, env=None):
+    def __init__(self, node, name, argv, env=None, log=None):
         self.node = node
+        self.name = name
         self.env = env
-        self.argv = [DAEMON, "-f", "-r", "-n", workers, "-m", f"{mask:x}", *args]
-        self.log_path = log or node.lab.dir / f"{node.name}-daemon.log"
-        self.socket = node.root / "vellb2"  # Left behind by a daemon that was killed.
+        self.argv = argv
+        self.log_path = log or node.lab.dir / f"{node.name}-{name}.log"
         self.process = None
         self.lines = []
         self._grown = threading.Condition()
@@ -45,26 +45,6 @@ class Daemon:
     def pid(self):
         """The daemon's process number."""
         return self.process.pid
-
-    def start(self, timeout=20):
-        """Starts it and waits until it answers a command."""
-        if not (build_dir() / "vellb2").exists():
-            raise LabError(f"no daemon in {build_dir()}: build it (cmake --preset release && "
-                           "cmake --build --preset release) or set VELL_BUILD")
-        self._launch()
-
-        def answers():
-            if self.process.poll() is not None:
-                self._reader.join(5)
-                raise LabError(f"the daemon ended with status {self.process.returncode} at its start\n"
-                               + self.tail())
-            with contextlib.suppress(OSError):
-                return command.call(self.socket, command.GET, command.config_key())["rc"] == 1
-            return False
-
-        wait_until(answers, timeout, f"the daemon in {self.node.name} to answer a command")
-        self.wait_log(r" init$", timeout)  # Whatever it had to say of its options stands before.
-        return self
 
     def _launch(self):
         self.process = self.node.popen(self.argv, env=self.env, stdout=subprocess.PIPE,
@@ -82,11 +62,12 @@ class Daemon:
         try:
             status = self.process.wait(timeout)
         except subprocess.TimeoutExpired as e:
-            raise LabError(f"the daemon is still there {timeout} s after signal {signum}\n"
+            raise LabError(f"{self.name} is still there {timeout} s after signal {signum}\n"
                            + self.tail()) from e
         self._reader.join(5)
         if self.trouble():
-            raise LabError("the daemon's log has a word of trouble:\n" + "\n".join(self.trouble()))
+            raise LabError(f"the log of {self.name} has a word of trouble:\n"
+                           + "\n".join(self.trouble()))
         return status
 
     def kill(self):
@@ -134,8 +115,8 @@ class Daemon:
                 at = len(self.lines)
                 left = deadline - time.monotonic()
                 if left <= 0 or not self._grown.wait(left):
-                    raise LabError(f"no line like {pattern!r} in the daemon's log within {timeout} s\n"
-                                   + self.tail())
+                    raise LabError(f"no line like {pattern!r} in the log of {self.name} within "
+                                   f"{timeout} s\n{self.tail()}")
 
     def log_text(self, since=0):
         """The log from a mark on."""
@@ -148,6 +129,35 @@ class Daemon:
     def trouble(self):
         """Lines in which a sanitizer or an assertion speaks."""
         return [line.text for line in self.lines if TROUBLE.search(line.text)]
+
+
+class Daemon(Program):
+    """vellb2 in the foreground in a node. Not started yet; start() does that."""
+
+    def __init__(self, node, workers=4, mask=0x200, args=(), log=None, env=None):
+        words = ["-f", "-r", "-n", workers, "-m", f"{mask:x}", *args]
+        super().__init__(node, "daemon", [DAEMON, *words], env, log)
+        self.socket = node.root / "vellb2"  # Left behind by a daemon that was killed.
+
+    def start(self, timeout=20):
+        """Starts it and waits until it answers a command."""
+        if not (build_dir() / "vellb2").exists():
+            raise LabError(f"no daemon in {build_dir()}: build it (cmake --preset release && "
+                           "cmake --build --preset release) or set VELL_BUILD")
+        self._launch()
+
+        def answers():
+            if self.process.poll() is not None:
+                self._reader.join(5)
+                raise LabError(f"the daemon ended with status {self.process.returncode} at its start\n"
+                               + self.tail())
+            with contextlib.suppress(OSError):
+                return command.call(self.socket, command.GET, command.config_key())["rc"] == 1
+            return False
+
+        wait_until(answers, timeout, f"the daemon in {self.node.name} to answer a command")
+        self.wait_log(r" init$", timeout)  # Whatever it had to say of its options stands before.
+        return self
 
     # --- Commands ---------------------------------------------------------------------------------
 
@@ -274,3 +284,49 @@ class _Orphan:
     def kill(self):
         """kill -9."""
         self.send_signal(signal.SIGKILL)
+
+
+class Control(Program):
+    """cpserver in a node, with its configuration /etc-cp/cpserver.yaml there."""
+
+    DIRECTORY = "etc-cp"
+
+    def __init__(self, node, text, args=(), env=None):
+        words = ["-c", f"/{self.DIRECTORY}/cpserver.yaml", *args]
+        super().__init__(node, "cpserver", ["/build/cpserver", *words], env)
+        self.directory = node.root / self.DIRECTORY
+        (self.directory / "conf.d").mkdir(parents=True, exist_ok=True)
+        self.file = self.directory / "cpserver.yaml"
+        self.write(text)
+
+    def write(self, text, name="cpserver.yaml"):
+        """A new file in the place of an old one, at once."""
+        fresh = self.directory / f".{self.file.name}.new"
+        fresh.write_text(text, encoding="utf-8")
+        fresh.rename(self.directory / name)
+
+    def launch(self):
+        """Starts it."""
+        self._launch()
+        return self
+
+    def start(self, timeout=10):
+        """Starts it and waits until it has made the daemon what the file says."""
+        mark = self.mark()
+        self._launch()
+        self.wait_log(r"start: nothing to do|commands? carried out", timeout, mark)
+        return self
+
+    def change(self, text, timeout=10, name="cpserver.yaml"):
+        """Writes a file and waits until what it says has been carried out."""
+        mark = self.mark()
+        self.write(text, name)
+        self.wait_log(r"changed: nothing to do|commands? carried out", timeout, mark)
+
+    def once(self, *args, check=True, timeout=60):
+        """Runs cpserver for one of the things that it does without a loop."""
+        return self.node.run([*self.argv, *args], check=check, timeout=timeout)
+
+    def differences(self):
+        """What an apply would do now: commands, one a line."""
+        return self.once("--dry-run").stdout.splitlines()

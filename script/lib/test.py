@@ -104,7 +104,8 @@ def run_named(word):
     if by_name:
         programs = ["vell_tests", "vell_fuzz"]
     with steps.Step(f"build {PRESET}") as step:
-        steps.build(PRESET, programs + (["vellb2", "vellbctl"] if lab_files or by_name else []), step)
+        running = ["vellb2", "vellbctl", "cpserver"] if lab_files or by_name else []
+        steps.build(PRESET, programs + running, step)
     found, status = run_gtests(programs, word)
     if lab_files:
         found, status = True, run_pytest(lab_files) or status

@@ -5,15 +5,15 @@ import os
 
 import pytest
 
-from lab import Basic, Daemon, Lab, build_dir, sanitized
+from lab import Basic, Lab, Program, build_dir, sanitized
 
 
 def pytest_configure():
     """Says at once what would otherwise fail in every test."""
     if os.geteuid() != 0:
         pytest.exit("the lab's tests make network namespaces: run them as root", 1)
-    if not (build_dir() / "vellb2").exists() or not (build_dir() / "vellbctl").exists():
-        pytest.exit(f"no vellb2 and vellbctl in {build_dir()}: run script/test, or "
+    if not all((build_dir() / name).exists() for name in ("vellb2", "vellbctl", "cpserver")):
+        pytest.exit(f"no vellb2, vellbctl and cpserver in {build_dir()}: run script/test, or "
                     "cmake --preset release && cmake --build --preset release", 1)
 
 
@@ -56,5 +56,5 @@ def pytest_runtest_makereport(item):
         for name, value in getattr(item, "funcargs", {}).items():
             several = value.daemons if name == "pair" else [value]
             for each in several:
-                if isinstance(each, Daemon) and each.process is not None:
+                if isinstance(each, Program) and each.process is not None:
                     report.sections.append((f"log of {name}: {each.node.name}", each.tail(60)))
