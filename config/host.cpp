@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "vellcfg/check.h"
 #include "vellhost/ifsync.h"
 
 namespace vellcfg
@@ -11,6 +12,7 @@ namespace vellcfg
 namespace
 {
 
+// Made by the forwarder for servers on its own host; no wire leads to it.
 constexpr const char *OWN_DEVICE = "veldra";
 
 } // namespace
@@ -27,6 +29,19 @@ std::vector<vellb::interface> used_interfaces(const service &wanted,
     std::vector<vellb::interface> used;
     std::ranges::copy_if(host, std::back_inserter(used), is_used);
     return used;
+}
+
+host_view view_host(const service &wanted)
+{
+    host_view view;
+    view.interfaces = used_interfaces(wanted, vellhost::read_host());
+    std::ranges::transform(check(wanted, &view.interfaces), std::back_inserter(view.warnings),
+                           finding_text);
+    std::vector<std::string> names;
+    std::ranges::transform(view.interfaces, std::back_inserter(names), &vellb::interface::name);
+    std::ranges::move(vellhost::seen_twice(vellhost::read_links(), names),
+                      std::back_inserter(view.warnings));
+    return view;
 }
 
 std::vector<step> interface_steps(const std::vector<vellb::interface> &used,

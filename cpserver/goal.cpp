@@ -8,7 +8,6 @@
 #include <set>
 
 #include "vellb/address.h"
-#include "vellcfg/check.h"
 #include "vellcfg/normalise.h"
 #include "vellcfg/reader.h"
 
@@ -17,9 +16,6 @@ namespace cpserver
 
 namespace
 {
-
-// Made by the forwarder for servers on its own host; no wire leads to it.
-constexpr const char *OWN_DEVICE = "veldra";
 
 constexpr size_t REFUSALS_MAX = 50;
 
@@ -30,16 +26,6 @@ std::string lines_of(const std::vector<vellcfg::finding> &findings)
         text += vellcfg::finding_text(each) + '\n';
     }
     return text;
-}
-
-std::vector<vellcfg::step> interface_steps(const std::vector<vellb::interface> &host,
-                                           const std::vector<vellb::interface> &actual)
-{
-    std::vector<vellcfg::step> steps;
-    for (vellhost::sync_step &each : vellhost::plan_sync(host, actual, {})) {
-        steps.push_back(vellcfg::step_of(std::move(each.command)));
-    }
-    return steps;
 }
 
 } // namespace
@@ -63,54 +49,20 @@ loaded load(const std::string &file)
     result.good = true;
     result.what.state = vellcfg::normalised(read.wanted);
     result.what.wanted = std::move(read.wanted);
-    const host_view host = view_host(result.what.wanted);
-    result.warnings = lines_of(vellcfg::check(result.what.wanted, &host.interfaces));
     return result;
 }
 
-host_view view_host(const vellcfg::service &wanted)
+vellcfg::plan plan_all(const goal &what, const vellcfg::host_view &host,
+                       const vellb::picture &actual)
 {
-    return choose_interfaces(wanted, vellhost::read_host(), vellhost::read_links());
+    return vellcfg::diff(what.state, actual,
+                         vellcfg::interface_steps(host.interfaces, actual.interfaces));
 }
 
-host_view choose_interfaces(const vellcfg::service &wanted,
-                            const std::vector<vellb::interface> &host,
-                            const std::vector<vellhost::link> &links)
+vellcfg::plan plan_interfaces(const vellcfg::host_view &host,
+                              const std::vector<vellb::interface> &actual)
 {
-    host_view view;
-    if (!wanted.interfaces) {
-        std::ranges::copy_if(host, std::back_inserter(view.interfaces),
-                             [](const auto &each) { return each.name != OWN_DEVICE; });
-        view.warnings = vellhost::seen_twice(links, {});
-        return view;
-    }
-    std::vector<std::string> names;
-    for (const vellcfg::interface_name &each : *wanted.interfaces) {
-        const auto found = std::ranges::find(host, each.name, &vellb::interface::name);
-        if (found != host.end()) {
-            view.interfaces.push_back(*found);
-        } else {
-            view.warnings.push_back(vellcfg::finding_text(
-                {each.at,
-                 fmt::format("this host has no interface {} (yet); see: ip link", each.name)}));
-        }
-        names.push_back(each.name);
-    }
-    if (!names.empty()) {
-        const auto twice = vellhost::seen_twice(links, names);
-        view.warnings.insert(view.warnings.end(), twice.begin(), twice.end());
-    }
-    return view;
-}
-
-vellcfg::plan plan_all(const goal &what, const host_view &host, const vellb::picture &actual)
-{
-    return vellcfg::diff(what.state, actual, interface_steps(host.interfaces, actual.interfaces));
-}
-
-vellcfg::plan plan_interfaces(const host_view &host, const std::vector<vellb::interface> &actual)
-{
-    return {interface_steps(host.interfaces, actual), {}};
+    return {vellcfg::interface_steps(host.interfaces, actual), {}};
 }
 
 applied apply_all(const vellb::client &daemon, std::vector<vellcfg::step> steps,

@@ -8,8 +8,8 @@
 
 #include "vellcfg/apply.h"
 #include "vellcfg/diff.h"
+#include "vellcfg/host.h"
 #include "vellcfg/model.h"
-#include "vellhost/ifsync.h"
 
 namespace cpserver
 {
@@ -23,27 +23,15 @@ struct goal {
 struct loaded {
     bool good = false;
     goal what{};
-    std::string errors{};   // one a line, with their places
-    std::string warnings{}; // the same
+    std::string errors{}; // one a line, with their places
 };
 loaded load(const std::string &file);
 
-// The host's interfaces that the daemon is to know.
-struct host_view {
-    std::vector<vellb::interface> interfaces{};
-    std::vector<std::string> warnings{};
-};
-// Throws std::system_error.
-host_view view_host(const vellcfg::service &wanted);
-
-// Which interfaces of the host the daemon is to use. Pure.
-host_view choose_interfaces(const vellcfg::service &wanted,
-                            const std::vector<vellb::interface> &host,
-                            const std::vector<vellhost::link> &links);
-
 // Everything, or the interfaces alone.
-vellcfg::plan plan_all(const goal &what, const host_view &host, const vellb::picture &actual);
-vellcfg::plan plan_interfaces(const host_view &host, const std::vector<vellb::interface> &actual);
+vellcfg::plan plan_all(const goal &what, const vellcfg::host_view &host,
+                       const vellb::picture &actual);
+vellcfg::plan plan_interfaces(const vellcfg::host_view &host,
+                              const std::vector<vellb::interface> &actual);
 
 struct applied {
     size_t done = 0; // steps carried out

@@ -21,7 +21,7 @@ int opened(const std::string &directory)
         throw std::system_error(errno, std::system_category(), "cannot make " + directory);
     }
     const std::string path = directory + "/lock";
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) {
         throw std::system_error(errno, std::system_category(), "cannot open " + path);
     }

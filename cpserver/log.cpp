@@ -1,6 +1,7 @@
 // One write(2) a record, so that records of this process never mix. One thread.
 #include "log.h"
 
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -15,11 +16,21 @@ namespace
 
 bool verbose_wanted = false;
 
+// systemd.exec(5): "$JOURNAL_STREAM" names the device and inode of the stream, for what inherits
+// the variable but writes elsewhere.
+bool goes_to_journal()
+{
+    const char *stream = getenv("JOURNAL_STREAM"); // NOLINT(concurrency-mt-unsafe): one thread
+    struct stat status {
+    };
+    return stream != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
+           stream == fmt::format("{}:{}", status.st_dev, status.st_ino);
+}
+
 std::string intro(level_e level)
 {
-    // The journal keeps its own time.
-    static const bool to_journal = getenv("JOURNAL_STREAM") != nullptr; // NOLINT: one thread
-    if (to_journal) {
+    static const bool to_journal = goes_to_journal();
+    if (to_journal) { // which keeps its own time
         return fmt::format("<{}>", static_cast<int>(level));
     }
     timeval now{};

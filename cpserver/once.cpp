@@ -17,7 +17,7 @@ namespace
 
 constexpr auto PATIENCE = std::chrono::seconds(15); // the daemon gives a stalled client ten
 
-// The file's errors or warnings are said here.
+// The file's errors are said here.
 bool read_file(const options &asked, goal &into)
 {
     loaded read = load(asked.file);
@@ -25,17 +25,22 @@ bool read_file(const options &asked, goal &into)
         fmt::print(stderr, "{}", read.errors);
         return false;
     }
-    fmt::print(stderr, "{}", read.warnings);
     into = std::move(read.what);
     return true;
 }
 
-vellcfg::plan plan_now(const goal &what, const vellb::client &daemon)
+vellcfg::host_view warned_view(const goal &what)
 {
-    const host_view host = view_host(what.wanted);
+    vellcfg::host_view host = vellcfg::view_host(what.wanted);
     for (const std::string &each : host.warnings) {
         fmt::print(stderr, "{}\n", each);
     }
+    return host;
+}
+
+vellcfg::plan plan_now(const goal &what, const vellb::client &daemon)
+{
+    const vellcfg::host_view host = warned_view(what);
     const vellcfg::plan plan = plan_all(what, host, vellb::read_picture(daemon));
     for (const std::string &note : plan.notes) {
         fmt::print(stderr, "{}\n", note);
@@ -65,6 +70,7 @@ int check_file(const options &asked)
         if (!read_file(asked, what)) {
             return EXIT_WRONG_FILE;
         }
+        (void)warned_view(what);
         size_t ports = 0;
         size_t servers = 0;
         for (const vellcfg::cluster &cluster : what.wanted.clusters) {

@@ -41,7 +41,7 @@ int signals_taken()
 {
     sigset_t taken;
     sigemptyset(&taken);
-    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) {
         sigaddset(&taken, number);
     }
     sigprocmask(SIG_BLOCK, &taken, nullptr);
@@ -123,9 +123,6 @@ bool service::read_configuration()
         return false;
     }
     bad_file_.over(asked_.file + " can be read again");
-    if (!read.warnings.empty()) {
-        log_text(level_e::WARNING, read.warnings);
-    }
     goal_ = std::move(read.what);
     return true;
 }
@@ -162,6 +159,8 @@ void service::on_signals()
     while (read(signals_.get(), &info, sizeof(info)) == sizeof(info)) {
         if (info.ssi_signo == SIGHUP) {
             reload = true;
+        } else if (info.ssi_signo == SIGUSR1) {
+            relay_takeover();
         } else {
             stopping_ = true;
             loop_.stop();
@@ -172,6 +171,30 @@ void service::on_signals()
         tell_reloading();
         wish("SIGHUP", scope_e::EVERYTHING, 0ms);
         (void)read_configuration();
+    }
+}
+
+// Asked for now, so tried now and never later.
+void service::relay_takeover()
+{
+    try {
+        switch (vellb::take_over(daemon_)) {
+        case vellb::takeover_e::ACTIVE:
+            log(level_e::NOTICE, "SIGUSR1: took over: this node is active");
+            break;
+        case vellb::takeover_e::ALONE:
+            log(level_e::ERROR, "SIGUSR1: no takeover: this node has no partner; a pair has the "
+                                "section 'ha' in its files");
+            break;
+        case vellb::takeover_e::YIELDED:
+            log(level_e::ERROR, "SIGUSR1: this node took over and yielded again: its partner "
+                                "claimed the addresses at the same moment; look at both nodes");
+            break;
+        }
+    } catch (const vellb::fault &error) {
+        log(level_e::ERROR, "SIGUSR1: no takeover: {}; {}", error.what(), error.hint());
+    } catch (const vellb::refused &error) {
+        log(level_e::ERROR, "SIGUSR1: no takeover: {}", error.what());
     }
 }
 
@@ -293,12 +316,14 @@ void service::pass()
 
 bool service::look_and_act(scope_e scope, const std::string &why)
 {
-    const host_view host = view_host(goal_.wanted);
-    if (host.warnings.empty()) {
-        bad_host_.over();
-    } else {
-        bad_host_.say(fmt::format("{}", fmt::join(host.warnings, "\n")));
+    vellcfg::host_view host = vellcfg::view_host(goal_.wanted);
+    for (const std::string &each : host.warnings) {
+        if (!std::ranges::binary_search(warned_of_, each)) {
+            log_text(level_e::WARNING, each);
+        }
     }
+    std::ranges::sort(host.warnings);
+    warned_of_ = std::move(host.warnings);
     vellb::picture actual;
     actual.executor = vellb::read_executor(daemon_);
     if (meet(actual.executor.readings) || scope == scope_e::EVERYTHING || !reachable_) {

@@ -16,6 +16,7 @@
 #include "options.h"
 #include "vellb/client.h"
 #include "vellcfg/apply.h"
+#include "vellhost/ifsync.h"
 
 namespace cpserver
 {
@@ -43,6 +44,7 @@ class service
     void look_at_files();
 
     void on_signals();
+    void relay_takeover();
     void on_files();
     void on_socket();
     void on_tick();
@@ -78,9 +80,9 @@ class service
     std::string seen_signature_{}; // at the last tick
     complaint bad_file_{};
     complaint bad_daemon_{};
-    complaint bad_host_{level_e::WARNING};
     complaint bad_guard_{};
     complaint bad_version_{level_e::WARNING};
+    std::vector<std::string> warned_of_{}; // at the last pass, sorted
     std::unique_ptr<guard> guard_{};
     bool swept_ = false; // what an earlier cpserver left of its guard is gone
 

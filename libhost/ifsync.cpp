@@ -149,7 +149,7 @@ std::vector<std::string> seen_twice(const std::vector<link> &links,
                                     const std::vector<std::string> &used)
 {
     const auto is_used = [&](const std::string &name) {
-        return used.empty() || std::ranges::find(used, name) != used.end();
+        return std::ranges::find(used, name) != used.end();
     };
     std::vector<std::string> warnings;
     for (const link &each : links) {

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "vellb/surprises.h"
+
 namespace vellb
 {
 
@@ -172,6 +174,18 @@ picture read_picture(const client &daemon)
     }
     result.interfaces = read_interfaces(daemon);
     return result;
+}
+
+takeover_e take_over(const client &daemon)
+{
+    lbexe_setable_t settings = read_executor(daemon).settings;
+    if (!is_paired(settings.ha)) {
+        return takeover_e::ALONE;
+    }
+    settings.ha.manualtakeover = 1;
+    run(daemon, {CONFIG, LBCMD_ACTION_SET, executor_key(), {}, bytes_of(settings)});
+    return read_executor(daemon).readings.ha.state == LBHA_STATE_ACTIVE ? takeover_e::ACTIVE
+                                                                        : takeover_e::YIELDED;
 }
 
 } // namespace vellb

@@ -38,10 +38,10 @@ vellcfg::service read(const session &s)
     return std::move(got.wanted);
 }
 
-std::vector<vellb::interface> host_interfaces(const vellcfg::service &wanted)
+vellcfg::host_view view_machine(const vellcfg::service &wanted)
 {
     try {
-        return vellcfg::used_interfaces(wanted, vellhost::read_host());
+        return vellcfg::view_host(wanted);
     } catch (const std::system_error &error) {
         throw declined(error.what(), "nothing was changed; try again");
     }
@@ -50,17 +50,17 @@ std::vector<vellb::interface> host_interfaces(const vellcfg::service &wanted)
 vellcfg::plan plan_for(session &s)
 {
     const vellcfg::service wanted = read(s);
-    const auto host = host_interfaces(wanted);
+    const vellcfg::host_view host = view_machine(wanted);
     const bool none_wanted = wanted.interfaces && wanted.interfaces->empty();
-    if (!none_wanted && !vellhost::is_usable(host)) {
+    if (!none_wanted && !vellhost::is_usable(host.interfaces)) {
         throw declined("no interface that the file lets the daemon use is up and has an address",
                        "nothing was changed; run this in the daemon's network namespace, or see: "
                        "ip address");
     }
-    s.warn(lines(vellcfg::check(wanted, &host)));
+    s.warn(host.warnings);
     const vellb::picture now = vellb::read_picture(s.daemon);
     return vellcfg::diff(vellcfg::normalised(wanted), now,
-                         vellcfg::interface_steps(host, now.interfaces));
+                         vellcfg::interface_steps(host.interfaces, now.interfaces));
 }
 
 void show(session &s, const vellcfg::plan &plan)
@@ -102,8 +102,7 @@ void file_check(session &s)
     const vellcfg::service wanted = read(s);
     std::vector<std::string> warnings;
     try {
-        const auto host = vellcfg::used_interfaces(wanted, vellhost::read_host());
-        warnings = lines(vellcfg::check(wanted, &host));
+        warnings = vellcfg::view_host(wanted).warnings;
     } catch (const std::system_error &) {
         warnings = lines(vellcfg::check(wanted, nullptr));
     }

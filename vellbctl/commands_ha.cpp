@@ -107,18 +107,14 @@ void ha_set(session &s)
 
 void ha_takeover(session &s)
 {
-    lbexe_setable_t block = read_settings(s);
-    if (!vellb::is_paired(block.ha)) {
+    switch (vellb::take_over(s.daemon)) {
+    case vellb::takeover_e::ACTIVE: break;
+    case vellb::takeover_e::ALONE:
         throw declined(
-            fmt::format("this node has no partner: its role is {}",
-                        vellb::name_of(vellb::ha_roles(), block.ha.role)),
+            "this node has no partner: its role is solo",
             "give it one: vellbctl ha set --role primary|backup --port PORT, and: vellbctl "
             "heartbeat add LOCAL PARTNER");
-    }
-    block.ha.manualtakeover = 1;
-    write_settings(s, block);
-    const lb_u8_t state = vellb::read_executor(s.daemon).readings.ha.state;
-    if (state != LBHA_STATE_ACTIVE) {
+    case vellb::takeover_e::YIELDED:
         throw declined("this node took over and yielded again: its partner claimed the addresses "
                        "at the same moment",
                        "look at both nodes, and ask again if need be: vellbctl ha show");
@@ -126,7 +122,7 @@ void ha_takeover(session &s)
     s.answer("took over: this node is active\n",
              {{"done", "took over"},
               {"object", "ha"},
-              {"state", vellb::name_of(vellb::ha_states(), state)}});
+              {"state", vellb::name_of(vellb::ha_states(), LBHA_STATE_ACTIVE)}});
 }
 
 void heartbeat_add(session &s)

@@ -201,17 +201,20 @@ def test_reload_under_load_costs_untouched_services_nothing(web, daemon, control
     assert sorted(load.got) == list(range(load.sent))  # workers may overtake each other
 
 
-def test_manual_takeover_is_not_undone(web, daemon, control):
+def test_manual_takeover_is_relayed_and_not_undone(web, daemon, control):
+    control.start()
+    control.process.send_signal(signal.SIGUSR1)
+    control.wait_log("SIGUSR1: no takeover: this node has no partner")
     pair = {"role": "backup", "takeover": "manual", "timeout": "30s", "port": 12345,
             "heartbeats": [{"local": web.FORWARDER, "partner": web.server_address(3)}]}
-    control.write(text(ha=pair))
-    control.start()
+    control.change(text(ha=pair))
 
     def state():
         return daemon.command(command.GET, command.config_key())["get"][160]
 
     assert state() == 2
-    daemon.ctl("ha takeover")
+    control.process.send_signal(signal.SIGUSR1)
+    control.wait_log("SIGUSR1: took over")
     assert state() == 1
     mark, said = daemon.mark(), control.mark()
     control.process.send_signal(signal.SIGHUP)

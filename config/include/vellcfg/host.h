@@ -1,6 +1,7 @@
 // The interfaces of this machine as the configuration wants the daemon to know them.
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "vellcfg/diff.h"
@@ -13,6 +14,15 @@ namespace vellcfg
 // the daemon makes itself for servers on this machine. Pure.
 std::vector<vellb::interface> used_interfaces(const service &wanted,
                                               const std::vector<vellb::interface> &host);
+
+// Those of this machine, and what the configuration asks for and will not get on it: one text each,
+// those about the file with their places.
+struct host_view {
+    std::vector<vellb::interface> interfaces{};
+    std::vector<std::string> warnings{};
+};
+// Throws std::system_error.
+host_view view_host(const service &wanted);
 
 // What makes the daemon's interface tree say what `used` says, for diff(). Pure.
 std::vector<step> interface_steps(const std::vector<vellb::interface> &used,

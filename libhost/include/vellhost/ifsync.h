@@ -31,7 +31,7 @@ struct link {
 // Every interface but loopbacks, in the host's order. Throws std::system_error.
 std::vector<link> read_links();
 
-// Warnings about interfaces among `used` (empty: all) whose frames reach the daemon twice, because
+// Warnings about interfaces among `used` whose frames reach the daemon twice, because
 // a packet socket sees them on a bridge or bond and once more on its member. Pure.
 std::vector<std::string> seen_twice(const std::vector<link> &links,
                                     const std::vector<std::string> &used);

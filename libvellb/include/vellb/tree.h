@@ -93,4 +93,12 @@ std::optional<interface> read_interface(const client &daemon, const std::string 
 std::vector<interface> read_interfaces(const client &daemon);
 picture read_picture(const client &daemon);
 
+enum class takeover_e {
+    ACTIVE,
+    ALONE,   // no partner, so there is nothing to take over: not asked
+    YIELDED, // the partner claimed the addresses at the same moment
+};
+// Asks the node to take its partner's place now: what became of it.
+takeover_e take_over(const client &daemon);
+
 } // namespace vellb
