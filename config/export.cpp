@@ -275,9 +275,7 @@ std::string exported(const vellb::picture &now)
     to.executor(now.executor);
     to.interfaces(now.interfaces);
     to.ha(now.executor);
-    if (!now.clusters.empty()) {
-        to.line(0, "clusters:");
-    }
+    to.line(0, now.clusters.empty() ? "clusters: []" : "clusters:");
     for (const vellb::cluster &each : now.clusters) {
         to.cluster(each);
     }

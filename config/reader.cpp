@@ -393,8 +393,15 @@ class gatherer
 
     void add(const source &from)
     {
+        const size_t before = result.errors.size();
         const node_ptr root = parse_document(from.name, from.text, result.errors);
         if (root == nullptr || root->kind == kind_e::NOTHING) {
+            // A file cut off at its beginning must not take everything down.
+            if (result.errors.size() == before) {
+                result.errors.push_back({{from.name, 1, 1},
+                                         "the file says nothing; if nothing shall be served, "
+                                         "write: clusters: []"});
+            }
             return;
         }
         context to(from.name, result.errors);

@@ -3,7 +3,6 @@
 #include "goal.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <fmt/format.h>
 #include <set>
 
@@ -33,14 +32,6 @@ std::string lines_of(const std::vector<vellcfg::finding> &findings)
 loaded load(const std::string &file)
 {
     loaded result;
-    // A file cut off at its beginning must not take everything down.
-    std::error_code unreadable;
-    if (std::filesystem::file_size(file, unreadable) == 0 && !unreadable) {
-        result.errors = fmt::format("{}: the file is empty; if nothing shall be served, write: "
-                                    "clusters: []\n",
-                                    file);
-        return result;
-    }
     vellcfg::reading read = vellcfg::read_files(file);
     if (!read.errors.empty()) {
         result.errors = lines_of(read.errors);

@@ -79,7 +79,7 @@ int check_file(const options &asked)
                 servers += port.servers.size();
             }
         }
-        fmt::print("{} is good: {} clusters, {} ports, {} servers\n", asked.file,
+        fmt::print("{} is good; clusters: {}, ports: {}, servers: {}\n", asked.file,
                    what.wanted.clusters.size(), ports, servers);
         return EXIT_DONE;
     });
