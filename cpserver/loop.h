@@ -2,34 +2,17 @@
 // Functions may watch, unwatch and set timers, their own too.
 #pragma once
 
-#include <unistd.h>
-
 #include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
 
+#include "vellb/descriptor.h"
+
 namespace cpserver
 {
 
-class descriptor
-{
-  public:
-    descriptor() = default;
-    explicit descriptor(int fd) : fd_(fd) {}
-    descriptor(const descriptor &) = delete;
-    descriptor &operator=(const descriptor &) = delete;
-    ~descriptor()
-    {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    [[nodiscard]] int get() const { return fd_; }
-
-  private:
-    int fd_ = -1;
-};
+using vellb::descriptor;
 
 // `fd`, or std::system_error with errno and `what` if it is negative.
 int checked(int fd, const char *what);

@@ -13,6 +13,8 @@
 #include <fmt/format.h>
 #include <poll.h>
 
+#include "vellb/descriptor.h"
+
 namespace vellb
 {
 
@@ -25,24 +27,6 @@ std::string error_text(int error)
 {
     return std::system_category().message(error);
 }
-
-class descriptor
-{
-  public:
-    explicit descriptor(int fd) : fd_(fd) {}
-    descriptor(const descriptor &) = delete;
-    descriptor &operator=(const descriptor &) = delete;
-    ~descriptor()
-    {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    [[nodiscard]] int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
 
 fault unreachable(const std::string &path, int error)
 {
