@@ -10,6 +10,7 @@
 #include "lb_executor.h"
 #include "lb_icmp.h"
 #include "lb_ip.h"
+#include "lb_tcpudp.h"
 
 namespace
 {
@@ -186,14 +187,15 @@ int _lbipv4_pbuf_entry(lbpbuf_obj_t *pkt)
 
 // A reset as it lies on the wire.
 struct reset_s {
-    lbeth_hdr_t eth;
     lbipv4_hdr_t ip;
     lbtcp_hdr_t tcp;
 };
-static_assert(sizeof(reset_s) == 54);
+static_assert(sizeof(reset_s) <= LBTCPUDP_RESETMAX && alignof(reset_s) == 1);
 
-void _lbipv4_fillreset(reset_s *reset, const lbipv4_hdr_t *iph, const lbtcp_hdr_t *tcp)
+int _lbipv4_fillreset(const lbpbuf_obj_t *pkt, const lbtcp_hdr_t *tcp, void *out)
 {
+    const lbipv4_hdr_t *iph = pkt->p.v4;
+    auto *reset = static_cast<reset_s *>(out);
     *reset = reset_s{};
     reset->ip.verihl = 0x45;
     lb_put16(reset->ip.totlen, sizeof(lbipv4_hdr_t) + sizeof(lbtcp_hdr_t));
@@ -204,13 +206,9 @@ void _lbipv4_fillreset(reset_s *reset, const lbipv4_hdr_t *iph, const lbtcp_hdr_
     os_memcpy(reset->ip.dst, iph->src, sizeof(reset->ip.dst));
     lb_put16(reset->ip.csum, lbipv4_checksum(&reset->ip.verihl));
 
-    reset->tcp.sport = tcp->dport;
-    reset->tcp.dport = tcp->sport;
-    reset->tcp.seq = tcp->ack;
-    reset->tcp.ack = tcp->seq;
-    reset->tcp.dataoff = sizeof(lbtcp_hdr_t) / 4 << 4;
-    reset->tcp.flags = LBTCP_RST;
+    lbtcpudp_fillreset(&reset->tcp, tcp);
     lb_put16(reset->tcp.csum, _lbipv4_tcpchecksum(&reset->ip, &reset->tcp, sizeof(lbtcp_hdr_t)));
+    return sizeof(*reset);
 }
 
 } // namespace
@@ -287,28 +285,7 @@ lb_u16_t lbipv4_foldsum(lb_u32_t sum)
 int _lbipv4_pbuf_sendreset(lbpbuf_obj_t *pkt)
 {
     LB_LOG(LB_LOG_TCPUDP, "ipv4 lbtcp_sendreset entered\n");
-    const lbneigh_obj_t *neigh = pkt->ipfuncs->getclientgwneigh(pkt);
-    lbneigh_route_t *route = neigh != nullptr ? lb_peekptr(neigh->route) : nullptr;
-    if (route == nullptr) {
-        LB_LOG(LB_LOG_TCPUDP, "sendreset: no neigh or no interface\n");
-        return -1;
-    }
-    const lbtcp_hdr_t *tcp = lb_view<lbtcp_hdr_t>(pkt->ulp.vd, lbpbuf_ulplen(pkt));
-    if (tcp == nullptr) {
-        LB_LOG(LB_LOG_TCPUDP, "sendreset: no sequence numbers\n");
-        return -1;
-    }
-    reset_s reset;
-    _lbipv4_fillreset(&reset, pkt->p.v4, tcp);
-    const lbeth_addr_align_t dst = lb_peek(neigh->eaddr);
-    const lbeth_addr_align_t src = lb_peek(route->ifin->setable.ethaddr);
-    os_memcpy(reset.eth.dst.b, dst.b, LBETH_ADDRLEN);
-    os_memcpy(reset.eth.src.b, src.b, LBETH_ADDRLEN);
-    lb_put16(reset.eth.type, LBETH_TYPE_IPV4);
-    void *eth = lbifin_haslinkheader(route->ifin) ? &reset.eth : nullptr;
-    LB_LOG(LB_LOG_TCPUDP | LB_LOG_FAILURE, "Calling os_packetxmit\n");
-    os_packetxmit(eth, &reset.ip, sizeof(reset.ip) + sizeof(reset.tcp), &route->xmithndl, nullptr);
-    return 0;
+    return lbtcpudp_sendreset(pkt, LBETH_TYPE_IPV4, _lbipv4_fillreset);
 }
 
 const lbpbuf_ipfuncs_prv_s lbipv4_funcs = {

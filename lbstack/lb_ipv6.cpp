@@ -12,6 +12,7 @@
 #include "lb_icmpv6.h"
 #include "lb_ip.h"
 #include "lb_ipv4.h"
+#include "lb_tcpudp.h"
 
 namespace
 {
@@ -210,14 +211,15 @@ int _lbipv6_pbuf_entry(lbpbuf_obj_t *pkt)
 
 // A reset as it lies on the wire.
 struct reset_s {
-    lbeth_hdr_t eth;
     lbipv6_hdr_t ip;
     lbtcp_hdr_t tcp;
 };
-static_assert(sizeof(reset_s) == 74);
+static_assert(sizeof(reset_s) <= LBTCPUDP_RESETMAX && alignof(reset_s) == 1);
 
-void _lbipv6_fillreset(reset_s *reset, const lbipv6_hdr_t *iph, const lbtcp_hdr_t *tcp)
+int _lbipv6_fillreset(const lbpbuf_obj_t *pkt, const lbtcp_hdr_t *tcp, void *out)
 {
+    const lbipv6_hdr_t *iph = pkt->p.v6;
+    auto *reset = static_cast<reset_s *>(out);
     *reset = reset_s{};
     reset->ip.verclassflow.b[0] = 6 << 4;
     lb_put16(reset->ip.payloadlen, sizeof(lbtcp_hdr_t));
@@ -226,14 +228,10 @@ void _lbipv6_fillreset(reset_s *reset, const lbipv6_hdr_t *iph, const lbtcp_hdr_
     os_memcpy(reset->ip.src, iph->dst, sizeof(reset->ip.src));
     os_memcpy(reset->ip.dst, iph->src, sizeof(reset->ip.dst));
 
-    reset->tcp.sport = tcp->dport;
-    reset->tcp.dport = tcp->sport;
-    reset->tcp.seq = tcp->ack;
-    reset->tcp.ack = tcp->seq;
-    reset->tcp.dataoff = sizeof(lbtcp_hdr_t) / 4 << 4;
-    reset->tcp.flags = LBTCP_RST;
+    lbtcpudp_fillreset(&reset->tcp, tcp);
     _lbipv6_sumtcp(&reset->ip, sizeof(reset->ip) + sizeof(reset->tcp), &reset->tcp,
                    sizeof(reset->tcp));
+    return sizeof(*reset);
 }
 
 } // namespace
@@ -296,28 +294,7 @@ lb_u32_t lbipv6_pseudohdrsum(lbipv6_hdr_t *iph, int len)
 int _lbipv6_pbuf_sendreset(lbpbuf_obj_t *pkt)
 {
     LB_LOG(LB_LOG_TCPUDP, "ipv6 _lbipv6_pbuf_sendreset entered\n");
-    const lbneigh_obj_t *neigh = pkt->ipfuncs->getclientgwneigh(pkt);
-    lbneigh_route_t *route = neigh != nullptr ? lb_peekptr(neigh->route) : nullptr;
-    if (route == nullptr) {
-        LB_LOG(LB_LOG_TCPUDP, "sendreset: no neigh or no interface\n");
-        return -1;
-    }
-    const lbtcp_hdr_t *tcp = lb_view<lbtcp_hdr_t>(pkt->ulp.vd, lbpbuf_ulplen(pkt));
-    if (tcp == nullptr) {
-        LB_LOG(LB_LOG_TCPUDP, "sendreset: no sequence numbers\n");
-        return -1;
-    }
-    reset_s reset;
-    _lbipv6_fillreset(&reset, pkt->p.v6, tcp);
-    const lbeth_addr_align_t dst = lb_peek(neigh->eaddr);
-    const lbeth_addr_align_t src = lb_peek(route->ifin->setable.ethaddr);
-    os_memcpy(reset.eth.dst.b, dst.b, LBETH_ADDRLEN);
-    os_memcpy(reset.eth.src.b, src.b, LBETH_ADDRLEN);
-    lb_put16(reset.eth.type, LBETH_TYPE_IPV6);
-    void *eth = lbifin_haslinkheader(route->ifin) ? &reset.eth : nullptr;
-    LB_LOG(LB_LOG_TCPUDP | LB_LOG_FAILURE, "Calling os_packetxmit\n");
-    os_packetxmit(eth, &reset.ip, sizeof(reset.ip) + sizeof(reset.tcp), &route->xmithndl, nullptr);
-    return 0;
+    return lbtcpudp_sendreset(pkt, LBETH_TYPE_IPV6, _lbipv6_fillreset);
 }
 
 const lbpbuf_ipfuncs_prv_s lbipv6_funcs = {

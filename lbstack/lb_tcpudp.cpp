@@ -8,7 +8,9 @@
 
 #include "lb_cluster.h"
 #include "lb_forward.h"
+#include "lb_interface.h"
 #include "lb_linkedlist.h"
+#include "lb_neigh.h"
 #include "lb_pbuf.h"
 #include "lb_port.h"
 #include "lb_select.h"
@@ -113,4 +115,43 @@ lb_u16_t lbtcpudp_pbuf_getsport(lbpbuf_obj_t *pkt)
     const lbtcpudp_hdr_t *ports = _lbtcpudp_ports(pkt);
     pkt->ip.sport_hbo = ports != nullptr ? lb_get16(ports->sport) : lb_u16_t{0};
     return pkt->ip.sport_hbo;
+}
+
+void lbtcpudp_fillreset(lbtcp_hdr_t *reset, const lbtcp_hdr_t *tcp)
+{
+    reset->sport = tcp->dport;
+    reset->dport = tcp->sport;
+    reset->seq = tcp->ack;
+    reset->ack = tcp->seq;
+    reset->dataoff = sizeof(lbtcp_hdr_t) / 4 << 4;
+    reset->flags = LBTCP_RST;
+}
+
+int lbtcpudp_sendreset(lbpbuf_obj_t *pkt, lb_u16_t ethtype, lbtcpudp_fillreset_fn fill)
+{
+    const lbneigh_obj_t *neigh = pkt->ipfuncs->getclientgwneigh(pkt);
+    lbneigh_route_t *route = neigh != nullptr ? lb_peekptr(neigh->route) : nullptr;
+    if (route == nullptr) {
+        LB_LOG(LB_LOG_TCPUDP, "sendreset: no neigh or no interface\n");
+        return -1;
+    }
+    const lbtcp_hdr_t *tcp = lb_view<lbtcp_hdr_t>(pkt->ulp.vd, lbpbuf_ulplen(pkt));
+    if (tcp == nullptr) {
+        LB_LOG(LB_LOG_TCPUDP, "sendreset: no sequence numbers\n");
+        return -1;
+    }
+    struct {
+        lbeth_hdr_t eth;
+        lb_u8_t reset[LBTCPUDP_RESETMAX];
+    } frame;
+    const int len = fill(pkt, tcp, frame.reset);
+    const lbeth_addr_align_t dst = lb_peek(neigh->eaddr);
+    const lbeth_addr_align_t src = lb_peek(route->ifin->setable.ethaddr);
+    os_memcpy(frame.eth.dst.b, dst.b, LBETH_ADDRLEN);
+    os_memcpy(frame.eth.src.b, src.b, LBETH_ADDRLEN);
+    lb_put16(frame.eth.type, ethtype);
+    void *link = lbifin_haslinkheader(route->ifin) ? &frame.eth : nullptr;
+    LB_LOG(LB_LOG_TCPUDP | LB_LOG_FAILURE, "Calling os_packetxmit\n");
+    os_packetxmit(link, frame.reset, len, &route->xmithndl, nullptr);
+    return 0;
 }
