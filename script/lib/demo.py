@@ -8,6 +8,7 @@ addresses through a router and back; "gre" and "ipip" inside other packets throu
 answers straight to the client. -6 shows it over IPv6, which goes with "direct" and "nat".
 
 --ha shows a pair of forwarders instead: a download goes on while the active one is killed.
+--control shows the control server: one file, changed under load, and a forwarder that is killed.
 
 Needs root. Installs missing packages, builds the daemon and vellbctl, makes a small network of
 namespaces on this machine, and takes it away again. Nothing is plugged into the host's network.
@@ -24,6 +25,7 @@ sys.dont_write_bytecode = True
 import steps  # noqa: E402
 
 sys.path.insert(0, str(steps.REPO))
+import demo_control  # noqa: E402
 import demo_ha  # noqa: E402
 from demo_modes import MODES, WEIGHTS  # noqa: E402
 from lab import Lab, LabError, mac_of, wait_until  # noqa: E402
@@ -233,11 +235,11 @@ def show(args):
             raise steps.StepFailed(f"{RUN / lab.ident} is still there")
 
 
-def show_pair():
-    """The demonstration of a pair."""
+def show_other(scene):
+    """The demonstration of a pair or of the control server."""
     with Lab() as lab:
         try:
-            demo_ha.run(lab, command)
+            scene.run(lab, command)
         except LabError as e:
             raise steps.StepFailed(str(e)) from e
     with steps.Step("everything taken away"):
@@ -254,6 +256,7 @@ def main():
     parser.add_argument("-6", "--ipv6", action="store_true", help="over IPv6 (direct and nat)")
     parser.add_argument("--ha", action="store_true",
                         help="show a pair of forwarders, one of which is killed")
+    parser.add_argument("--control", action="store_true", help="show the control server")
     parser.add_argument("--requests", type=int, default=1000, metavar="N",
                         help="how many HTTP requests the client sends (default 1000)")
     parser.add_argument("--keep", action="store_true", help="leave the lab up until Ctrl-C")
@@ -262,8 +265,8 @@ def main():
         parser.error(f"argument --requests: {args.requests} is not from 10 to 100000")
     if args.ipv6 and not MODES[args.mode].ipv6:
         parser.error(f"argument -6/--ipv6: {args.mode} tunnels carry IPv4 only")
-    if args.ha and (args.keep or args.ipv6 or args.mode != "direct"):
-        parser.error("argument --ha: does not go with --mode, -6 and --keep")
+    if args.ha + args.control + (args.keep or args.ipv6 or args.mode != "direct") > 1:
+        parser.error("--ha and --control go with nothing else but --requests")
     if os.geteuid() != 0:
         raise steps.StepFailed("network namespaces need root: run it as root")
     steps.bootstrap()
@@ -271,9 +274,9 @@ def main():
         pass
     os.environ.pop("VELL_BUILD", None)
     with steps.Step("build (build/release)") as step:
-        steps.build("release", ["vellb2", "vellbctl"], step, LOGS / "build.log")
-    if args.ha:
-        show_pair()
+        steps.build("release", ["vellb2", "vellbctl", "cpserver"], step, LOGS / "build.log")
+    if args.ha or args.control:
+        show_other(demo_ha if args.ha else demo_control)
     else:
         show(args)
     return 0
