@@ -35,8 +35,9 @@ std::optional<options> parse_options(int argc, char **argv, int &status)
     modes->require_option(0, 1);
     app.add_flag("-v,--verbose", wanted.verbose, "log passes that change nothing, too");
     app.set_version_flag("--version", "cpserver " VELL_VERSION);
-    app.footer("SIGHUP reads the file again, as any change of it does; SIGUSR1 asks for a takeover; "
-               "SIGTERM ends.\nThe forwarder goes on as it is. See cpserver(8).");
+    app.footer(
+        "SIGHUP reads the file again, as any change of it does; SIGUSR1 asks for a takeover; "
+        "SIGTERM ends.\nThe forwarder goes on as it is. See cpserver(8).");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

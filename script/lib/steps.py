@@ -10,6 +10,7 @@ import re
 import shlex
 import signal
 import subprocess
+import textwrap
 import sys
 import time
 
@@ -93,7 +94,7 @@ def logged(argv, log, on_line=None, env=None, append=False, cwd=REPO):
     """Runs a command with its output in a file; on_line sees each line. Raises StepFailed."""
     log = pathlib.Path(log)
     log.parent.mkdir(parents=True, exist_ok=True)
-    command = shlex.join(str(a) for a in argv)
+    command = textwrap.shorten(shlex.join(str(a) for a in argv), 400, placeholder=" ...")
     with open(log, "a" if append else "w", encoding="utf-8") as out:
         out.write(f"$ {command}\n")
         out.flush()
