@@ -37,7 +37,7 @@ def tracked(*patterns):
     """Files under version control that match, as paths from the top."""
     out = subprocess.run(["git", "ls-files", "--", *patterns], cwd=steps.REPO, check=True,
                          capture_output=True, text=True).stdout
-    return [path for path in out.splitlines() if (steps.REPO / path).exists()]
+    return [path for path in out.splitlines() if (steps.REPO / path).is_file()]
 
 
 def first_line(path):

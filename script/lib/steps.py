@@ -10,8 +10,8 @@ import re
 import shlex
 import signal
 import subprocess
-import textwrap
 import sys
+import textwrap
 import time
 
 REPO = pathlib.Path(__file__).resolve().parents[2]
