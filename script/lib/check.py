@@ -6,8 +6,8 @@
   format   clang-format, sh -n, Python's own compiler over every tracked file
   tidy     clang-tidy over what is installed, warnings as errors
   clang    everything built by clang; -Wthread-safety is an error
-  asan     unit, stack, fuzz and thread tests, and removal under load in the lab,
-           under AddressSanitizer and UndefinedBehaviorSanitizer
+  asan     unit, stack, fuzz and thread tests, and in the lab removal under load and the
+           control server, under AddressSanitizer and UndefinedBehaviorSanitizer
   tsan     unit, stack, fuzz and thread tests under ThreadSanitizer
   fuzz     each fuzz target for a minute, from its corpus
 
@@ -29,6 +29,7 @@ import steps  # noqa: E402
 
 LOGS = steps.REPO / "build/check"
 PROGRAMS = ["vell_tests", "vell_fuzz", "vell_threads"]  # under the sanitizers
+ASAN_LAB = ("removal", "cpserver")
 # What is installed, and the test host.
 LINTED = ("lbstack", "os", "libvellb", "libhost", "config", "vellbctl", "cpserver")
 
@@ -117,14 +118,14 @@ def check_asan(step):
     env = {"ASAN_OPTIONS": "detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1",
            "UBSAN_OPTIONS": "print_stacktrace=1"}
     run_programs("asan", step, env, PROGRAMS)
-    removal = steps.REPO / "tests/lab/test_removal.py"
-    if removal.exists() and os.geteuid() == 0 and {"vellb2", "vellbctl"} <= steps.targets_of("asan"):
-        steps.build("asan", ["vellb2", "vellbctl"], step)
-        step.progress("removal under load")
-        steps.logged([sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider", removal],
+    if os.geteuid() == 0:
+        steps.build("asan", ["vellb2", "vellbctl", "cpserver"], step)
+        step.progress("in the lab")
+        steps.logged([sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider",
+                      *[steps.REPO / "tests/lab" / f"test_{name}.py" for name in ASAN_LAB]],
                      LOGS / "asan-lab.log",
                      env=dict(os.environ, VELL_BUILD="build/asan", PYTHONDONTWRITEBYTECODE="1", **env))
-        step.note += ", removal under load"
+        step.note += ", in the lab: " + ", ".join(ASAN_LAB)
 
 
 def check_tsan(step):
