@@ -219,6 +219,7 @@ class BackgroundDaemon(Daemon):
     def __init__(self, node, *args, **kwargs):
         super().__init__(node, *args, **kwargs)
         self.argv.remove("-f")
+        self.records = []  # What syslog was sent, as it came.
         self._syslog = None
 
     def _launch(self):
@@ -247,7 +248,9 @@ class BackgroundDaemon(Daemon):
         self._syslog.settimeout(0.5)
         while self.process is None or self.process.poll() is None:
             with contextlib.suppress(TimeoutError):
-                yield self._syslog.recv(65536).partition(b"vellb2: ")[2]
+                record = self._syslog.recv(65536)
+                self.records.append(record.decode())
+                yield record.partition(b"vellb2: ")[2]
         self._syslog.close()
 
 

@@ -13,12 +13,11 @@ import re
 import signal
 import socket
 import subprocess
-import threading
 import time
 
 import pytest
 
-from lab import Daemon, Lab, Node, Segment, command, wait_until
+from lab import BackgroundDaemon, Daemon, Lab, Node, Segment, command, wait_until
 from lab.node import DAEMON
 
 HOST = 0x4000000  # log mask: the host runtime
@@ -47,9 +46,12 @@ def _wire(lab):
 
 
 @contextlib.contextmanager
-def running(node, mask=HOST, **kwargs):
-    """A daemon in the foreground, ended by force if the test did not end it."""
+def running(node, mask=HOST, words=None, **kwargs):
+    """A daemon in the foreground, with words for a command line of its own, ended by force if the
+    test did not end it."""
     daemon = Daemon(node, mask=mask, **kwargs)
+    if words is not None:
+        daemon.argv = [DAEMON, "-f", *words]
     try:
         yield daemon.start()
     finally:
@@ -102,74 +104,48 @@ def test_bad_command_line_ends_with_255(quiet, name):
     assert (done.returncode, done.stderr, done.stdout) == (255, words, "")
 
 
+WORKERS = "Warning: Invalid value ({}) for -n,setting to default 4"
+FACILITY = "Warning: Invalid parameter to option -l,setting to default LOG_LOCAL3"
 TOLERATED = {
-    "one worker": (["-n", "1"], None, 1),
-    "most workers": (["-n", "15"], None, 15),
-    "default": ([], None, 4),
-    "too many workers": (["-n", "16"], "Warning: Invalid value (16) for -n,setting to default 4", 4),
-    "no workers": (["-n", "0"], "Warning: Invalid value (0) for -n,setting to default 4", 4),
-    "workers negative": (["-n", "-3"], "Warning: Invalid value (-3) for -n,setting to default 4", 4),
-    "workers in words": (["-n", "two"], "Warning: Invalid value (two) for -n,setting to default 4", 4),
-    "the last one counts": (["-n", "3", "-n", "2"], None, 2),
-    "facility too high": (["-l", "8"], "Warning: Invalid parameter to option -l,setting to default "
-                                       "LOG_LOCAL3", 4),
-    "facility negative": (["-l", "-1"], "Warning: Invalid parameter to option -l,setting to default "
-                                        "LOG_LOCAL3", 4),
+    "most workers, the last one counts": (["-n", "3", "-n", "15"], None, 15),
+    "too many workers": (["-n", "16"], WORKERS.format(16), 4),
+    "no workers": (["-n", "0"], WORKERS.format(0), 4),
+    "workers in words": (["-n", "two"], WORKERS.format("two"), 4),
+    "facility too high": (["-l", "8"], FACILITY, 4),
+    "facility negative": (["-l", "-1"], FACILITY, 4),
     "lone dash": (["-"], "arg 3 val - bad", 4),
     "empty word": ([""], "arg 3 val  bad", 4),
-    "unknown": (["-x", "-n", "2"], "Error: Unrecognized option -x", 2),
-    "help is unknown": (["--help"], "Error: Unrecognized option --help", 4),
+    "unknown": (["--help", "-n", "1"], "Error: Unrecognized option --help", 1),
     "two characters decide": (["-nonsense", "5", "-rubbish", "-fxyz"], None, 5),
 }
 
 
 @pytest.mark.parametrize("name", TOLERATED)
 def test_tolerated_command_line_runs(quiet, name):
-    args, warning, workers = TOLERATED[name]
-    daemon = Daemon(quiet)
-    daemon.argv = [DAEMON, "-f", "-r", *args]
-    try:
-        daemon.start()
+    words, warning, workers = TOLERATED[name]
+    with running(quiet, words=["-r", *words]) as daemon:
         assert workers_of(daemon) == workers
         said = [line for line in daemon.log_text().splitlines() if re.match("Warning:|Error:|arg ", line)]
         assert said == ([warning] if warning else [])
-    finally:
-        if daemon.alive():
-            daemon.kill()
 
 
-@pytest.mark.parametrize("text,shown", [("0x100", True), ("4000000", True), ("0", False),
-                                        ("FFFFFFFFFFFFFFFF", True), ("200", False)])
+@pytest.mark.parametrize("text,shown", [("0x100", True), ("FFFFFFFFFFFFFFFF", True), ("200", False)])
 def test_mask_decides_what_is_logged(quiet, text, shown):
-    daemon = Daemon(quiet)
-    daemon.argv = [DAEMON, "-f", "-r", "-m", text]
-    try:
-        daemon.start()
+    with running(quiet, words=["-r", "-m", text]) as daemon:
         assert daemon.stop() == 0
-    finally:
-        if daemon.alive():
-            daemon.kill()
     # Before there is an executor everything is shown.
     assert re.search(r"vellb2 \S+ .* init$", daemon.log_text(), re.M)
     assert bool(re.search(r"vellb2 \S+ .* exit$", daemon.log_text(), re.M)) is shown
 
 
-def test_priority(quiet):
-    with running(quiet) as daemon:
-        assert os.sched_getscheduler(daemon.pid) == os.SCHED_OTHER
-        assert "sched_setscheduler" not in daemon.log_text()
-        assert daemon.stop() == 0
-    daemon = Daemon(quiet)
-    daemon.argv = [DAEMON, "-f"]
-    try:
-        daemon.start()
-        daemon.wait_log(r"^sched_setscheduler\(0,fifo,prio=99\) returned 0 $")
+@pytest.mark.parametrize("words,policy", [(["-r"], os.SCHED_OTHER), ([], os.SCHED_FIFO)])
+def test_priority(quiet, words, policy):
+    with running(quiet, words=words) as daemon:
+        said = re.search(r"^sched_setscheduler\(0,fifo,prio=99\) returned 0 $", daemon.log_text(), re.M)
+        assert bool(said) is (policy == os.SCHED_FIFO)
         for task in os.listdir(f"/proc/{daemon.pid}/task"):
-            assert os.sched_getscheduler(int(task)) == os.SCHED_FIFO
+            assert os.sched_getscheduler(int(task)) == policy
         assert daemon.stop() == 0
-    finally:
-        if daemon.alive():
-            daemon.kill()
 
 
 def test_without_rights_it_says_so_and_ends_with_1(quiet):
@@ -214,33 +190,17 @@ def test_second_instance_ends_with_99_and_leaves_the_first_alone(quiet):
         assert first.stop() == 0
 
 
-def test_after_kill_9_a_new_instance_starts(quiet):
-    with running(quiet) as killed:
-        killed.kill()
-        assert killed.socket.exists()
-    with running(quiet) as daemon:
-        assert daemon.command(command.GET, command.config_key())["rc"] == 1
-        assert daemon.stop() == 0
-
-
 # --- Stopping -------------------------------------------------------------------------------------
-
-def test_nothing_is_left_when_it_stops(quiet):
-    with running(quiet) as daemon:
-        assert len(segments(quiet)) == 1
-        assert daemon.stop() == 0
-    assert not daemon.socket.exists()
-    assert segments(quiet) == []
-
 
 @pytest.mark.parametrize("workers", [1, 15])
 @pytest.mark.parametrize("signum", [signal.SIGTERM, signal.SIGINT])
-def test_silent_host_stops_within_two_seconds(quiet, signum, workers):
+def test_silent_host_stops_within_two_seconds_and_leaves_nothing(quiet, signum, workers):
     with running(quiet, workers=workers) as daemon:
+        assert len(segments(quiet)) == 1
         begin = time.monotonic()
         assert daemon.stop(signum) == 0
         assert time.monotonic() - begin < 2
-        assert not daemon.socket.exists()
+        assert not daemon.socket.exists() and segments(quiet) == []
 
 
 def test_removing_the_executor_stops_it_after_the_answer(quiet):
@@ -277,92 +237,50 @@ def test_closed_output_does_not_kill_it(quiet):
 
 # --- As a daemon ----------------------------------------------------------------------------------
 
-class Syslog:
-    """What arrives at the node's /dev/log."""
-
-    def __init__(self, node):
-        self.records = []
-        path = node.root / "log"
-        with contextlib.suppress(FileNotFoundError):
-            path.unlink()
-        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.socket.bind(str(path))
-        node.run(["ln", "-sf", "/log", "/dev/log"])
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
-
-    def _read(self):
-        while True:
-            record = self.socket.recv(65536)
-            if record == b"stop":
-                return
-            self.records.append(record.decode())
-
-    def close(self):
-        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
-            s.sendto(b"stop", self.socket.getsockname())
-        self._reader.join(5)
-        self.socket.close()
-
-    def find(self, pattern):
-        return [m for m in (re.search(pattern, record) for record in list(self.records)) if m]
-
-
 @contextlib.contextmanager
-def detached(node, *args):
-    """A daemon in the background, its process number, and its syslog."""
-    log = Syslog(node)
-    pid = None
+def detached(node, *words):
+    """A daemon in the background."""
+    daemon = BackgroundDaemon(node)
+    daemon.argv = [DAEMON, "-r", *words]
     try:
-        done = node.run([DAEMON, "-r", *args])
-        assert done.returncode == 0
-        wait_until(lambda: answers(node.root / "vellb2"), 10, "the daemon to answer")
-        pids = node.run(["sh", "-c", "for p in /proc/[0-9]*; do [ \"$(readlink $p/exe)\" = "
-                                     f"{DAEMON} ] && [ $(readlink $p/ns/ipc) = $(readlink "
-                                     "/proc/self/ns/ipc) ] && echo ${p#/proc/}; done; true"])
-        pid = int(pids.stdout.split()[0])
-        yield pid, log
+        yield daemon.start()
     finally:
-        if pid is not None:
-            with contextlib.suppress(ProcessLookupError):
-                os.kill(pid, signal.SIGTERM)
-            wait_until(lambda: not pathlib.Path(f"/proc/{pid}").exists(), 5, "the daemon to end")
-        log.close()
+        daemon.stop()
 
 
 @pytest.mark.parametrize("args,facility", [([], 19), (["-l", "0"], 16), (["-l", "7"], 23),
                                            (["-l", "8"], 19)])
 def test_daemon_logs_to_the_chosen_facility(quiet, args, facility):
-    with detached(quiet, *args) as (pid, log):
-        wait_until(lambda: log.find("init$"), 5, "the first line")
-        assert os.readlink(f"/proc/{pid}/cwd") == "/"
-        assert os.readlink(f"/proc/{pid}/fd/1") == "/dev/null"
-        priority = facility * 8 + 6
-        assert all(record.startswith(f"<{priority}>") for record in log.records)
-        assert re.fullmatch(r"<\d+>.{15} vellb2: 0\.000000 vellb2 \S+ .* init", log.records[0].rstrip("\n"))
-    assert not (quiet.root / "vellb2").exists()
+    with detached(quiet, *args) as daemon:
+        assert os.readlink(f"/proc/{daemon.pid}/cwd") == "/"
+        assert os.readlink(f"/proc/{daemon.pid}/fd/1") == "/dev/null"
+    priority = facility * 8 + 6
+    assert all(record.startswith(f"<{priority}>") for record in daemon.records)
+    assert re.fullmatch(r"<\d+>.{15} vellb2: 0\.000000 vellb2 \S+ .* init\n?", daemon.records[0])
+    assert not daemon.socket.exists()
 
 
 def test_loud_place_is_silenced_towards_syslog_and_owned_up_to(wire):
     fwd, peer = wire
     frames = 700
-    with detached(fwd, "-m", f"{HOST:x}") as (_, log), peer.injector() as wire_end:
+    with detached(fwd, "-m", f"{HOST:x}") as daemon, peer.injector() as wire_end:
         # One second's worth at once, from the start of a second of the daemon's clock.
         time.sleep(1 - time.clock_gettime(time.CLOCK_MONOTONIC) % 1)
         wire_end.send(*[unknown_frame(fwd, peer)] * frames)
-        shown = r"lx_recv\.cpp:\d+ ethertype 34997 invalid"
-        omitted = r"(lx_recv\.cpp:\d+) (\d+) more lines within one second were left out"
 
         def counted():
-            place = (log.find(r"(lx_recv\.cpp:\d+) ethertype 34997") or [None])[0]
-            left_out = sum(int(m[2]) for m in log.find(omitted) if place and m[1] == place[1])
-            return len(log.find(shown)), left_out
+            """How many lines of one place were shown, and how many it owned up to."""
+            text = daemon.log_text()
+            shown = re.findall(r"(lx_recv\.cpp:\d+) ethertype 34997 invalid", text)
+            place = re.escape(shown[0]) if shown else "nowhere"
+            omitted = re.findall(place + r" (\d+) more lines within one second were left out", text)
+            return len(shown), sum(map(int, omitted))
 
         wait_until(lambda: sum(counted()) >= frames, 5, "all lines to be accounted for")
         seen, left_out = counted()
         assert seen + left_out == frames
         assert 100 <= seen <= 200  # the burst may straddle two seconds
-        assert log.find(r"hatype \d+ more lines within one second were left out")
+        daemon.wait_log(r"hatype \d+ more lines within one second were left out")
 
 
 # --- Command socket -------------------------------------------------------------------------------
@@ -463,19 +381,6 @@ def header(to, source, ethertype):
 def unknown_frame(to, source, length=60):
     """A frame of a local experimental type (0x88B5)."""
     return header(to, source, 0x88B5).ljust(length, b"\0")
-
-
-def test_vlan_tags_are_seen_and_left_to_the_host(wire):
-    fwd, peer = wire
-    with running(fwd) as daemon, peer.injector() as wire_end:
-        tagged = header(fwd, peer, 0x8100) + b"\0\x07\x08\x06"  # VLAN 7, then ARP
-        mark = daemon.mark()
-        wire_end.send(tagged.ljust(64, b"\0"))
-        daemon.wait_log(r"lx_recv\.cpp:\d+ ethertype 33024 invalid$", since=mark)
-        wire_end.send(unknown_frame(fwd, peer))
-        daemon.wait_log(r"ethertype 34997 invalid$", since=mark)
-        assert "entry returned" not in daemon.log_text(mark)
-        assert daemon.stop() == 0
 
 
 def test_own_and_loopback_frames_never_reach_the_stack(wire):
