@@ -1,5 +1,6 @@
 """Packets for the lab's tests: built by scapy, told apart by a few words of their bytes."""
 
+import json
 import socket
 import struct
 import time
@@ -8,11 +9,13 @@ from scapy.layers.inet import ICMP, IP, TCP, UDP
 from scapy.layers.inet6 import IPv6
 from scapy.layers.l2 import ARP, Dot1Q, Ether
 from scapy.packet import Padding, Raw
+from scapy.utils import wrpcap
 
 from lab import mac_of
+from lab.core import run
 
 __all__ = ["ARP", "Dot1Q", "ETH_ARP", "ETH_IP", "ETH_IPV6", "Ether", "ICMP", "IP", "IPv6", "Padding", "Raw",
-           "BROADCAST", "TCP", "UDP", "ZERO", "answers_for", "ethertype", "is_arp", "is_icmp", "is_icmpv6", "without_padding"]
+           "BROADCAST", "TCP", "UDP", "ZERO", "answers_for", "dissected", "ethertype", "is_arp", "is_icmp", "is_icmpv6", "without_padding"]
 
 ETH_IP = 0x0800
 ETH_ARP = 0x0806
@@ -79,3 +82,13 @@ def answers_for(net, target, for_s=0.3):
             if is_arp(2, target)(frame):
                 found.append(Ether(frame).src)
     return found
+
+
+def dissected(path, frames, *fields):
+    """What tshark finds in frames (bytes), with checksums verified: one list of words a frame."""
+    wrpcap(str(path), [Ether(frame) for frame in frames])
+    wanted = [word for field in fields for word in ("-e", field)]
+    shown = run(["tshark", "-r", path, "-T", "json", "-o", "ip.check_checksum:TRUE",
+                 "-o", "udp.check_checksum:TRUE", *wanted])
+    packets = [one["_source"]["layers"] for one in json.loads(shown.stdout)]
+    return [[packet.get(field) for field in fields] for packet in packets]

@@ -2,12 +2,11 @@
 happened and where each request went."""
 
 import collections
-import contextlib
 import hashlib
 import re
-import socket
 
 import pytest
+from streams import Connector, transfer
 
 from lab import Routed
 
@@ -72,20 +71,6 @@ def test_upload_in_full_frames_arrives_whole(web, daemon):
     daemon.ctl("port", "add", f"{web.host()}:{UPLOAD}")
     daemon.ctl("server", "add", f"{web.host()}:{UPLOAD}", web.server_address(2))
     data = hashlib.shake_128(b"upload").digest(2_000_000)
-    with contextlib.closing(web.servers[1].socket(web.family, socket.SOCK_STREAM)) as listener, \
-            contextlib.closing(web.client.socket(web.family, socket.SOCK_STREAM)) as client:
-        listener.bind((web.CLUSTER, UPLOAD))
-        listener.listen()
-        client.settimeout(10)
-        client.connect((web.CLUSTER, UPLOAD))
-        accepted, peer = listener.accept()
-        assert peer[0] == web.CLIENT
-        client.setblocking(False)
-        accepted.settimeout(10)
-        sent, got = 0, bytearray()
-        while len(got) < len(data):
-            with contextlib.suppress(BlockingIOError):
-                sent += client.send(data[sent:sent + 200_000])
-            got += accepted.recv(1 << 20)
-        accepted.close()
-    assert bytes(got) == data
+    client, accepted, _ = Connector(web, UPLOAD, [web.servers[1]])()
+    assert accepted.getpeername()[0] == web.CLIENT
+    transfer(client, accepted, data)

@@ -3,17 +3,15 @@ takes the frames apart and sums them; kernels at the other end believe them or d
 versions have in common is in the tests that name their IP_VERSIONS.
 """
 
-import contextlib
 import json
 import re
-import select
 import socket
-import time
 
 import pytest
 from packets import ETH_IPV6, TCP, Ether, IPv6, ethertype, is_icmpv6
 from scapy.layers.inet6 import (ICMPv6ND_NA, ICMPv6ND_NS, ICMPv6NDOptDstLLAddr, ICMPv6NDOptSrcLLAddr,
                                 ICMPv6PacketTooBig)
+from streams import Connector, transfer
 
 from lab import LabError, Routed, mac_of, wait_until
 
@@ -38,25 +36,7 @@ def _served(net, daemon):
 
 @pytest.fixture(name="connect", scope="module")
 def _connect(served):
-    """Makes connections from the client to the cluster: both ends, and the number of the server."""
-    listeners = []
-    for server in served.servers[:3]:
-        listeners.append(server.socket(socket.AF_INET6, socket.SOCK_STREAM))
-        listeners[-1].bind(("", ECHO))
-        listeners[-1].listen()
-
-    def connect(*options):
-        client = served.client.socket(socket.AF_INET6, socket.SOCK_STREAM)
-        client.settimeout(5)
-        for option in options:
-            client.setsockopt(socket.IPPROTO_IPV6, option, b"\0\0\1\4\0\0\0\0")  # padding
-        client.connect((served.CLUSTER, ECHO))
-        ready = select.select(listeners, [], [], 5)[0][0]
-        accepted, _ = ready.accept()
-        accepted.settimeout(5)
-        return client, accepted, 1 + listeners.index(ready)
-
-    return connect
+    return Connector(served, ECHO, served.servers[:3])
 
 
 def checked(frame, layer):
@@ -100,31 +80,6 @@ def test_cluster_address_is_advertised_to_who_asks(served, name):
     assert (packet.src, packet.dst, packet.hlim, packet.plen) == (served.CLUSTER, receiver, 255, 32)
     assert bytes(packet[ICMPv6ND_NA])[4:8] == bytes([flags, 0, 0, 0])
     assert (packet[ICMPv6NDOptDstLLAddr].lladdr, packet[ICMPv6NDOptDstLLAddr].len) == (own, 1)
-
-
-SILENCE = {
-    "wrong checksum": lambda frame: frame[:56] + bytes([frame[56] ^ 1]) + frame[57:],
-    "23 bytes of message": lambda frame: frame[:18] + b"\0\x17" + frame[20:77],
-    "payload beyond the frame": lambda frame: frame[:18] + b"\x02\0" + frame[20:],
-    "nobody's address": lambda _: bytes(solicitation("2001:db8::11", "2001:db8::99")),
-    "a server's address, by the server's own kernel": lambda _: bytes(
-        solicitation("2001:db8::11", "2001:db8::12", ("ff02::1:ff00:12", "33:33:ff:00:00:12"))),
-}
-
-
-@pytest.mark.parametrize("name", SILENCE)
-def test_forwarder_is_silent_about(served, name):
-    good, own = bytes(solicitation("2001:db8::11", served.CLUSTER)), served.forwarder.mac()
-
-    def answer(frame):
-        return is_icmpv6(ADVERTISE)(frame) and Ether(frame).src == own
-
-    with served.servers[0].capture() as capture, served.servers[0].injector() as out:
-        out.send(SILENCE[name](good))
-        with pytest.raises(LabError):
-            capture.wait(answer, timeout=0.3)
-        out.send(good)
-        capture.wait(answer)
 
 
 def test_real_host_finds_the_cluster_address_taken(served):
@@ -211,14 +166,15 @@ def test_kernel_lists_the_groups_of_what_is_answered_for(served, daemon):
 
 
 def test_kernels_extension_headers_pass(served, connect):
-    headers = (socket.IPV6_HOPOPTS, socket.IPV6_DSTOPTS)
+    padding = b"\0\0\1\4\0\0\0\0"
     with served.forwarder.capture(outgoing=True) as capture:
-        client, accepted, number = connect(*headers)
+        client, accepted, place = connect((socket.IPPROTO_IPV6, socket.IPV6_HOPOPTS, padding),
+                                          (socket.IPPROTO_IPV6, socket.IPV6_DSTOPTS, padding))
         client.send(b"behind two headers")
         assert accepted.recv(100) == b"behind two headers"
 
         def sent_on(frame):
-            return Ether(frame).dst == served.servers[number - 1].mac() and b"behind two headers" in frame
+            return Ether(frame).dst == served.servers[place].mac() and b"behind two headers" in frame
 
         frame = capture.wait(sent_on)
     assert (frame[20], frame[54], frame[62], TCP in Ether(frame)) == (0, 60, 6, True)
@@ -226,54 +182,18 @@ def test_kernels_extension_headers_pass(served, connect):
     accepted.close()
 
 
-def test_reset_of_a_drained_servers_connection(served, daemon, connect):
-    client, accepted, number = connect()
-    server = f"{served.host()}:{ECHO} {served.server_address(number)}"
-    daemon.ctl(f"port set {served.host()}:{ECHO} --reset on")
-    daemon.ctl(f"server set {server} --weight 0")
-    ports = client.getsockname()[1], ECHO
-    with served.router.capture(outgoing=True) as capture:
-        client.send(b"drained")
-
-        def both(frame):
-            return ethertype(frame) == ETH_IPV6 and TCP in Ether(frame) and ports[0] in (
-                Ether(frame)[TCP].sport, Ether(frame)[TCP].dport)
-
-        data = IPv6(capture.wait(both)[14:])[TCP]
-        frame = capture.wait(both, what="a reset")
-    with pytest.raises(ConnectionResetError):
-        client.recv(1)
-    assert (Ether(frame).src, Ether(frame).dst) == (served.forwarder.mac(), served.router.mac())
-    reset = checked(frame, TCP)
-    assert bytes(reset)[:8] == bytes.fromhex("6000000000140640")
-    assert (reset.src, reset.dst, reset[TCP].sport, reset[TCP].dport) == (
-        served.CLUSTER, served.CLIENT, ports[1], ports[0])
-    tcp = reset[TCP]
-    assert (tcp.seq, tcp.ack, tcp.flags, tcp.dataofs, tcp.window) == (data.ack, data.seq, "R", 5, 0)
-    daemon.ctl(f"server set {server} --weight 1")
-    daemon.ctl(f"port set {served.host()}:{ECHO} --reset off")
-    accepted.close()
-
-
 def test_client_learns_a_smaller_mtu_from_the_forwarder(served, daemon, connect):
-    mtu, data = 1300, bytes(range(256)) * 400
+    mtu = 1300
     client, accepted, _ = connect()
     daemon.ctl(f"interface set eth0 --mtu {mtu}")
     try:
         with served.client.capture() as capture:
-            client.setblocking(False)
-            sent, got = 0, bytearray()
-            end = time.monotonic() + 5
-            while len(got) < len(data) and time.monotonic() < end:
-                with contextlib.suppress(BlockingIOError):
-                    sent += client.send(data[sent:])
-                got += accepted.recv(1 << 20)
+            transfer(client, accepted, bytes(range(256)) * 400)
             frame = capture.wait(is_icmpv6(TOO_BIG), what="packet too big")
         learnt = re.search(r"mtu (\d+)", served.client.ip("-6", "route", "get", served.CLUSTER))
     finally:
         daemon.ctl("interface set eth0 --mtu 1500")
         served.client.ip("-6", "route", "flush", "cache")
-    assert bytes(got) == data
     assert learnt and int(learnt[1]) == mtu
     packet = checked(frame, ICMPv6PacketTooBig)
     message = packet[ICMPv6PacketTooBig]

@@ -1,12 +1,9 @@
 """Servers behind a router, reached by NAT. nginx's log says what the servers saw; the kernels at
 both ends have verified the checksums of what they took."""
 
-import contextlib
-import select
-import socket
-
 import pytest
 from packets import IP, TCP, Ether, IPv6
+from streams import Connector, transfer
 
 from lab import Far
 
@@ -29,22 +26,7 @@ def _web(net, daemon):
 
 @pytest.fixture(name="session", scope="module")
 def _session(web):
-    """Makes connections from the client to the cluster: both ends, the client's and a server's."""
-    listeners = []
-    for server in web.servers:
-        listeners.append(server.socket(web.family, socket.SOCK_STREAM))
-        listeners[-1].bind(("", SESSIONS))
-        listeners[-1].listen()
-
-    def connect():
-        client = web.client.socket(web.family, socket.SOCK_STREAM)
-        client.settimeout(5)
-        client.connect((web.CLUSTER, SESSIONS))
-        served, _ = select.select(listeners, [], [], 5)[0][0].accept()
-        served.settimeout(5)
-        return client, served
-
-    return connect
+    return Connector(web, SESSIONS, web.servers)
 
 
 def test_requests_take_ports_in_turn_and_keep_their_ttl(web):
@@ -69,21 +51,13 @@ def test_requests_take_ports_in_turn_and_keep_their_ttl(web):
 
 
 def test_both_directions_carry_full_frames(session):
-    client, served = session()
-    data = bytes(range(256)) * 2000
+    client, served, _ = session()
     for sender, receiver in ((client, served), (served, client)):
-        sender.setblocking(False)
-        sent, got = 0, bytearray()
-        while len(got) < len(data):
-            with contextlib.suppress(BlockingIOError):
-                sent += sender.send(data[sent:])
-            got += receiver.recv(1 << 20)
-        sender.settimeout(5)
-        assert bytes(got) == data
+        transfer(sender, receiver, bytes(range(256)) * 2000)
 
 
 def test_reset_gives_the_port_back(web, daemon, session):
-    client, served = session()
+    client, served, _ = session()
     address, natport = served.getsockname()[0], served.getpeername()[1]
     daemon.ctl(f"port set {web.host()}:{SESSIONS} --reset on")
     daemon.ctl(f"server set {web.host()}:{SESSIONS} {address} --weight 0")
@@ -99,7 +73,7 @@ def test_reset_gives_the_port_back(web, daemon, session):
 def test_removed_server_leaves_the_other_its_return_address(web, daemon, session):
     for number in (1, 2):  # in turn
         daemon.ctl(f"server set {web.host()}:{SESSIONS} {web.server_address(number)} --weight 1")
-    sessions = [session() for _ in range(4)]
+    sessions = [session()[:2] for _ in range(4)]
     gone = web.server_address(1)
     daemon.ctl(f"server rm {web.host()}:{SESSIONS} {gone}")
     mark = daemon.mark()

@@ -1,15 +1,12 @@
 """Servers behind a router, reached inside GRE and IPIP. tshark says what is on the wire; nginx and
 the kernels behind the decapsulators take what was inside."""
 
-import json
 import socket
 
 import pytest
-from packets import ICMP, IP, UDP, Ether, Raw, is_icmp
-from scapy.utils import wrpcap
+from packets import ICMP, IP, UDP, Ether, Raw, dissected, is_icmp
 
 from lab import Far, wait_until
-from lab.core import run
 
 make_net = Far
 MASK = 0x400000200  # failures, ICMP
@@ -24,15 +21,6 @@ def _tunnels(net, daemon):
         net.servers[number - 1].decapsulate(kind)
         net.configure_far(kind, port, "hash", [number])
     return net
-
-
-def dissected(path, frames, *fields):
-    """What tshark finds in frames: one list of words a frame."""
-    wrpcap(str(path), [Ether(frame) for frame in frames])
-    wanted = [word for field in fields for word in ("-e", field)]
-    shown = run(["tshark", "-r", path, "-T", "json", "-o", "ip.check_checksum:TRUE", *wanted])
-    packets = [one["_source"]["layers"] for one in json.loads(shown.stdout)]
-    return [[packet.get(field) for field in fields] for packet in packets]
 
 
 def mtu_of(daemon, net, number):
