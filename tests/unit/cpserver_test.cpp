@@ -1,5 +1,5 @@
-// The control server's parts that decide: which interfaces, which addresses to guard and how, when
-// a file has changed, and who may run.
+// The control server's parts that decide: which interfaces, which addresses to guard and how, and
+// when a file has changed.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -8,7 +8,6 @@
 #include "cpserver/filewatch.h"
 #include "cpserver/goal.h"
 #include "cpserver/guard.h"
-#include "cpserver/instance.h"
 #include "vellb/address.h"
 #include "vellb_fake_daemon.h"
 #include "vellhost/ifsync.h"
@@ -203,23 +202,6 @@ TEST(cpserver, a_file_is_heard_of_when_it_is_whole)
     EXPECT_NE(cpserver::signature({file}), before);
     std::filesystem::create_directory(place.path + "/conf.d");
     EXPECT_EQ(watch.drain(), texts_t{"conf.d"});
-}
-
-TEST(cpserver, only_one_runs_and_the_next_may_when_it_is_gone)
-{
-    const directory place;
-    {
-        const cpserver::instance first(place.path + "/run");
-        try {
-            const cpserver::instance second(place.path + "/run");
-            FAIL() << "two of them";
-        } catch (const std::runtime_error &error) {
-            const std::string number = std::to_string(getpid());
-            EXPECT_NE(std::string(error.what()).find("(process " + number + ")"),
-                      std::string::npos);
-        }
-    }
-    const cpserver::instance next(place.path + "/run");
 }
 
 } // namespace

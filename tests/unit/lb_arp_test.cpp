@@ -67,15 +67,4 @@ TEST_F(ArpTest, OnlyWhatIsArpForIpv4IsAnswered)
     }
 }
 
-TEST_F(ArpTest, EveryTruncationIsTheHosts)
-{
-    const bytes request = packets::build(packets::arp{});
-    for (std::size_t len = 0; len < 28; len++) {
-        EXPECT_EQ(fake::receive(request.data(), ETH + len), LB_PACKETRC_INTACT) << len;
-    }
-    fake::frame host;
-    EXPECT_EQ(lbarp_entry(nullptr, host.bytes(), -1, host.opaque()), LB_PACKETRC_INTACT);
-    EXPECT_TRUE(fake::take_sent().empty());
-}
-
 } // namespace

@@ -16,10 +16,11 @@ constexpr const char *S = "10.0.0.11";
 
 using CommandTest = StackTest;
 
-// What the lab does not ask of the daemon itself.
 TEST_F(CommandTest, AnswerCodes)
 {
-    constexpr auto CFG = LBCMD_KEYTYPE_CONFIG;
+    constexpr auto CFG = LBCMD_KEYTYPE_CONFIG, IFC = LBCMD_KEYTYPE_IFACE;
+    ASSERT_ADDED(add_interface("eth0"));
+    ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
     ASSERT_ADDED(add_cluster(C));
     ASSERT_ADDED(add_port(C, 80));
     ASSERT_ADDED(add_server(C, 80, S));
@@ -35,14 +36,26 @@ TEST_F(CommandTest, AnswerCodes)
         lbcmd_key_t key;
         int rc;
     } rows[] = {
+        {"the executor is there", LBCMD_ACTION_ADD, CFG, cfgkey(), LBCMD_RC_NOPARENT},
+        {"the collection is there", LBCMD_ACTION_ADD, IFC, ifacekey(), LBCMD_RC_NOPARENT},
+        {"server twice", LBCMD_ACTION_ADD, CFG, cfgkey(C, 80, S), LBCMD_RC_ALREADYEXISTS},
+        {"server of no port", LBCMD_ACTION_ADD, CFG, cfgkey(C, 81, S), LBCMD_RC_PARENTDNE},
+        {"address that no interface has", LBCMD_ACTION_ADD, IFC, ifacekey("eth7", "10.7.0.1/24"),
+         LBCMD_RC_PARENTDNE},
+        {"set what is not there", LBCMD_ACTION_SET, CFG, cfgkey(C, 81), LBCMD_RC_OBJNOTFOUND},
+        {"rm what is not there", LBCMD_ACTION_RM, CFG, cfgkey(C, 81), LBCMD_RC_OBJNOTFOUND},
+        {"port with servers", LBCMD_ACTION_RM, CFG, cfgkey(C, 80), LBCMD_RC_HASCHILD},
+        {"interface with addresses", LBCMD_ACTION_RM, IFC, ifacekey("eth0"), LBCMD_RC_HASCHILD},
+        {"heartbeat between versions", LBCMD_ACTION_ADD, CFG, cfgkey(S, 0, "::1"),
+         LBCMD_RC_FAILURE},
         {"cluster 0.0.0.0", LBCMD_ACTION_ADD, CFG, cfgkey("0.0.0.0"), LBCMD_RC_FAILURE},
         {"malformed server", LBCMD_ACTION_ADD, CFG, malformed(9), LBCMD_RC_FAILURE},
         {"server without version", LBCMD_ACTION_ADD, CFG, malformed(0), LBCMD_RC_FAILURE},
         {"add without cluster", LBCMD_ACTION_ADD, CFG, cfgkey("", 80), LBCMD_RC_NOPARENT},
         {"use-server of no rule", LBCMD_ACTION_ADD, CFG, cfgkey(C, 80, S, 1), LBCMD_RC_PARENTDNE},
         {"rule of a cluster", LBCMD_ACTION_ADD, CFG, cfgkey(C, 0, "", 1), LBCMD_RC_PARENTDNE},
-        {"address of no interface", LBCMD_ACTION_GET, LBCMD_KEYTYPE_IFACE,
-         ifacekey("", "10.0.0.1/24"), LBCMD_RC_OBJNOTFOUND},
+        {"address of no interface", LBCMD_ACTION_GET, IFC, ifacekey("", "10.0.0.1/24"),
+         LBCMD_RC_OBJNOTFOUND},
         {"rm executor with clusters", LBCMD_ACTION_RM, CFG, cfgkey(), LBCMD_RC_HASCHILD},
         {"set with no bytes", LBCMD_ACTION_SET, CFG, cfgkey(C), LBCMD_RC_FAILURE},
     };
@@ -51,8 +64,29 @@ TEST_F(CommandTest, AnswerCodes)
         EXPECT_EQ(command(row.action, row.keytype, row.key), row.rc) << row.name;
         EXPECT_EQ(buffer().hdr.answer_rc, row.rc) << row.name;
     }
+    for (auto size : {&lbcmd_bufhdr_t::getsize, &lbcmd_bufhdr_t::listsize}) {
+        prepare(LBCMD_ACTION_ADD, CFG, cfgkey("10.0.0.110")).*size = sizeof(lbcmd_key_t);
+        EXPECT_EQ(send(), LBCMD_RC_FAILURE) << "an ADD with blocks that only answers have";
+    }
     EXPECT_EQ(fake::live_allocations(), before);
     EXPECT_FALSE(fake::stop_requested());
+}
+
+TEST_F(CommandTest, AGetListsTheFirst1168ChildrenInTheOrderOfTheirAdding)
+{
+    ASSERT_ADDED(add_interface("many"));
+    for (int i = 0; i < 1170; i++) { // their numbers fall: 19, 18, ... 0, 39, 38...
+        const int number = i / 20 * 20 + 19 - i % 20;
+        ASSERT_ADDED(add_ifaddr("many", packets::to_text({10, 1, static_cast<lb_u8_t>(number / 200),
+                                                          static_cast<lb_u8_t>(number % 200)})));
+    }
+    EXPECT_EQ(command(LBCMD_ACTION_GET, LBCMD_KEYTYPE_IFACE, ifacekey("many")), LBCMD_RC_SUCCESS);
+    const auto keys = children();
+    ASSERT_EQ(keys.size(), 1168U);
+    for (int i = 0; i < 1168; i++) {
+        const auto &b = keys[static_cast<std::size_t>(i)].iface.addr.nboaddr.v4;
+        ASSERT_EQ(b[2] * 200 + b[3], i / 20 * 20 + 19 - i % 20);
+    }
 }
 
 // The blocks of an ADD lie where addsize says, at any alignment, as long as they stay in the
@@ -162,34 +196,5 @@ TEST_F(CommandTest, RemovedObjectsAreFreedInOrderAtThreeSeconds)
     tick_once();
     EXPECT_EQ(fake::live_allocations(), full - 2);
 }
-
-// A thread inside the stack, which may hold anything that it found there.
-class Reader
-{
-  public:
-    Reader()
-        : thread_([this] {
-              lb_grace_inside inside;
-              entered_ = true;
-              entered_.notify_one();
-              leave_.wait(false);
-          })
-    {
-        entered_.wait(false);
-    }
-    ~Reader()
-    {
-        leave_ = true;
-        leave_.notify_one();
-        thread_.join();
-    }
-    Reader(const Reader &) = delete;
-    Reader &operator=(const Reader &) = delete;
-
-  private:
-    std::atomic<bool> entered_{false};
-    std::atomic<bool> leave_{false};
-    std::thread thread_;
-};
 
 } // namespace

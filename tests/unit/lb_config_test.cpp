@@ -47,21 +47,4 @@ TEST_F(ConfigTest, ChildrenAreDirectOnes)
     }
 }
 
-TEST_F(ConfigTest, KeysAreEqualByAddressPortAndRuleAlone)
-{
-    const lbcmd_func_t &row = cmdfuncs[LBCMD_KEYTYPE_CONFIG];
-    lbcmd_objhdr_t obj{};
-    obj.key = cfgkey(C, 80, S, 7);
-    lbcmd_key_t key = obj.key;
-    key.cfg._pad = 1;
-    key.cfg.cluster.prefix = 24;
-    key.cfg.server._pad[0] = 1;
-    EXPECT_EQ(row.llselect(&key, &obj), 1);
-    for (const lbcmd_key_t &other : {cfgkey("10.0.0.101", 80, S, 7), cfgkey(C, 81, S, 7),
-                                     cfgkey(C, 80, S, 8), cfgkey(C, 80, "10.0.0.12", 7)}) {
-        key = other;
-        EXPECT_EQ(row.llselect(&key, &obj), 0);
-    }
-}
-
 } // namespace

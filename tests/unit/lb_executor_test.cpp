@@ -42,29 +42,6 @@ TEST_F(ExecutorTest, FailedStartLeavesNothing)
     fake::fail(fake::op::mutex_init, 0);
 }
 
-TEST_F(ExecutorTest, GatewayFollowsTheSetting)
-{
-    const lbneigh_obj_t *&gateway = const_cast<const lbneigh_obj_t *&>(lbexecutor->clientgw_neigh);
-    lbip_addr_t first = ip("10.0.0.1");
-    lbip_addr_t second = ip("10.0.0.2");
-    EXPECT_EQ(set_client_gateway("10.0.0.1"), LBCMD_RC_SUCCESS);
-    const lbneigh_obj_t *neigh = gateway;
-    ASSERT_NE(neigh, nullptr);
-    EXPECT_EQ(neigh, lbneigh_lookup(&first));
-    EXPECT_EQ(neigh->usecount, 1U);
-    EXPECT_EQ(set_client_gateway("10.0.0.1"), LBCMD_RC_SUCCESS);
-    EXPECT_EQ(gateway, neigh);
-    EXPECT_EQ(neigh->usecount, 1U) << "the same address takes no second use";
-    EXPECT_EQ(set_client_gateway("10.0.0.2"), LBCMD_RC_SUCCESS);
-    EXPECT_EQ(lbneigh_lookup(&first), nullptr);
-    EXPECT_NE(gateway, nullptr);
-    EXPECT_EQ(gateway, lbneigh_lookup(&second));
-
-    EXPECT_EQ(set_client_gateway(""), LBCMD_RC_SUCCESS);
-    EXPECT_EQ(gateway, nullptr);
-    EXPECT_EQ(lbneigh_lookup(&second), nullptr);
-}
-
 TEST_F(ExecutorTest, GatewayWithoutMemoryIsTakenByTheNextSet)
 {
     EXPECT_EQ(set_client_gateway("10.0.0.1"), LBCMD_RC_SUCCESS);

@@ -171,49 +171,4 @@ TEST_F(GraceTest, AMutexThatFailsLosesNothing)
     EXPECT_FALSE(fake::log_contains("is lost"));
 }
 
-// Readers follow a published pointer while it is replaced and the old object freed. Freed memory is
-// overwritten by the fake host, and a sanitizer sees a late read.
-TEST_F(GraceTest, AReaderNeverSeesFreedMemory)
-{
-    constexpr int ROUNDS = 4000;
-    constexpr lb_u64_t GOOD = 0x600D;
-    object *published = nullptr;
-    std::atomic<bool> done{false};
-    std::atomic<int> wrong{0};
-    const auto renew = [&] {
-        auto *obj = lb_newzero<object>();
-        obj->value = GOOD;
-        object *old = published;
-        lb_pokeptr(published, obj);
-        if (old != nullptr) {
-            lb_grace_defer(&old->node, reap_object);
-        }
-    };
-    renew();
-    std::vector<std::thread> readers;
-    for (int r = 0; r < 3; r++) {
-        readers.emplace_back([&] {
-            while (!done.load(std::memory_order_relaxed)) {
-                const lb_grace_inside inside;
-                const object *obj = lb_peekptr(published);
-                for (int look = 0; look < 5; look++) {
-                    wrong += obj->value != GOOD;
-                }
-            }
-        });
-    }
-    // At least so many rounds, and until something was freed under the readers' eyes.
-    for (int i = 0; i < ROUNDS || reaps == 0; i++) {
-        renew();
-        lb_grace_timer_entry();
-    }
-    done = true;
-    for (std::thread &t : readers) {
-        t.join();
-    }
-    lb_grace_timer_entry();
-    os_memfree(published);
-    EXPECT_EQ(wrong, 0);
-}
-
 } // namespace

@@ -96,17 +96,6 @@ TEST_F(HashTest, RandomOperationsAgreeWithAReference)
     }
 }
 
-TEST_F(HashTest, AFailedBucketRetiresThoseBeforeIt)
-{
-    ASSERT_EQ(lbht_rmtable(&table_), 0);
-    for (int n = 1; n <= BUCKETS; n++) {
-        fake::fail(fake::op::mutex_init, n);
-        EXPECT_EQ(init(), 1);
-        EXPECT_EQ(fake::live_mutexes(), 0) << "at bucket " << n - 1;
-    }
-    table_.numbuckets = 0;
-}
-
 TEST_F(HashTest, AFailedCleanupDoesNotStopTheOthers)
 {
     auto &items = items_;

@@ -101,26 +101,4 @@ TEST_F(InterfaceTest, HostIsToldOfUpTo51Interfaces)
     EXPECT_FALSE(events[53].added);
 }
 
-// A thread that was inside when the interface was removed may have found a neighbour on it once
-// more. The interface is not freed before that is swept away and grace has passed again.
-TEST_F(InterfaceTest, IsNotFreedWhileANeighbourRefersToIt)
-{
-    ASSERT_ADDED(add_interface("eth0"));
-    EXPECT_EQ(set_client_gateway("10.0.0.254"), LBCMD_RC_SUCCESS);
-    lbneigh_obj_t *neigh = lb_peekptr(lbexecutor->clientgw_neigh);
-    ASSERT_NE(neigh, nullptr);
-    lbifin_obj_t *ifin = interface("eth0");
-    EXPECT_EQ(rm_interface("eth0"), LBCMD_RC_SUCCESS);
-    auto *route = lb_newzero<lbneigh_route_t>();
-    route->ifin = ifin;
-    lb_stat_inc(ifin->routes);
-    lb_pokeptr(neigh->route, route);
-    const auto mutexes = fake::live_mutexes();
-    tick_once();
-    EXPECT_EQ(lb_peekptr(neigh->route), nullptr);
-    EXPECT_EQ(fake::live_mutexes(), mutexes) << "freed with a reference to it";
-    tick_once();
-    EXPECT_EQ(fake::live_mutexes(), mutexes - 1);
-}
-
 } // namespace

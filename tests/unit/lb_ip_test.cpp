@@ -59,16 +59,6 @@ TEST_F(IpTest, Validity)
     }
 }
 
-TEST_F(IpTest, HashIsTheNumberOnTheWire)
-{
-    const lbip_addr_t v4 = stack::ip("10.1.2.3");
-    const lbip_addr_t v6 = stack::ip("2001:db8::102:304");
-    const lbip_addr_t none = {};
-    EXPECT_EQ(lbip_hash(&v4), 0x0A010203U);
-    EXPECT_EQ(lbip_hash(&v6), 0x01020304U);
-    EXPECT_EQ(lbip_hash(&none), 0U);
-}
-
 TEST_F(IpTest, SubnetsByName)
 {
     set_log_mask(LB_LOG_FAILURE);

@@ -87,30 +87,4 @@ TEST_F(LogTest, SharedCopiesAreExactAtEveryLengthAndOffset)
     }
 }
 
-TEST_F(LogTest, WordsOfASharedBlockAreNeverTorn)
-{
-    struct block {
-        lb_u64_t wide;
-        lb_u32_t narrow;
-        lb_u16_t tail;
-    };
-    alignas(8) block shared = {};
-    std::atomic<bool> done{false};
-    std::thread writer([&] {
-        for (int i = 0; i < 20000; i++) {
-            const block b = i % 2 == 0 ? block{~0ULL, ~0U, 0xFFFF} : block{};
-            lb_store_shared(&shared, &b, sizeof(b));
-        }
-        done = true;
-    });
-    while (!done) {
-        block b;
-        lb_load_shared(&b, &shared, sizeof(b));
-        ASSERT_TRUE(b.wide == 0 || b.wide == ~0ULL);
-        ASSERT_TRUE(b.narrow == 0 || b.narrow == ~0U);
-        ASSERT_TRUE(b.tail == 0 || b.tail == 0xFFFF);
-    }
-    writer.join();
-}
-
 } // namespace

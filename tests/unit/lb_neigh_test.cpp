@@ -154,51 +154,7 @@ TEST_F(NeighTest, Transitions)
     }
 }
 
-TEST_F(NeighTest, RipenessToTheMicrosecond)
-{
-    const lb_timeval_t now = {1000, 500000};
-    const lb_timeval_t fresh = {1000, 400000};
-    const struct {
-        const char *name;
-        int state;
-        lb_timeval_t rx, tx;
-        bool ripe;
-    } rows[] = {
-        {"answered 9.999999 s ago", OK, {990, 500001}, fresh, false},
-        {"answered 10 s ago", OK, {990, 500000}, fresh, true},
-        {"asked 14.999999 s ago", OK, fresh, {985, 500001}, false},
-        {"asked 15 s ago", OK, fresh, {985, 500000}, true},
-        {"query 0.999999 s old", B1, {}, {999, 500001}, false},
-        {"query 1 s old", B1, {}, {999, 500000}, true},
-        {"verify 1 s old", U0 | ERR, {}, {999, 500000}, true},
-        {"dead for 29.999999 s", DEAD | DOWN, {}, {970, 500001}, false},
-        {"dead for 30 s", DEAD | DOWN, {}, {970, 500000}, true},
-        {"times from the future", B1, {5000, 0}, {5000, 0}, false},
-        {"undefined", 0, {}, {}, false},
-    };
-    for (const auto &row : rows) {
-        lbneigh_obj_t entry = {};
-        entry.state = static_cast<lb_u8_t>(row.state);
-        entry.lastrx = row.rx;
-        entry.lasttx = row.tx;
-        EXPECT_EQ(_lbneigh_isripe(&entry, now), row.ripe) << row.name;
-    }
-}
-
 // --- Cadence -------------------------------------------------------------------------------------
-
-TEST_F(NeighTest, SilentNeighbourIsVerifiedQueriedDeclaredDeadAndComesBack)
-{
-    lbneigh_obj_t *entry = add();
-    EXPECT_EQ(queries(), "b");
-    answer();
-    EXPECT_EQ(lb_peek(entry->state), OK);
-    EXPECT_EQ(cadence(80), "10u 11b 12b 13b 14b 44b 74b ");
-    EXPECT_EQ(lb_peek(entry->state), DEAD | DOWN);
-    answer();
-    EXPECT_EQ(lb_peek(entry->state), OK);
-    EXPECT_EQ(cadence(11), "9u 10b 11b ") << "verified 15 s after the last query";
-}
 
 TEST_F(NeighTest, OwnQueriesOfANeighbourCountAsAnswers)
 {
@@ -349,17 +305,6 @@ TEST_F(NeighTest, AHandleThatCannotBeHadIsAskedForEverySecond)
     EXPECT_EQ(cadence(3), "");
     EXPECT_EQ(fake::log_count("error getting transmit handle for eth0"), 3);
     fake::set_interface_unknown("eth0", false);
-    EXPECT_EQ(cadence(1), "1b ");
-    answer();
-    EXPECT_EQ(lb_peek(entry->state), OK);
-}
-
-TEST_F(NeighTest, WithoutMemoryForARouteItIsTriedAgain)
-{
-    fake::fail(fake::op::alloc, 2); // the entry, and then its route
-    lbneigh_obj_t *entry = add();
-    ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(lb_peek(entry->state), ERR | U0);
     EXPECT_EQ(cadence(1), "1b ");
     answer();
     EXPECT_EQ(lb_peek(entry->state), OK);

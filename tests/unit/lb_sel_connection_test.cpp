@@ -18,27 +18,6 @@ class ConnectionTableTest : public RecordFixture
     }
 };
 
-TEST_F(ConnectionTableTest, ChoosesTheBucketByAddressAndPort)
-{
-    lbsel_ct_obj_t *ct = make_table();
-    const struct {
-        const char *ip;
-        lb_u16_t port;
-        lb_u32_t raw;
-    } rows[] = {
-        {"10.9.1.2", 0, 0x01020000}, // the address as it reads on the wire, its high half lost
-        {"10.9.1.2", 0xFFFF, 0x0102FFFF},
-        {"2001:db8::1:2", 80, 0x00020050},
-    };
-    for (const auto &row : rows) {
-        lbsel_cr_obj_key_t key = {.sip = stack::ip(row.ip), .sport = row.port, ._pad = 0};
-        lbsel_cr_obj_t record{};
-        record.crkey = key;
-        EXPECT_EQ(ct->lookup._hash(&key, nullptr), row.raw) << row.ip;
-        EXPECT_EQ(ct->lookup._hash(nullptr, &record), row.raw) << row.ip;
-    }
-}
-
 TEST_F(ConnectionTableTest, HandsOutClearedRecords)
 {
     lbsel_ct_obj_t *ct = make_table();

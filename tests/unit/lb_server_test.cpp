@@ -66,33 +66,4 @@ TEST_F(ServerTest, NeighbourIsHeldUntilTheServerIsReaped)
     EXPECT_EQ(lbneigh_lookup(&addr), nullptr);
 }
 
-TEST_F(ServerTest, KindsThatCannotBeServedAreRefused)
-{
-    lbsrv_addable_t nat{};
-    nat.nat = 1;
-    EXPECT_EQ(add_server(C, 80, S, {}, nat), LBCMD_RC_FAILURE);
-    EXPECT_EQ(add_server(C, 80, "0.0.0.0"), LBCMD_RC_FAILURE);
-    EXPECT_TRUE(get_port(C, 80).children.empty());
-    EXPECT_EQ(lbll_size(&port()->serverset.srvreflist), 0);
-}
-
-// A rule that uses the server makes its removal refuse. It is off the tree, but packets find it
-// until it is reaped.
-TEST_F(ServerTest, RefusedRemovalIsUnlinkedBeforeItIsFreed)
-{
-    ASSERT_ADDED(add_server(C, 80, S));
-    lbsrv_obj_t *srv = server(S);
-    srv->getable.useservercount = 1;
-    EXPECT_EQ(rm_server(C, 80, S), LBCMD_RC_FAILURE);
-    EXPECT_EQ(server(S), nullptr);
-    lbip_addr_t addr = ip(S);
-    EXPECT_EQ(lbll_select1(&port()->serverlist, &addr), srv);
-    tick(3);
-    EXPECT_EQ(lbll_size(&port()->serverlist), 0);
-    EXPECT_EQ(lbll_size(&port()->serverset.srvreflist), 0);
-    EXPECT_EQ(lbll_size(&lbexecutor->cmdreaplist), 1) << "freed before readers have let go";
-    tick_once();
-    EXPECT_EQ(lbll_size(&lbexecutor->cmdreaplist), 0);
-}
-
 } // namespace

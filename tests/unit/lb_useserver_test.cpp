@@ -51,22 +51,6 @@ TEST_F(UseServerTest, AServerIsKeptByItsUses)
     EXPECT_EQ(rm_rule(1), LBCMD_RC_SUCCESS);
 }
 
-TEST_F(UseServerTest, IsListedUnderItsRuleAndItsServer)
-{
-    ASSERT_ADDED(use(1, 12));
-    ASSERT_ADDED(use(1, 11));
-    const auto bytes = [](const lbcmd_key_t &key) {
-        return std::string(reinterpret_cast<const char *>(&key), sizeof(key));
-    };
-    const auto ofrule = get_rule(1).children;
-    ASSERT_EQ(ofrule.size(), 2U);
-    EXPECT_EQ(bytes(ofrule[0]), bytes(use_key(1, 12)));
-    EXPECT_EQ(bytes(ofrule[1]), bytes(use_key(1, 11)));
-    ASSERT_EQ(get_server(C, 80, address(11)).children.size(), 1U);
-    EXPECT_EQ(bytes(get_server(C, 80, address(11)).children[0]), bytes(use_key(1, 11)));
-    EXPECT_EQ(get<useserver_view>(use_key(1, 11)).rc, LBCMD_RC_SUCCESS);
-}
-
 TEST_F(UseServerTest, WeightSumOfTheRuleFollowsEveryChange)
 {
     ASSERT_ADDED(use(1, 11));
@@ -79,18 +63,6 @@ TEST_F(UseServerTest, WeightSumOfTheRuleFollowsEveryChange)
     EXPECT_EQ(weightsum(1), 7U);
     EXPECT_EQ(disuse(1, 12), LBCMD_RC_SUCCESS);
     EXPECT_EQ(weightsum(1), 0U);
-}
-
-TEST_F(UseServerTest, TheRuleTellsOfALoadOfItsOwnServersAlone)
-{
-    ASSERT_ADDED(use(1, 11));
-    lb_poke(server(11)->sel.active._size, 3);
-    lb_poke(server(12)->sel.active._size, 4);
-    tick_once();
-    EXPECT_EQ(lb_peek(object<lbrul_obj_t>(rule_key(1))->serverset.numactive), 3U);
-    EXPECT_EQ(lb_peek(port()->serverset.numactive), 7U);
-    lb_poke(server(11)->sel.active._size, 0);
-    lb_poke(server(12)->sel.active._size, 0);
 }
 
 TEST_F(UseServerTest, WhatFailsWhileItIsMadeLeavesTheUseCountedAndNothingElse)
