@@ -308,39 +308,6 @@ TEST_F(lx_host, whoever_comes_second_has_the_buffer)
     os_packethold(nullptr);
 }
 
-// The worker's return and the release at the same moment, over and over.
-TEST_F(lx_host, worker_and_release_race_for_the_buffer)
-{
-    constexpr int ROUNDS = 500;
-    std::atomic<lx_pktbuf_t *> published{nullptr};
-    std::atomic<bool> over{false};
-    std::thread releaser([&published, &over] {
-        while (!over.load()) {
-            if (lx_pktbuf_t *pkt = published.exchange(nullptr); pkt != nullptr) {
-                os_packetfree(pkt);
-            } else {
-                std::this_thread::yield();
-            }
-        }
-    });
-    answer = [&published](lx_pktbuf_t *pkt) -> int {
-        while (published.load() != nullptr) { // the one before is still to be taken
-            std::this_thread::yield();
-        }
-        os_packethold(pkt);
-        published.store(pkt);
-        return LB_PACKETRC_HELD;
-    };
-    mask_ = 0;
-    run(std::deque<frame_t>(ROUNDS));
-    while (published.load() != nullptr) {
-        std::this_thread::yield();
-    }
-    over = true;
-    releaser.join();
-    EXPECT_EQ(entries.size(), static_cast<std::size_t>(ROUNDS));
-}
-
 TEST_F(lx_host, headroom)
 {
     lx_pktbuf_t pkt = {};

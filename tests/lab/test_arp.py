@@ -6,20 +6,15 @@ The client's own kernel stays out of it: requests are built by scapy and sent as
 import time
 
 import pytest
-from packets import ARP, BROADCAST, ETH_IP, UDP, ZERO, Ether, IP, answers_for, ethertype, is_arp
+from packets import ARP, BROADCAST, ETH_IP, ZERO, Ether, answers_for, is_arp
 
-from lab import Basic, LabError, mac_of
-
-
-# Servers 4 and 5 are nobody's neighbour until a test makes them so.
-def make_net(lab):
-    return Basic(lab, servers=5)
+from lab import LabError, mac_of
 
 
 @pytest.fixture(name="served", scope="module")
 def _served(net, daemon):
     assert daemon.alive()
-    net.configure(servers=(1, 2, 3))
+    net.configure()
     return net
 
 
@@ -58,49 +53,6 @@ OWNERS = {
 def test_other_addresses_are_left_to_their_owners(served, name):
     address, macs = OWNERS[name]
     assert answers_for(served, address) == macs
-
-
-def test_a_new_cluster_is_announced(served, daemon):
-    address = "10.0.0.105"
-    with served.client.capture() as capture:
-        daemon.ctl("cluster", "add", address)
-        frame = Ether(capture.wait(is_arp(sender=address), what="an announcement"))
-    assert (frame.src, frame.dst) == (served.forwarder.mac(), BROADCAST)
-    arp = frame[ARP]
-    assert (arp.op, arp.pdst, arp.hwsrc, arp.hwdst) == (1, address, served.forwarder.mac(), ZERO)
-    assert answers_for(served, address) == [served.forwarder.mac()]
-    daemon.ctl("cluster", "rm", address)
-    assert answers_for(served, address) == []
-
-
-def serve_alone(net, daemon, number):
-    """Puts one server, and no other, behind port 81."""
-    if daemon.ctl("port", "rm", f"{net.CLUSTER}:81", "--recursive", check=False).returncode not in (0, 1):
-        raise LabError("port rm")
-    daemon.ctl("port", "add", f"{net.CLUSTER}:81")
-    daemon.ctl("server", "add", f"{net.CLUSTER}:81", net.server_address(number))
-
-
-def send_to_server(net):
-    """A datagram from the client to port 81 of the cluster."""
-    with net.client.injector() as out:
-        out.send(Ether(dst=net.forwarder.mac(), src=mac_of(net.CLIENT))
-                 / IP(src=net.CLIENT, dst=net.CLUSTER) / UDP(sport=5000, dport=81) / b"x")
-
-
-def test_server_is_asked_for_and_learnt(served, daemon):
-    """By broadcast from the forwarder's own address; the answer is where frames then go."""
-    address, server = served.server_address(4), served.servers[3]
-    with served.client.capture() as capture:
-        serve_alone(served, daemon, 4)
-        query = Ether(capture.wait(is_arp(1, target=address), what="a query"))
-    assert (query.src, query.dst) == (served.forwarder.mac(), BROADCAST)
-    assert (query[ARP].psrc, query[ARP].hwdst) == (served.FORWARDER, ZERO)
-    daemon.wait_neighbour(address)
-    with server.capture() as capture:
-        send_to_server(served)
-        frame = capture.wait(lambda f: ethertype(f) == ETH_IP)
-    assert (Ether(frame).dst, Ether(frame).src) == (server.mac(), served.forwarder.mac())
 
 
 def test_silent_server_dies_and_comes_back(served, daemon):

@@ -71,15 +71,6 @@ def test_kernels_datagrams_arrive_whole(net, sinks):
     assert all(found)  # udprr: every server has had some
 
 
-ORDERS = {
-    "reversed": lambda one, other: one[::-1] + other[::-1],
-    "last first": lambda one, other: one[-1:] + one[:-1] + other[-1:] + other[:-1],
-    "interleaved": lambda one, other: [f for pair in zip(one, other) for f in pair],
-    "first last, interleaved": lambda one, other: [
-        f for pair in zip(one[1:] + one[:1], other[1:] + other[:1]) for f in pair],
-}
-
-
 def framed(net, packet):
     """A packet in a frame to the forwarder."""
     return Ether(dst=net.forwarder.mac(), src=net.client.mac()) / packet
@@ -92,17 +83,6 @@ def cut(net, number, data, source=None):
     parts = (fragment6(IPv6(**ends) / IPv6ExtHdrFragment(id=number) / whole, 1496) if net.ipv6 else
              fragment(IP(id=number, **ends) / whole, 1480))
     return [framed(net, part) for part in parts]
-
-
-@pytest.mark.parametrize("order", ORDERS)
-def test_any_order_arrives_whole(net, sinks, order):
-    first = 100 * (1 + list(ORDERS).index(order))  # An old identification has its server already.
-    found = []
-    with net.client.injector() as client:
-        for number in range(first, first + 20, 2):
-            client.send(*ORDERS[order](*(cut(net, each, content(each)) for each in (number, number + 1))))
-            found += itertools.chain(*collect(sinks, 2))
-    assert sorted(found) == sorted(map(content, range(first, first + 20)))
 
 
 def test_those_that_wait_for_a_first_stay_within_the_budget(net, daemon, sinks):

@@ -1,5 +1,5 @@
-"""Clients stay where they belong: long sessions while servers are drained, come back and go, clients
-that return to their server, and rules. Real servers and clients on both ends.
+"""Clients stay where they belong: long sessions while servers are drained, come back and go, and
+clients that return to their server. Real servers and clients on both ends.
 """
 
 import collections
@@ -13,13 +13,12 @@ from lab import ipv6_of, wait_until
 from lab.sessions import LongSessions
 
 IP_VERSIONS = (4, 6)
-ECHO, STICKY_ECHO = 7, 9  # connection; connections whose server is the client's
-WEB, SHOP, TILL, RULED = 80, 81, 82, 83  # connection; two that are affinity's; connection
+ECHO = 7  # connection
+WEB, SHOP, TILL = 80, 81, 82  # connection; two that are affinity's
 COUNT = 200
 CLIENTS = [f"10.0.0.{number}" for number in range(51, 59)]
 STICKY_S = 10
-PORTS = {ECHO: [], WEB: [], RULED: [],
-         STICKY_ECHO: ["--algorithm", "conn-affin"],
+PORTS = {ECHO: [], WEB: [],
          SHOP: ["--algorithm", "affinity", "--sticky-time", f"{STICKY_S}s"],
          TILL: ["--algorithm", "affinity", "--sticky-time", f"{STICKY_S}s", "--crossport", SHOP]}
 
@@ -75,7 +74,7 @@ class Farm:
 
 @pytest.fixture(name="farm", scope="module")
 def _farm(net, daemon):
-    net.start_web((WEB, SHOP, TILL, RULED))
+    net.start_web((WEB, SHOP, TILL))
     net.client.sysctl(net__ipv4__ip_local_port_range="10000 65000")
     made = Farm(net, daemon)
     for client in made.clients:
@@ -93,7 +92,7 @@ def _farm(net, daemon):
 @pytest.fixture(name="sessions", scope="module")
 def _sessions(net, farm):
     assert farm
-    return LongSessions(net, (ECHO, STICKY_ECHO))
+    return LongSessions(net, (ECHO,))
 
 
 def servers_of(sessions):
@@ -219,40 +218,3 @@ def test_client_returns_to_its_server_on_both_ports_for_the_sticky_time(farm):
     wait_until(lambda: not any(c["active"] for port in (SHOP, TILL) for c in farm.connections(port).values()),
                STICKY_S + 10, "the clients to be forgotten", interval=0.1)
     assert STICKY_S - 1 < time.monotonic() - began and time.monotonic() - said < STICKY_S + 3
-
-
-def test_known_client_begins_at_its_server_while_old_sessions_stay(farm, sessions):
-    first = sessions.open(STICKY_ECHO, 6)
-    (home,) = servers_of(first)
-    farm.weigh(STICKY_ECHO, home, 0)
-    (second_home,) = servers_of(sessions.open(STICKY_ECHO, 6))
-    farm.weigh(STICKY_ECHO, home, 1)
-    third = sessions.open(STICKY_ECHO, 6)
-    assert second_home != home and servers_of(third) == {second_home: 6}
-    now = progress(sessions)[-18:]
-    assert servers_of(now) == {home: 6, second_home: 12}
-    assert {s.ended for s in now} == {None}
-
-
-def test_rule_sends_to_its_servers_and_an_empty_one_drops(farm):
-    used, port = farm.names[1], farm.port(RULED)
-    assert set(farm.fetch(RULED, 6)[1]) == set(farm.names)
-    farm.daemon.ctl("rule", "add", port, 5, "--type", "true")
-    farm.daemon.ctl("use-server", "add", port, 5, farm.address[used])
-    assert farm.fetch(RULED, 6) == (0, [used] * 6)
-    farm.weigh(RULED, used, 0)  # a rule whose servers weigh nothing does not fire
-    status, servers = farm.fetch(RULED, 6)
-    assert (status, set(servers)) == (0, set(farm.names) - {used})
-    farm.weigh(RULED, used, 1)
-
-    farm.daemon.ctl("rule", "add", port, 3, "--type", "true")  # before 5, and without servers
-    protocol = "ipv6" if farm.net.ipv6 else "ipv4"
-    before = farm.daemon.counters(protocol)["discarded"]
-    status, servers = farm.fetch(RULED, wait_s=1)
-    assert (status, servers) == (28, [])  # curl's word for a time that is up
-    assert farm.daemon.counters(protocol)["discarded"] > before
-    refused = farm.daemon.ctl("server", "rm", port, farm.address[used], check=False)
-    assert refused.returncode != 0 and "HASCHILD" in refused.stderr
-
-    farm.daemon.ctl("rule", "rm", port, 3)
-    assert farm.fetch(RULED, 6) == (0, [used] * 6)

@@ -125,23 +125,6 @@ TEST_F(CommandTest, SettableBlockLiesBehindAddsize)
     }
 }
 
-// With addsize 0 both blocks begin at the same byte. Defaults settled in one must not leak into the
-// other, where they would be an algorithm that does not exist.
-TEST_F(CommandTest, OverlappingBlocksDoNotSpoilEachOther)
-{
-    ASSERT_ADDED(add_cluster(C));
-    prepare(LBCMD_ACTION_ADD, LBCMD_KEYTYPE_CONFIG, cfgkey(C, 80));
-    buffer()._x[0] = 5;
-    const lbcmd_buf_t sent = buffer();
-    ASSERT_ADDED(send());
-    EXPECT_EQ(std::memcmp(buffer()._x, sent._x, sizeof(sent._x)), 0) << "payload changed";
-    const stack::port_view view = get_port(C, 80);
-    EXPECT_EQ(view.addable.selectalg, 5);
-    EXPECT_EQ(view.addable.udpselectalg, LBSEL_ALGORIGHM_UDPRR);
-    EXPECT_EQ(view.addable.crossport, 80);
-    EXPECT_EQ(view.setable.staletimeout, 6400U);
-}
-
 TEST_F(CommandTest, RefusedSetChangesNothingButAppliesAgain)
 {
     ASSERT_ADDED(add_cluster(C));

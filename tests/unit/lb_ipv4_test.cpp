@@ -1,4 +1,4 @@
-// The IPv4 layer: its sums against RFC 1071 by the book, the header rewrites, and the reset.
+// The IPv4 layer: its sums, what it refuses, and when no reset is sent.
 #include "lb_ip.h"
 #include "lb_ipv4.h"
 #include "lb_neigh.h"

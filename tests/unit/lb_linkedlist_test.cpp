@@ -184,18 +184,6 @@ TEST_F(ListTest, FiltersAnswerInBits)
     EXPECT_EQ(c.count, 4) << "select1 does not look at the stop bit";
 }
 
-TEST_F(ListTest, EqualsInOrder)
-{
-    items_[0].value = items_[1].value = 7;
-    ASSERT_EQ(lbll_addnode_inorder(&list_, &items_[0], before_by_value), 0);
-    ASSERT_EQ(lbll_addnode_inorder(&list_, &items_[1], before_by_value), 0);
-    EXPECT_EQ(lbll_getnode_lhs(&list_), &items_[0]) << "first come, first kept";
-    EXPECT_EQ(lbll_addnode_inorder(&list_, &items_[0], before_by_value), 2) << "is linked";
-    items_[2].value = 7;
-    ASSERT_EQ(lbll_addnode_inorder(&list_, &items_[2], [](void *, void *) { return 1; }), 0);
-    EXPECT_EQ(lbll_getnode_lhs(&list_), &items_[2]);
-}
-
 TEST_F(ListTest, RetiringAList)
 {
     fill(3);

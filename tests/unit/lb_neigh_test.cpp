@@ -202,38 +202,6 @@ TEST_F(NeighTest, EveryRipeEntryIsVisitedOnceATick)
 
 // --- Learning ------------------------------------------------------------------------------------
 
-TEST_F(NeighTest, WhatIsLearntAndWhatIsNot)
-{
-    const packets::mac group = {0x01, 0, 0x5E, 0, 0, 1};
-    const struct {
-        const char *name;
-        packets::arp arp;
-        packets::mac known;
-    } rows[] = {
-        {"reply", {.op = 2, .srchw = OTHER, .srcip = PEER_IP, .tgtip = "10.0.0.1"}, OTHER},
-        {"request", {.op = 1, .srchw = OTHER, .srcip = PEER_IP, .tgtip = "10.0.0.9"}, OTHER},
-        {"gratuitous", {.op = 1, .srchw = OTHER, .srcip = PEER_IP, .tgtip = PEER_IP}, OTHER},
-        {"about somebody else",
-         {.op = 2, .srchw = OTHER, .srcip = "10.0.0.9", .tgtip = PEER_IP},
-         PEER},
-        {"for the neighbour",
-         {.op = 1, .srchw = OTHER, .srcip = "10.0.0.9", .tgtip = PEER_IP},
-         PEER},
-        {"broadcast address", {.op = 2, .srchw = packets::BROADCAST, .srcip = PEER_IP}, PEER},
-        {"multicast address", {.op = 2, .srchw = group, .srcip = PEER_IP}, PEER},
-        {"no address", {.op = 2, .srchw = {}, .srcip = PEER_IP}, PEER},
-    };
-    lbneigh_obj_t *entry = add();
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        answer();
-        EXPECT_EQ(fake::receive(packets::build(row.arp)), LB_PACKETRC_INTACT);
-        const lbeth_addr_align_t eaddr = lb_peek(entry->eaddr);
-        EXPECT_TRUE(std::equal(row.known.begin(), row.known.end(), eaddr.b));
-    }
-    EXPECT_EQ(find("10.0.0.9"), nullptr) << "strangers are not taken in";
-}
-
 // --- Routes --------------------------------------------------------------------------------------
 
 TEST_F(NeighTest, NoInterfaceAndThenOneAppears)
@@ -256,23 +224,6 @@ TEST_F(NeighTest, NoInterfaceAndThenOneAppears)
     answer(PEER, "10.9.0.11");
     EXPECT_EQ(lb_peek(entry->state), OK);
     ASSERT_NE(lb_peekptr(entry->route), nullptr);
-}
-
-TEST_F(NeighTest, AnInterfaceThatIsRemovedIsForgottenAtOnceAndFoundAgain)
-{
-    lbneigh_obj_t *entry = add();
-    answer();
-    tick(2);
-    (void)queries();
-    EXPECT_EQ(rm_ifaddr("eth0", "10.0.0.1/24"), LBCMD_RC_SUCCESS);
-    EXPECT_EQ(rm_interface("eth0"), LBCMD_RC_SUCCESS);
-    EXPECT_EQ(lb_peekptr(entry->route), nullptr);
-    EXPECT_EQ(lb_peek(entry->state), NOIF | U0);
-    ASSERT_ADDED(add_interface("eth0", stack::ethernet(1)));
-    ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
-    EXPECT_EQ(cadence(1), "0.5b ");
-    answer();
-    EXPECT_EQ(lb_peek(entry->state), OK);
 }
 
 TEST_F(NeighTest, ARouteIsReplacedOnlyWhenItDiffers)

@@ -127,23 +127,4 @@ TEST_F(ConnectionTableTest, LeavesNothingOfAPortOrServerThatFails)
     EXPECT_TRUE(fake::log_contains("affinity arlist list init failed\n"));
 }
 
-TEST_F(ConnectionTableTest, QueuesNothingForANodeThatStandsAlone)
-{
-    lbport_setable_t setable{};
-    setable.repstrategy = LBHA_REPLICATIONSTRATEGY_CRARREP;
-    ASSERT_ADDED(make_port(80, LBSEL_ALGORIGHM_CONN_AFFIN, 0, LBSEL_ALGORIGHM_UDPRR, setable));
-    ASSERT_ADDED(make_server(80, 11));
-    const auto *port = port_object(80);
-    for (const std::uint8_t flags : {SYN, ACK, FIN, RST, SYN}) {
-        EXPECT_EQ(tcp(flags), 11);
-    }
-    EXPECT_EQ(lbha_set_crrepall() + lbha_set_arrepall(), 0);
-    wait_ms(500);
-    EXPECT_EQ(lbll_size(&lbexecutor->ha.reppktq), 0);
-    auto *ct = static_cast<lbsel_ct_obj_t *>(port->ct);
-    auto *at = static_cast<lbsel_at_obj_t *>(port->at);
-    EXPECT_EQ(records::all<lbsel_cr_obj_t>(ct->pool).at(0)->reptimestamp.secs, 0);
-    EXPECT_EQ(records::all<lbsel_ar_obj_t>(at->pool).at(0)->reptimestamp.secs, 0);
-}
-
 } // namespace

@@ -1,9 +1,8 @@
-// Choosing: the arithmetic of round robin against a naive reference.
+// Choosing: the arithmetic of round robin.
 #include "lb_select.h"
 #include "lb_server.h"
 
 #include <memory>
-#include <random>
 
 #include "fake_fixture.h"
 
@@ -107,27 +106,6 @@ TEST_F(SrvsetTest, AStaleWeightSumChoosesNobodyRatherThanAnybody)
     EXPECT_EQ(choose(seed), NONE);
     EXPECT_EQ(choose(seed), 0);
     EXPECT_EQ(seed, 3U);
-}
-
-TEST_F(SrvsetTest, ShareOfTurnsIsTheWeight)
-{
-    const unsigned seed = std::random_device()();
-    SCOPED_TRACE(seed);
-    std::mt19937 random(seed);
-    for (int round = 0; round < 50; round++) {
-        std::vector<int> weights(1 + random() % 128);
-        std::vector<int> expected; // one entry a turn
-        for (std::size_t i = 0; i < weights.size(); i++) {
-            weights[i] = static_cast<int>(random() % 6);
-            expected.insert(expected.end(), static_cast<std::size_t>(weights[i]),
-                            static_cast<int>(i));
-        }
-        if (expected.empty()) {
-            continue;
-        }
-        fill(weights);
-        EXPECT_EQ(turns(0, static_cast<int>(expected.size())), expected);
-    }
 }
 
 TEST_F(SrvsetTest, WeightsOfUpTo128ServersCount)

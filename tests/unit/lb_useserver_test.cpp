@@ -12,11 +12,6 @@ class UseServerTest : public RuleFixture
         RuleFixture::SetUp();
         ASSERT_ADDED(add_rule(1));
     }
-
-    static lb_u32_t weightsum(int rule)
-    {
-        return lb_peek(object<lbrul_obj_t>(rule_key(rule))->serverset.weightsum);
-    }
 };
 
 TEST_F(UseServerTest, NeedsARuleAndAServerOfThePort)
@@ -49,20 +44,6 @@ TEST_F(UseServerTest, AServerIsKeptByItsUses)
     EXPECT_EQ(uses_of(11), 0U);
     EXPECT_EQ(rm_server(C, 80, address(11)), LBCMD_RC_SUCCESS);
     EXPECT_EQ(rm_rule(1), LBCMD_RC_SUCCESS);
-}
-
-TEST_F(UseServerTest, WeightSumOfTheRuleFollowsEveryChange)
-{
-    ASSERT_ADDED(use(1, 11));
-    EXPECT_EQ(weightsum(1), 1U);
-    ASSERT_ADDED(use(1, 12));
-    EXPECT_EQ(weightsum(1), 2U);
-    ASSERT_ADDED(weigh(12, 7));
-    EXPECT_EQ(weightsum(1), 8U);
-    EXPECT_EQ(disuse(1, 11), LBCMD_RC_SUCCESS);
-    EXPECT_EQ(weightsum(1), 7U);
-    EXPECT_EQ(disuse(1, 12), LBCMD_RC_SUCCESS);
-    EXPECT_EQ(weightsum(1), 0U);
 }
 
 TEST_F(UseServerTest, WhatFailsWhileItIsMadeLeavesTheUseCountedAndNothingElse)

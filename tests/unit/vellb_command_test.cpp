@@ -1,6 +1,4 @@
-// Command buffers: what goes out byte for byte, and what is made of answers that are cut, too large
-// or not answers at all.
-#include <cstdio>
+// What is made of answers that are cut, too large or not answers at all.
 #include <gtest/gtest.h>
 
 #include "prot/blocks.h"
@@ -14,48 +12,6 @@ namespace
 lbip_addr_t ip(const char *text)
 {
     return *vellb::parse_address(text);
-}
-
-std::string hex(const void *bytes, size_t size)
-{
-    std::string text;
-    for (size_t i = 0; i < size; i++) {
-        char two[4];
-        snprintf(two, sizeof(two), "%02x", static_cast<const unsigned char *>(bytes)[i]);
-        text += two;
-    }
-    return text;
-}
-
-// The worked example of docs/command-protocol.md.
-TEST(vellb_command, a_port_add_as_documented)
-{
-    if (std::endian::native != std::endian::little) {
-        GTEST_SKIP() << "the example is in little-endian order";
-    }
-    lbport_addable_t fixed{};
-    fixed.selectalg = LBSEL_ALGORIGHM_HASH;
-    fixed.udpselectalg = LBSEL_ALGORIGHM_UDPRR;
-    const auto buffer = vellb::encode(
-        {LBCMD_KEYTYPE_CONFIG, LBCMD_ACTION_ADD, vellb::port_key(ip("10.0.0.100"), 80),
-         vellb::bytes_of(fixed), vellb::bytes_of(lbport_setable_t{})});
-    EXPECT_EQ(hex(buffer.get(), 104),
-              "0b050508" // version
-              "0400000000000000"
-              "0a000064000000000000000000000000" // cluster 10.0.0.100
-              "50000000"
-              "00000000" // port 80, rule 0, pad
-              "0000000000000000"
-              "00000000000000000000000000000000" // server: none
-              "01"
-              "01" // configuration tree, ADD
-              "0800"
-              "1800"
-              "0000"
-              "0000"
-              "0000"             // 8 addable, 24 settable bytes
-              "0105000000000000" // hash, udprr, no cross port
-              "000000000000000000000000000000000000000000000000");
 }
 
 TEST(vellb_command, blocks_that_do_not_fit_are_not_sent)
