@@ -1,11 +1,8 @@
 // The configuration's commands meeting a daemon that others use too, and the program that sends
 // them once; files on disk; the limits that only many objects reach.
 #include <fstream>
-#include <gtest/gtest.h>
-#include <sstream>
 
-#include "app.h"
-#include "vellb_fake_daemon.h"
+#include "vellbctl_fixture.h"
 #include "vellcfg/apply.h"
 #include "vellcfg/check.h"
 #include "vellcfg/normalise.h"
@@ -24,7 +21,7 @@ clusters:
       - {port: 80, servers: [{address: 10.0.0.11, weight: 5}, 10.0.0.12, 10.0.0.13]}
 )";
 
-class config_apply : public testing::Test
+class config_apply : public vellbctl_test
 {
   protected:
     vellcfg::plan plan_for(const std::string &text)
@@ -49,7 +46,6 @@ class config_apply : public testing::Test
         daemon.put(object);
     }
 
-    fake_daemon daemon;
     vellb::client client{daemon.path()};
 };
 
@@ -126,12 +122,8 @@ TEST_F(config_apply, vellbctl_checks_differs_applies_and_exports)
 {
     const std::string file = daemon.directory() + "/web.yaml";
     const auto run = [&](const std::string &line) {
-        std::istringstream in("--socket " + daemon.path() + " " + line);
-        std::ostringstream out;
-        std::ostringstream err;
-        const int status =
-            vellbctl::run({std::istream_iterator<std::string>(in), {}}, {out, err, false});
-        return std::to_string(status) + " " + out.str() + err.str();
+        const result_t got = vellbctl_test::run(line);
+        return std::to_string(got.status) + " " + got.out + got.err;
     };
     std::ofstream(file) << WEB;
     EXPECT_NE(run("check -f " + file).find("0 " + file + ": no errors"), std::string::npos);

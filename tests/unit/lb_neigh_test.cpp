@@ -156,6 +156,19 @@ TEST_F(NeighTest, Transitions)
 
 // --- Cadence -------------------------------------------------------------------------------------
 
+TEST_F(NeighTest, SilentNeighbourIsVerifiedQueriedDeclaredDeadAndComesBack)
+{
+    lbneigh_obj_t *entry = add();
+    EXPECT_EQ(queries(), "b");
+    answer();
+    EXPECT_EQ(lb_peek(entry->state), OK);
+    EXPECT_EQ(cadence(80), "10u 11b 12b 13b 14b 44b 74b ");
+    EXPECT_EQ(lb_peek(entry->state), DEAD | DOWN);
+    answer();
+    EXPECT_EQ(lb_peek(entry->state), OK);
+    EXPECT_EQ(cadence(11), "9u 10b 11b ") << "verified 15 s after the last query";
+}
+
 TEST_F(NeighTest, OwnQueriesOfANeighbourCountAsAnswers)
 {
     lbneigh_obj_t *entry = add();

@@ -179,6 +179,23 @@ TEST_F(RuleTest, UnknownTypesBecomeTrue)
     }
 }
 
+TEST_F(RuleTest, DoesNotFireBeforeItsFirstSet)
+{
+    lbcmd_key_t key = rule_key(1);
+    lbrul_addable_t addable{};
+    lbrul_setable_t setable = settings(LBRUL_TYPE_TRUE);
+    lbcmd_objhdr_t *parent = &port()->config;
+    lbcmd_objhdr_t *made = nullptr;
+    ASSERT_EQ(parent->addchild(&key, parent, &addable, &setable, &made), LBCMD_RC_SUCCESS);
+    EXPECT_NE(route(), NOWHERE);
+    EXPECT_EQ(made->set(made), 0);
+    EXPECT_EQ(route(), NOWHERE);
+    EXPECT_EQ(made->remove(made), LBCMD_RC_SUCCESS);
+    EXPECT_EQ(made->reap(made, 2), 0) << "two seconds are too young";
+    made->grace = lb_grace_now();
+    EXPECT_EQ(made->reap(made, 3), 1);
+}
+
 TEST_F(RuleTest, WhatFailsWhileItIsMadeLeavesNothing)
 {
     const struct {

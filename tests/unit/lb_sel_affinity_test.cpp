@@ -47,4 +47,39 @@ TEST_F(AffinityTableTest, GivesItsUseBackWhenThePortFails)
     EXPECT_EQ(tcp(SYN), 11);
 }
 
+// Forwarding asks for a connection's record: it must be able to tell.
+TEST_F(AffinityTableTest, TellsWhatKindOfRecordAPacketCarries)
+{
+    const struct {
+        lb_u8_t algorithm;
+        lb_u32_t sticky;
+        lbpbuf_selrecord_e kind;
+    } rows[] = {
+        {LBSEL_ALGORIGHM_HASH, 1, LBPBUF_SELRECORD_NONE},
+        {LBSEL_ALGORIGHM_CONNECTION, 1, LBPBUF_SELRECORD_CONNECTION},
+        {LBSEL_ALGORIGHM_AFFINITY, 1, LBPBUF_SELRECORD_AFFINITY},
+        {LBSEL_ALGORIGHM_AFFINITY, 0, LBPBUF_SELRECORD_NONE},
+        {LBSEL_ALGORIGHM_CONN_AFFIN, 1, LBPBUF_SELRECORD_CONNECTION},
+        {LBSEL_ALGORIGHM_CONN_AFFIN, 0, LBPBUF_SELRECORD_CONNECTION},
+    };
+    for (const auto &row : rows) {
+        ASSERT_ADDED(make_port(80, row.algorithm));
+        ASSERT_ADDED(make_server(80, 11, 1, row.sticky));
+        lbpbuf_obj_t pkt{};
+        pkt.port = port_object(80);
+        pkt.cluster = pkt.port->parent;
+        pkt.stats = &lbexecutor->getable.ipv4stats;
+        pkt.pseudotcpflags = SYN;
+        pkt._select_prv.sel_clientip = stack::ip("10.9.0.1");
+        {
+            const lb_grace_inside inside;
+            EXPECT_EQ(selectfunc[row.algorithm].choose(&pkt), server_object(11));
+        }
+        EXPECT_EQ(pkt._select_prv.selrecordkind, row.kind) << int{row.algorithm};
+        EXPECT_EQ(pkt._select_prv.selrecord != nullptr, row.kind != LBPBUF_SELRECORD_NONE);
+        ASSERT_EQ(rm_server(C, 80, address(11)), LBCMD_RC_SUCCESS);
+        ASSERT_EQ(rm_port(C, 80), LBCMD_RC_SUCCESS);
+    }
+}
+
 } // namespace
