@@ -14,8 +14,9 @@ from scapy.utils import wrpcap
 from lab import mac_of
 from lab.core import run
 
-__all__ = ["ARP", "Dot1Q", "ETH_ARP", "ETH_IP", "ETH_IPV6", "Ether", "ICMP", "IP", "IPv6", "Padding", "Raw",
-           "BROADCAST", "TCP", "UDP", "ZERO", "answers_for", "dissected", "ethertype", "is_arp", "is_icmp", "is_icmpv6", "without_padding"]
+__all__ = ["ARP", "BROADCAST", "Dot1Q", "ETH_ARP", "ETH_IP", "ETH_IPV6", "Ether", "ICMP", "IP", "IPv6",
+           "Padding", "Raw", "TCP", "UDP", "ZERO", "answers_for", "dissected", "ethertype", "is_arp",
+           "is_icmp", "is_icmpv6", "without_padding"]
 
 ETH_IP = 0x0800
 ETH_ARP = 0x0806

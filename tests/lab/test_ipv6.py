@@ -141,7 +141,8 @@ def test_kernels_extension_headers_pass(served, connect):
         assert accepted.recv(100) == b"behind two headers"
 
         def sent_on(frame):
-            return Ether(frame).dst == served.servers[place].mac() and b"behind two headers" in frame
+            return (Ether(frame).dst == served.servers[place].mac()
+                    and b"behind two headers" in frame)
 
         frame = capture.wait(sent_on)
     assert (frame[20], frame[54], frame[62], TCP in Ether(frame)) == (0, 60, 6, True)

@@ -93,6 +93,9 @@ TEST_F(RuleTest, ItsServersTakeTurnsByWeight)
         order.push_back(route());
     }
     EXPECT_EQ(order, (std::vector<int>{11, 13, 13, 11, 13, 13})) << "though the port is by hash";
+    EXPECT_EQ(disuse(1, 13), LBCMD_RC_SUCCESS);
+    EXPECT_EQ(route(), 11);
+    EXPECT_EQ(route(), 11) << "the sum of their weights has followed";
 }
 
 // The rule uses 11 and 12; 13 counts for the port alone.
