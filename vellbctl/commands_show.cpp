@@ -53,11 +53,10 @@ std::vector<vellb::cluster> read_asked_clusters(const session &s)
     only.ports = {found_or_refused(vellb::read_port(s.daemon, address, s.req.port), CONFIG,
                                    vellb::port_key(address, s.req.port))};
     if (s.req.server) {
-        const auto stranger = [&](const vellb::server &each) {
-            return !vellb::same_address(each.address, *s.req.server);
+        const auto is_it = [&](const vellb::server &each) {
+            return vellb::same_address(each.address, *s.req.server);
         };
-        std::erase_if(only.ports[0].servers, stranger);
-        if (only.ports[0].servers.empty()) {
+        if (std::ranges::none_of(only.ports[0].servers, is_it)) {
             throw vellb::refused(
                 {CONFIG, LBCMD_ACTION_GET, vellb::server_key(address, s.req.port, *s.req.server)},
                 LBCMD_RC_OBJNOTFOUND);
@@ -182,7 +181,7 @@ void show_ports(session &s)
 
 void show_servers(session &s)
 {
-    show(s, {.servers = true, .flat = true});
+    show(s, {.servers = true, .flat = true, .server = s.req.server ? &*s.req.server : nullptr});
 }
 
 void show_rules(session &s)

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "vellb/address.h"
 #include "vellb/tree.h"
 
 namespace vellbctl
@@ -25,6 +26,12 @@ struct view {
     // The document lists ports, servers, rules or addresses by themselves, not within their
     // parents.
     bool flat = false;
+    const lbip_addr_t *server = nullptr; // of each port's servers, this one only
+
+    [[nodiscard]] bool shows(const vellb::server &each) const
+    {
+        return server == nullptr || vellb::same_address(each.address, *server);
+    }
 };
 
 // Since when this program has seen the states of this node and of its partners as they are.

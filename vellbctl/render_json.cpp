@@ -295,7 +295,9 @@ json_t json_renderer::listed(const view &what) const
                 continue;
             }
             for (const vellb::server &behind : one.servers) {
-                list.push_back(server(one, behind));
+                if (what.shows(behind)) {
+                    list.push_back(server(one, behind));
+                }
             }
         }
     }

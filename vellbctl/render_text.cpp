@@ -31,8 +31,9 @@ std::string rate_text(double rate)
 class text_renderer
 {
   public:
-    text_renderer(const vellb::picture &now, const vellb::picture *before, const sightings *seen)
-        : now_(now), before_(before), seen_(seen)
+    text_renderer(const vellb::picture &now, const vellb::picture *before, const view &what,
+                  const sightings *seen)
+        : now_(now), before_(before), what_(what), seen_(seen)
     {
     }
 
@@ -68,6 +69,7 @@ class text_renderer
 
     const vellb::picture &now_;
     const vellb::picture *before_;
+    const view &what_;
     const sightings *seen_;
 };
 
@@ -273,6 +275,9 @@ std::string text_renderer::servers() const
             const unsigned sum =
                 std::accumulate(port.servers.begin(), port.servers.end(), 0U, plus);
             for (const vellb::server &each : port.servers) {
+                if (!what_.shows(each)) {
+                    continue;
+                }
                 const double share = sum != 0 ? 100.0 * each.settings.weight / sum
                                               : 100.0 / static_cast<double>(port.servers.size());
                 const lb_proto_stats_t &c = each.readings.ipstats;
@@ -309,6 +314,9 @@ std::string text_renderer::connections() const
                 continue;
             }
             for (const vellb::server &each : port.servers) {
+                if (!what_.shows(each)) {
+                    continue;
+                }
                 const lb_conn_stats_t &c = each.readings.selstats;
                 table.row({vellb::endpoint_text(port.cluster, port.number),
                            vellb::address_text(each.address), to_string(c.preest),
@@ -521,7 +529,7 @@ lb_conn_stats_t connections_of(const vellb::port &port)
 std::string render_text(const vellb::picture &now, const vellb::picture *before, const view &what,
                         long now_s, const sightings *seen)
 {
-    const text_renderer renderer(now, before, seen);
+    const text_renderer renderer(now, before, what, seen);
     std::string text;
     const auto section = [&](bool wanted, const std::string &content) {
         text += wanted && !text.empty() ? "\n" : "";
