@@ -12,40 +12,33 @@
 namespace fuzz
 {
 
-// How often each place of the packet path was reached, by its name.
+// How often each kind of end was reached, by its name.
 using reached = std::map<std::string, std::uint64_t>;
-
-// The places that a run of mutated frames must reach.
-extern const std::vector<std::string> FRAME_PLACES;
 
 class frame_feeder
 {
   public:
-    // With `count`, what the stack logs says how far each frame came.
-    explicit frame_feeder(bool count);
+    frame_feeder();
 
     void feed(const bytes &frame, fake::link link);
-    [[nodiscard]] const reached &places() const { return places_; }
+    // Of all frames since the stack was started.
+    [[nodiscard]] reached places() const;
 
   private:
     void check_sent(const bytes &frame, fake::link link);
-    void check_one(const bytes &frame, fake::link link, const fake::sent_frame &out);
     bool was_held(const fake::sent_frame &out);
-    void check_answer(const bytes &ip, const bytes &message);
-    void count(int rc, fake::link link, bool isv6);
 
-    bool counting_;
     fake::worker worker_{};
     std::vector<bytes> held_{}; // packets that the stack may still send
-    reached places_{};
+    reached reached_{};
 };
 
 // One input of the fuzz target: records of a control byte, a length of two bytes (high first) and
 // as many bytes of frame. The control byte: bits 0 and 1 choose the link (2: SLIP, 3: no frame, but
 // the length is tenths of a second that pass); bit 2 has the IP and inner checksums mended.
 // Afterwards the stack must still forward.
+constexpr std::size_t FRAME_RECORD = 3; // in front of the frame
 void run_frames(world &stack, const std::uint8_t *data, std::size_t size);
-bytes frame_record(const bytes &frame, fake::link link);
 
 // Computes the checksums anew of what looks like IPv4 or IPv6, and of the TCP, UDP or ICMP within.
 void mend_checksums(bytes &frame, fake::link link);

@@ -2,19 +2,11 @@
 // lives, it forwards, and what it knew of others it still knows.
 //
 // VELL_FUZZ_HEARTBEATS says how many (100,000 without it), VELL_SEED which.
-#include <cstdlib>
-
 #include "ha_fixture.h"
 #include "mutate.h"
 
 namespace
 {
-
-std::uint64_t number_from(const char *variable, std::uint64_t otherwise)
-{
-    const char *text = std::getenv(variable); // NOLINT(concurrency-mt-unsafe)
-    return text != nullptr && *text != '\0' ? std::strtoull(text, nullptr, 0) : otherwise;
-}
 
 class FuzzHeartbeats : public HaFixture
 {
@@ -44,9 +36,7 @@ class FuzzHeartbeats : public HaFixture
 
 TEST_F(FuzzHeartbeats, MutatedOnesTouchNobodyElse)
 {
-    const std::uint64_t seed = number_from("VELL_SEED", 1);
-    std::printf("VELL_SEED=%llu\n", static_cast<unsigned long long>(seed));
-    fuzz::rng random(seed);
+    fuzz::rng random(randoms::seed(1));
     ASSERT_ADDED(make_port(443, LBSEL_ALGORIGHM_AFFINITY));
     ASSERT_ADDED(make_port(8443, LBSEL_ALGORIGHM_AFFINITY, 443));
     for (int last = 11; last <= 13; last++) {
@@ -58,7 +48,7 @@ TEST_F(FuzzHeartbeats, MutatedOnesTouchNobodyElse)
     hear(record{.sport = 78, .server = server_ip(12), .natport = 33333, .client = OTHER});
     fake::core_expected(true);
     set_executor_log_mask(0);
-    const std::uint64_t count = number_from("VELL_FUZZ_HEARTBEATS", 100000);
+    const std::uint64_t count = randoms::number_from("VELL_FUZZ_HEARTBEATS", 100000);
     std::uint64_t taken = 0;
     int most = 0;
     for (std::uint64_t i = 0; i < count; i++) {

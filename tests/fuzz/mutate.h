@@ -1,14 +1,13 @@
 // Changes to valid inputs, by random numbers of one's own: so a seed repeats a run.
 #pragma once
 
-#include <random>
-
+#include "randoms.h"
 #include "world.h"
 
 namespace fuzz
 {
 
-using rng = std::mt19937_64;
+using randoms::rng;
 
 // Changes one to four places: bits, bytes, lengths, or the fields by which a frame is understood.
 void mutate_frame(rng &random, bytes &frame);

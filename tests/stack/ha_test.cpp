@@ -60,7 +60,7 @@ class HaStackTest : public HaFixture
                                                       .ethdst = packets::mac_of(2),
                                                       .ethsrc = packets::mac_of(1)});
         std::copy(like.begin() + HDR, like.end(), frame.begin() + packets::IP6 + 8);
-        packets::mend6(frame);
+        packets::mend_transport(frame);
         return frame;
     }
     static int numrecs(const bytes &frame) { return frame.at(HDR + 7); }

@@ -13,6 +13,7 @@ using packets::ETH;
 using packets::icmp;
 using packets::TCP;
 using packets::UDP;
+using packets::with;
 
 constexpr const char *C = "10.0.0.100";
 constexpr const char *CLIENT = "10.9.0.1";
@@ -39,21 +40,10 @@ bytes tunnel_error(std::uint8_t proto, std::uint8_t code, std::uint16_t mtu = 0,
                                .outer = {.dst = "10.0.0.1"}});
 }
 
-// Cuts the ICMP message; `honest` makes the IP header say so.
-bytes cut(bytes frame, std::size_t len, bool honest)
+// Cuts the ICMP message.
+bytes cut(const bytes &frame, std::size_t len, bool honest = true)
 {
-    frame.resize(ETH + 20 + len);
-    if (honest) {
-        packets::put16(frame, ETH + 2, static_cast<std::uint16_t>(20 + len));
-        packets::mend_ip(frame);
-    }
-    return frame;
-}
-
-bytes with(bytes frame, std::size_t at, std::uint8_t value)
-{
-    frame.at(at) = value;
-    return frame;
+    return packets::cut(frame, 20 + len, honest);
 }
 
 class IcmpTest : public RecordFixture
@@ -229,15 +219,15 @@ TEST_F(IcmpTest, CutAnywhereNothingIsReadBeyondTheEnd)
     ASSERT_EQ(error.size(), ETH + 20 + WHOLE);
     for (std::size_t len = 0; len < WHOLE; len++) {
         SCOPED_TRACE(len);
-        expect_dropped(cut(error, len, true), "badinput", true);
+        expect_dropped(cut(error, len), "badinput", true);
         expect_dropped(cut(error, len, false), "badinput", true);
         // What the total length leaves out is not the message's, though it was received.
-        bytes padded = cut(error, len, true);
+        bytes padded = cut(error, len);
         padded.insert(padded.end(), error.begin() + static_cast<long>(padded.size()), error.end());
         expect_dropped(padded, "badinput", true);
     }
     for (std::size_t len = 0; len < tunnel.size() - ETH - 20; len++) {
-        EXPECT_EQ(fake::receive(cut(tunnel, len, true)), LB_PACKETRC_INTACT) << len;
+        EXPECT_EQ(fake::receive(cut(tunnel, len)), LB_PACKETRC_INTACT) << len;
         EXPECT_EQ(fake::receive(cut(tunnel, len, false)), LB_PACKETRC_INTACT) << len;
     }
     EXPECT_FALSE(fake::log_contains("unreachable"));
@@ -271,7 +261,7 @@ TEST_F(IcmpTest, TunnelErrorsChangeTheFarEndAndStayWithTheHost)
     const bytes unreachable = tunnel_error(4, 3);
     bytes exceeded = unreachable;
     exceeded[ETH + 20] = 11;
-    packets::mend_icmp(exceeded);
+    packets::mend_transport(exceeded);
     const std::size_t quoted = ETH + 20 + 8;
     packets::packet later = {.dst = "10.0.0.1", .fragoff = 1};
     enum outcome { LEARNT, DISCARDED, ERROR, NOTFORUS };
@@ -289,8 +279,8 @@ TEST_F(IcmpTest, TunnelErrorsChangeTheFarEndAndStayWithTheHost)
         {"time exceeded", exceeded, NOTFORUS, 1500, true},
         {"about TCP", tunnel_error(6, 3), DISCARDED, 1500, true},
         {"far end unknown", tunnel_error(47, 3, 0, "10.0.0.99"), NOTFORUS, 1500, true},
-        {"27 bytes", cut(unreachable, 27, true), DISCARDED, 1500, true},
-        {"7 bytes", cut(unreachable, 7, true), ERROR, 1500, true},
+        {"27 bytes", cut(unreachable, 27), DISCARDED, 1500, true},
+        {"7 bytes", cut(unreachable, 7), ERROR, 1500, true},
         {"quoted version 6", with(unreachable, quoted, 0x65), ERROR, 1500, true},
         {"quoted header too long", with(unreachable, quoted, 0x48), ERROR, 1500, true},
         {"a later fragment",

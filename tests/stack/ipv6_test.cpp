@@ -1,13 +1,10 @@
-// IPv6 through the whole stack: what becomes of every kind of packet and chain of headers, what
-// servers and clients receive, translation both ways, fragments, packets of one version for servers
-// of the other, and which multicast groups the host hears while all that is configured.
-#include "lb_ipv6.h"
-#include "lb_neigh.h"
-
+// What is IPv6's own in the whole stack: long addresses, a reset's layout, wide identifications of
+// fragments, translation behind extension headers, packets of one version for servers of the other,
+// and which multicast groups the host hears while all that is configured.
 #include <map>
 #include <set>
 
-#include "packets6.h"
+#include "neighbours6.h"
 #include "stack_fixture.h"
 
 namespace
@@ -23,8 +20,6 @@ using packets::IP6;
 using packets::mac_of;
 using packets::packet6;
 using packets::padding;
-using packets::ROUTING;
-using packets::TCP;
 using packets::UDP;
 
 constexpr const char *C = "2001:db8::100";
@@ -32,39 +27,13 @@ constexpr const char *S = "2001:db8::11";
 constexpr const char *CLIENT = "2001:db8:9::1"; // behind the gateway
 constexpr const char *NATSERVER = "2001:db8:2::11";
 constexpr const char *R = "2001:db8:1::200";
+constexpr std::uint8_t SYN = 0x02;
 constexpr std::uint8_t RST = 0x04;
 constexpr std::uint8_t ACK = 0x10;
-
-// An advertisement by which a neighbour makes its hardware address known.
-bytes advertisement(const std::string &ip, std::uint8_t last)
-{
-    packets::icmp6 m = {.type = 136, .word = 0x60000000, .outer = {.src = ip, .hops = 255}};
-    m.outer.dst = "2001:db8::1";
-    const packets::ip6 target = packets::to_ip6(ip);
-    m.body.assign(target.begin(), target.end());
-    m.body.insert(m.body.end(), {2, 1, 2, 0, 0, 0, 0, last});
-    return packets::build(m);
-}
 
 bytes packet(const packet6 &p = {})
 {
     return packets::build(p);
-}
-
-bytes with(bytes frame, std::size_t at, std::uint8_t value)
-{
-    frame.at(ETH + at) = value;
-    return frame;
-}
-
-// Cuts what follows the fixed header to `len` bytes; `honest` makes the header say so.
-bytes cut(bytes frame, std::size_t len, bool honest = true)
-{
-    frame.resize(IP6 + len);
-    if (honest) {
-        packets::put16(frame, ETH + 4, static_cast<std::uint16_t>(len));
-    }
-    return frame;
 }
 
 class Ipv6Test : public StackTest
@@ -102,7 +71,7 @@ class Ipv6Test : public StackTest
 
     static void meet(const std::string &ip, std::uint8_t last)
     {
-        fake::receive(ip.find(':') != std::string::npos ? advertisement(ip, last)
+        fake::receive(ip.find(':') != std::string::npos ? packets::advertisement(ip, last)
                                                         : packets::arp_reply(ip, last));
         (void)fake::take_sent();
     }
@@ -120,153 +89,7 @@ class Ipv6Test : public StackTest
         const bytes sent = forwarded(packet(p));
         return sent.empty() ? -1 : sent[5];
     }
-    lb_proto_stats_t stats() { return get_executor().getable.ipv6stats; }
 };
-
-// --- What comes in -------------------------------------------------------------------------------
-
-enum fate { FORWARDED, INTACT, DISCARDED, ERROR };
-
-TEST_F(Ipv6Test, WhatBecomesOfAPacket)
-{
-    const auto chain = [](const std::vector<ext> &exts, std::uint8_t proto = TCP) {
-        return packet({.proto = proto, .exts = exts});
-    };
-    const std::vector<ext> full(180, padding(DSTOPTS)); // 1500 bytes with what TCP begins with
-    const std::vector<ext> first = {fragment(7, 1)};
-    bytes shortest = packet();
-    shortest.resize(IP6 - 1);
-    const struct {
-        const char *name;
-        bytes frame;
-        fate expected;
-        const char *label;
-    } rows[] = {
-        {"TCP", packet(), FORWARDED, "hash-fwd"},
-        {"UDP", packet({.proto = UDP}), FORWARDED, "hash-fwd"},
-        {"options and TCP", chain({padding(HOPOPTS), padding(DSTOPTS, 3)}), FORWARDED, "hash-fwd"},
-        {"routing and UDP", chain({padding(ROUTING, 2)}, UDP), FORWARDED, "hash-fwd"},
-        {"fragment that is whole", chain({fragment(6, 0)}), FORWARDED, "hash-fwd"},
-        {"first fragment", chain(first), FORWARDED, "hash-fwd"},
-        {"last fragment", chain({padding(HOPOPTS), fragment(7, 32)}), FORWARDED, "frag-fwd"},
-        {"offset 8 counts as none", chain({fragment(8, 9)}), FORWARDED, "hash-fwd"},
-        {"as many headers as fit", packet({.exts = full, .payload = 0}), FORWARDED, "hash-fwd"},
-        {"flags just received", cut(packet(), 14), FORWARDED, "hash-fwd"},
-        {"flags not received", cut(packet(), 13), ERROR, "pullup failed"},
-        {"padding behind it", cut(packet({.payload = 4}), 60, false), FORWARDED, "hash-fwd"},
-        {"another host", packet({.dst = "2001:db8::101"}), INTACT, "notforus"},
-        {"our own address", packet({.dst = "2001:db8::1"}), INTACT, "notforus"},
-        {"port that is not configured", packet({.dport = 81}), DISCARDED, "not a lb port"},
-        {"nothing follows", chain({padding(HOPOPTS)}, packets::NONEXT), DISCARDED, "proto"},
-        {"unknown header", chain({padding(DSTOPTS)}, 50), DISCARDED, "proto"},
-        {"unknown to another", packet({.dst = "2001:db8::101", .proto = 50}), DISCARDED, "proto"},
-        {"the other version's ICMP", packet({.proto = 1}), DISCARDED, "proto"},
-        {"GRE", packet({.proto = 47}), DISCARDED, "proto"},
-        {"header longer than the frame", with(chain({padding(DSTOPTS)}), 41, 255), DISCARDED,
-         "proto"},
-        {"header cut", cut(chain({padding(HOPOPTS)}), 7), DISCARDED, "proto"},
-        {"no bytes of a header", cut(chain({padding(HOPOPTS)}), 0), DISCARDED, "proto"},
-        {"longer than what came", cut(packet(), 51, false), ERROR, "send-failure"},
-        {"shorter than its headers", with(chain({padding(HOPOPTS)}), 5, 7), ERROR, "send-failure"},
-        {"another version", with(packet(), 0, 0x45), ERROR, "badinput"},
-        {"no whole header", shortest, ERROR, "badinput"},
-    };
-    set_executor_log_mask(LB_LOG_FORWARDED | LB_LOG_INTACT | LB_LOG_DISCARDED | LB_LOG_PKTERROR);
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        fake::log_clear();
-        const lb_proto_stats_t before = stats();
-        const lb_u64_t frees = fake::unheld_frees();
-        const bool intact = row.expected == INTACT;
-        EXPECT_EQ(fake::receive(row.frame), intact ? LB_PACKETRC_INTACT : LB_PACKETRC_CONSUMED);
-        EXPECT_EQ(fake::unheld_frees(), frees + (intact ? 0 : 1));
-        EXPECT_EQ(fake::take_sent().size(), row.expected == FORWARDED ? 1U : 0U);
-        const lb_proto_stats_t after = stats();
-        EXPECT_EQ(after.in, before.in + 1);
-        EXPECT_EQ(after.fwd, before.fwd + (row.expected == FORWARDED ? 1 : 0));
-        EXPECT_EQ(after.notforus, before.notforus + (intact ? 1 : 0));
-        EXPECT_EQ(after.discard, before.discard + (row.expected == DISCARDED ? 1 : 0));
-        EXPECT_EQ(after.err, before.err + (row.expected == ERROR ? 1 : 0));
-        EXPECT_TRUE(fake::log_contains(std::string(" ") + row.label + "\n"));
-    }
-    lbpbuf_drain();
-    fake::fail(fake::op::alloc, 1);
-    EXPECT_EQ(fake::receive(packet()), LB_PACKETRC_INTACT);
-    EXPECT_TRUE(fake::log_contains("ipv6_entry pbuf-alloc-failure"));
-}
-
-TEST_F(Ipv6Test, EveryTruncationSendsNoMoreThanCame)
-{
-    for (const std::uint8_t proto : {TCP, UDP}) {
-        const bytes whole = packet(
-            {.proto = proto,
-             .exts = {padding(HOPOPTS), padding(ROUTING, 1), fragment(9, 0), padding(DSTOPTS)},
-             .payload = 4});
-        for (std::size_t len = 0; len <= whole.size() - IP6; len++) {
-            for (const bool honest : {true, false}) {
-                const bytes frame = cut(whole, len, honest);
-                const auto freed = fake::unheld_frees();
-                ASSERT_EQ(fake::receive(frame), LB_PACKETRC_CONSUMED) << len;
-                ASSERT_EQ(fake::unheld_frees(), freed + 1) << len;
-                for (const auto &sent : fake::take_sent()) {
-                    ASSERT_LE(sent.bytes.size(), frame.size()) << len;
-                }
-            }
-        }
-    }
-}
-
-TEST_F(Ipv6Test, TheFunctionsOfTheVersion)
-{
-    bytes frame = packet({.hops = 2, .exts = {fragment(0xFEDCBA98, 0x0009)}, .payload = 1432});
-    lbpbuf_obj_t pkt = {};
-    pkt.p.raw = frame.data() + ETH;
-    pkt.buflen = static_cast<int>(frame.size()) - ETH;
-    ASSERT_EQ(_lbipv6_getproto(pkt.p.v6, pkt.buflen, &pkt.ulp.raw, &pkt), TCP);
-    EXPECT_EQ(pkt.frag_id, 0xFEDCBA98U);
-    EXPECT_EQ(pkt.frag_mf, 1);
-    EXPECT_EQ(pkt.frag_offset, 0) << "the mask takes the offset's lowest bit, too";
-    pkt.ipfuncs = &lbipv6_funcs;
-    EXPECT_EQ(lbipv6_funcs.gettotlen(&pkt), 1500);
-    EXPECT_EQ(lbipv6_funcs.gethdrlen(&pkt), 40);
-    EXPECT_EQ(lbpbuf_ulplen(&pkt), 1452);
-    EXPECT_EQ(lbipv6_funcs.geticmpfraglen(&pkt), 1232);
-    EXPECT_EQ(lbipv6_funcs.decttl(&pkt), 0);
-    EXPECT_EQ(lbipv6_funcs.decttl(&pkt), -1);
-    EXPECT_EQ(frame[ETH + 7], 1);
-    const lbip_addr_t other = stack::ip("10.0.0.1");
-    EXPECT_EQ(lbipv6_funcs.setsaddr(&pkt, &other), -1);
-    EXPECT_EQ(lbipv6_funcs.setdaddr(&pkt, &other), -1);
-    packets::put16(frame, IP6 + 8 + 16, 0);
-    EXPECT_EQ(lbipv6_funcs.tcpchksum(&pkt), 0);
-    EXPECT_EQ(packets::residue6(frame), 0) << "headers in front are not part of the sum";
-    packets::put16(frame, ETH + 4, 200 - 40);
-    EXPECT_EQ(lbipv6_funcs.geticmpfraglen(&pkt), 200);
-    for (const int payload : {0, 7, 8 + 19, 1461}) { // and one byte more than came
-        packets::put16(frame, ETH + 4, static_cast<std::uint16_t>(payload));
-        const bytes before = frame;
-        EXPECT_EQ(lbipv6_funcs.tcpchksum(&pkt), -1) << payload;
-        EXPECT_EQ(frame, before);
-    }
-}
-
-// --- What goes out -------------------------------------------------------------------------------
-
-TEST_F(Ipv6Test, OnlyMacsAndHopLimitDiffer)
-{
-    for (const std::vector<ext> &exts :
-         {std::vector<ext>{}, {padding(HOPOPTS), padding(ROUTING)}}) {
-        for (const std::uint8_t proto : {TCP, UDP}) {
-            bytes frame = packet({.src = CLIENT, .proto = proto, .hops = 2, .exts = exts});
-            bytes expected = frame;
-            frame.resize(frame.size() + 5); // padding is not sent on
-            packets::set_at(expected, 0, mac_of(11));
-            packets::set_at(expected, 6, mac_of(1));
-            expected[ETH + 7]--;
-            EXPECT_EQ(forwarded(frame), expected);
-        }
-    }
-}
 
 TEST_F(Ipv6Test, ConnectionsAndAffinityKnowClientsByTheirWholeAddress)
 {
@@ -301,34 +124,31 @@ TEST_F(Ipv6Test, AResetByteByByte)
     constexpr const char *OTHER = "2001:db8::12"; // where a drained server's clients shall go
     ASSERT_ADDED(add_port(C, 443, LBSEL_ALGORIGHM_CONNECTION));
     ASSERT_ADDED(add_server(C, 443, S));
-    ASSERT_ADDED(add_server(C, 443, OTHER));
-    ASSERT_EQ(set_port(C, 443, [](lbport_setable_t &b) { b.reset = 1; }), LBCMD_RC_SUCCESS);
-    // What a client gets for a packet on an established connection to a drained server.
-    const auto reset = [this](const lbifin_setable_t &interface) {
-        const auto weigh = [this](lb_u16_t weight) {
-            const auto set_weight = [this](const char *server, lb_u16_t value) {
-                return set_server(C, 443, server, [=](lbsrv_setable_t &b) { b.weight = value; });
-            };
-            EXPECT_EQ(set_weight(S, weight), LBCMD_RC_SUCCESS);
-            EXPECT_EQ(set_weight(OTHER, 1 - weight), LBCMD_RC_SUCCESS);
-        };
-        packet6 p = {.src = CLIENT, .dport = 443, .exts = {padding(DSTOPTS)}};
-        weigh(1);
-        EXPECT_EQ(server_of(p), 11);
-        p.flags = ACK;
-        EXPECT_EQ(server_of(p), 11);
-        weigh(0);
-        EXPECT_EQ(set_interface("eth0", interface), LBCMD_RC_SUCCESS);
+    ASSERT_ADDED(add_server(C, 443, OTHER, 0));
+    ASSERT_ADDED(set_port(C, 443, [](lbport_setable_t &b) { b.reset = 1; }));
+    packet6 p = {.src = CLIENT, .dport = 443, .exts = {padding(DSTOPTS)}};
+    for (const std::uint16_t sport : {1, 2, 3}) { // each is forgotten with its reset
+        for (const std::uint8_t flags : {SYN, ACK}) {
+            p.sport = sport;
+            p.flags = flags;
+            EXPECT_EQ(server_of(p), 11);
+        }
+    }
+    for (const auto &[server, weight] : {std::pair{S, 0}, {OTHER, 1}}) {
+        ASSERT_ADDED(set_server(C, 443, server, [&, to = weight](lbsrv_setable_t &b) {
+            b.weight = static_cast<lb_u16_t>(to);
+        }));
+    }
+    const auto reset = [&](std::uint16_t sport) {
+        p.sport = sport;
         p.seq = 0x11223344;
         p.ack = 0x55667788;
-        const bytes sent = forwarded(packet(p));
-        EXPECT_EQ(set_interface("eth0", stack::ethernet(1)), LBCMD_RC_SUCCESS);
-        return sent;
+        return forwarded(packet(p));
     };
     bytes want = packet({.src = C,
                          .dst = CLIENT,
                          .sport = 443,
-                         .dport = 40000,
+                         .dport = 1,
                          .flags = RST,
                          .seq = 0x55667788,
                          .ack = 0x11223344,
@@ -336,51 +156,18 @@ TEST_F(Ipv6Test, AResetByteByByte)
                          .ethdst = mac_of(254),
                          .ethsrc = mac_of(1)});
     packets::put16(want, IP6 + 14, 0); // window
-    packets::mend6(want);
-    EXPECT_EQ(reset(stack::ethernet(1)), want);
+    packets::mend_transport(want);
+    EXPECT_EQ(reset(1), want);
     lbifin_setable_t bare = stack::ethernet(1);
     bare.isPTP = LBIFIN_YN_YES;
-    EXPECT_EQ(reset(bare), bytes(want.begin() + ETH, want.end()));
-    bare.isPTP = LBIFIN_YN_NO;
-    bare.arp = LBIFIN_YN_NO;
-    EXPECT_EQ(reset(bare), bytes(want.begin() + ETH, want.end()));
+    ASSERT_ADDED(set_interface("eth0", bare));
+    packets::put16(want, IP6 + 2, 2);
+    packets::mend_transport(want);
+    EXPECT_EQ(reset(2), bytes(want.begin() + ETH, want.end()));
     set_executor_log_mask(LB_LOG_TCPUDP);
-    ASSERT_EQ(set_executor([](lbexe_setable_t &b) { b.clientgateway_ipv6 = {}; }),
-              LBCMD_RC_SUCCESS);
-    EXPECT_EQ(reset(stack::ethernet(1)), bytes());
+    ASSERT_ADDED(set_executor([](lbexe_setable_t &b) { b.clientgateway_ipv6 = {}; }));
+    EXPECT_EQ(reset(3), bytes());
     EXPECT_TRUE(fake::log_contains("sendreset: no neigh or no interface"));
-}
-
-TEST_F(Ipv6Test, TheClientIsToldWhatCannotGoOn)
-{
-    const bytes large =
-        packet({.src = CLIENT, .hops = 1, .exts = {padding(DSTOPTS)}, .payload = 1433});
-    const bytes late = packet({.src = CLIENT, .hops = 1});
-    const lb_u32_t gen = get_executor().getable.icmpv6stats.gen;
-    const struct {
-        const bytes &frame;
-        int type;
-        lb_u32_t word;
-        std::size_t quoted;
-    } rows[] = {{large, 2, 1500, 1232}, {late, 3, 0, late.size() - ETH}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.type);
-        EXPECT_EQ(fake::receive(row.frame), LB_PACKETRC_CONSUMED);
-        const auto sent = fake::take_sent();
-        ASSERT_EQ(sent.size(), 1U);
-        EXPECT_EQ(sent[0].how, fake::via::raw6);
-        EXPECT_EQ(sent[0].protocol, 58);
-        EXPECT_EQ(packets::ip6_at(sent[0].dest, 0), CLIENT);
-        const bytes &icmp = sent[0].bytes;
-        ASSERT_EQ(icmp.size(), 8 + row.quoted);
-        EXPECT_EQ(packets::get16(icmp, 0), row.type << 8);
-        EXPECT_EQ(packets::get32(icmp, 4), row.word);
-        EXPECT_TRUE(std::equal(icmp.begin() + 8, icmp.end(), row.frame.begin() + ETH));
-    }
-    EXPECT_EQ(get_executor().getable.icmpv6stats.gen, gen + 2);
-    EXPECT_EQ(get_server(C, 80, S).getable.icmpstats.gen, 2U);
-    EXPECT_EQ(stats().discard, 1U);
-    EXPECT_EQ(stats().err, 1U);
 }
 
 TEST_F(Ipv6Test, FragmentsFollowTheirFirstOneWhateverTheOrder)
@@ -448,7 +235,7 @@ class Ipv6NatTest : public Ipv6Test
                        : packets::ip6_at(f, ETH + 8) + " " + std::to_string(packets::get16(f, at)) +
                              " > " + packets::ip6_at(f, ETH + 24) + " " +
                              std::to_string(packets::get16(f, at + 2)) + " " +
-                             std::to_string(packets::residue6(f));
+                             std::to_string(packets::transport_residue(f));
     }
 };
 
@@ -469,44 +256,10 @@ TEST_F(Ipv6NatTest, BothWaysWithHeadersInFrontAndOddLengths)
             EXPECT_EQ(packets::mac_at(sent, 0), mac_of(254));
         }
     }
-    const bytes lying = cut(packet(answer), 51, false);
+    bytes lying = packet(answer);
+    lying.pop_back();
     EXPECT_EQ(forwarded(lying), bytes());
-    EXPECT_EQ(stats().err, 1U);
-}
-
-TEST_F(Ipv6NatTest, FragmentsOfEitherWayMakeAWholeSegment)
-{
-    ASSERT_ADDED(make_natserver(C, NATSERVER, R));
-    ASSERT_FALSE(forwarded(packet({.src = CLIENT, .dport = 443})).empty());
-    const struct {
-        packet6 packet;
-        const char *becomes;
-    } rows[] = {
-        {{.src = CLIENT, .dport = 443, .flags = ACK, .payload = 3001},
-         "2001:db8:1::200 1025 > 2001:db8:2::11 443 0"},
-        {{.src = NATSERVER, .dst = R, .sport = 443, .dport = 1025, .payload = 3001},
-         "2001:db8::100 443 > 2001:db8:9::1 40000 0"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.becomes);
-        auto frames = packets::fragments6(row.packet, 0xABCD1234);
-        std::reverse(frames.begin(), frames.end());
-        bytes whole = packet(row.packet);
-        std::size_t got = 0;
-        for (const bytes &frame : frames) {
-            EXPECT_NE(fake::receive(frame), LB_PACKETRC_INTACT);
-            for (const auto &sent : fake::take_sent()) {
-                const bytes &f = sent.bytes;
-                const std::size_t at = packets::get16(f, IP6 + 2) & 0xFFF8U;
-                std::copy(f.begin() + ETH + 8, f.begin() + IP6, whole.begin() + ETH + 8);
-                std::copy(f.begin() + IP6 + 8, f.end(),
-                          whole.begin() + static_cast<long>(IP6 + at));
-                got += f.size() - IP6 - 8;
-            }
-        }
-        EXPECT_EQ(got, whole.size() - IP6);
-        EXPECT_EQ(ends(whole), row.becomes);
-    }
+    EXPECT_EQ(get_executor().getable.ipv6stats.err, 1U);
 }
 
 // --- Both versions -------------------------------------------------------------------------------

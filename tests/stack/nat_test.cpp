@@ -2,6 +2,7 @@
 // becomes of everything else that is sent to a return address, how long a connection keeps its
 // port, and how long a return address lives.
 #include "nat_fixture.h"
+#include "neighbours6.h"
 
 namespace
 {
@@ -53,12 +54,8 @@ TEST_F(NatTest, WhatBecomesOfPacketsForAReturnAddress)
         p.fragoff = fragoff;
         return packets::build(p);
     };
-    const auto cut = [&with](std::size_t len, std::size_t total, std::uint16_t fragoff = 0) {
-        bytes frame = with(1025, packets::TCP, fragoff);
-        frame.resize(ETH + len);
-        packets::put16(frame, ETH + 2, static_cast<std::uint16_t>(total));
-        packets::mend_ip(frame);
-        return frame;
+    const auto cut = [&with](std::size_t len, bool honest, std::uint16_t fragoff = 0) {
+        return packets::cut(with(1025, packets::TCP, fragoff), len, honest);
     };
     using stat = lb_u32_t lb_proto_stats_t::*;
     const stat notforus = &lb_proto_stats_t::notforus;
@@ -81,10 +78,10 @@ TEST_F(NatTest, WhatBecomesOfPacketsForAReturnAddress)
         {"port 80", with(80, packets::TCP), notforus, "notforus"},
         {"UDP", with(1025, packets::UDP), notforus, "notforus"},
         {"fragment of UDP", with(1025, packets::UDP, 4), notforus, "notforus"},
-        {"no ports", cut(23, 23), notforus, "notforus"},
-        {"no whole TCP header", cut(39, 39), err, "nat-return-badinput"},
-        {"longer than what came", cut(47, 48), err, "nat-return-badinput"},
-        {"fragment longer than what came", cut(47, 48, 4), err, "nat-return-badinput"},
+        {"no ports", cut(23, true), notforus, "notforus"},
+        {"no whole TCP header", cut(39, true), err, "nat-return-badinput"},
+        {"longer than what came", cut(46, false), err, "nat-return-badinput"},
+        {"fragment longer than what came", cut(46, false, 4), err, "nat-return-badinput"},
     };
     set_executor_log_mask(LB_LOG_SELECT | LB_LOG_IP | LB_LOG_FRAGMENT);
     for (const auto &row : rows) {
@@ -289,70 +286,71 @@ TEST_F(NatTest, RefusedRemovalGivesUpTheReturnAddressWhenReaped)
 
 // --- Both ways, whole and in fragments -----------------------------------------------------------
 
-// What left, put together again as a receiver does; empty where fragments are missing or differ in
-// their addresses.
-bytes reassembled(const std::vector<fake::sent_frame> &sent)
-{
-    bytes whole;
-    std::size_t got = 0;
-    for (const auto &each : sent) {
-        const bytes &f = each.bytes;
-        EXPECT_EQ(packets::checksum(f, ETH, ETH + 20), 0);
-        const std::size_t at = (packets::get16(f, ETH + 6) & 0x1FFFU) * 8U;
-        const std::size_t len = packets::get16(f, ETH + 2) - 20U;
-        whole.resize(std::max(whole.size(), ETH + 20 + at + len));
-        std::copy(f.begin() + ETH + 20, f.begin() + static_cast<long>(ETH + 20 + len),
-                  whole.begin() + static_cast<long>(ETH + 20 + at));
-        if (got == 0) {
-            std::copy(f.begin(), f.begin() + ETH + 20, whole.begin());
-        }
-        if (!std::equal(f.begin() + ETH + 12, f.begin() + ETH + 20, whole.begin() + ETH + 12)) {
-            return {};
-        }
-        got += len;
-    }
-    if (whole.size() != ETH + 20 + got) {
-        return {};
-    }
-    packets::put16(whole, ETH + 2, static_cast<std::uint16_t>(whole.size() - ETH));
-    return whole;
-}
-
 std::string ends(const bytes &f)
 {
-    return packets::ip_at(f, ETH + 12) + ":" + std::to_string(packets::get16(f, ETH + 20)) + " " +
-           packets::ip_at(f, ETH + 16) + ":" + std::to_string(packets::get16(f, ETH + 22));
+    const bool isv6 = packets::is_ipv6(f);
+    const auto address = [&](std::size_t v4, std::size_t v6) {
+        return isv6 ? packets::ip6_at(f, ETH + v6) : packets::ip_at(f, ETH + v4);
+    };
+    const std::size_t at = packets::upper_of(f).at;
+    return address(12, 8) + " " + std::to_string(packets::get16(f, at)) + " > " + address(16, 24) +
+           " " + std::to_string(packets::get16(f, at + 2));
 }
 
-TEST_F(NatTest, BothWaysWholeAndInFragmentsOfAnyOrder)
+TEST_F(NatTest, BothWaysInFragmentsOfAnyOrderOfEitherVersion)
 {
+    constexpr const char *C6 = "2001:db8::100", *SERVER6 = "2001:db8:2::11", *CLIENT6 = "fd00::9";
+    ASSERT_ADDED(add_ifaddr("eth0", "2001:db8::1/64"));
+    ASSERT_ADDED(add_ifaddr("eth1", "2001:db8:1::1/64"));
+    ASSERT_ADDED(set_executor(
+        [](lbexe_setable_t &set) { set.clientgateway_ipv6 = stack::ip("2001:db8::254"); }));
+    ASSERT_ADDED(add_cluster(C6));
+    ASSERT_ADDED(add_port(C6, 80, LBSEL_ALGORIGHM_CONNECTION, LBSEL_ALGORIGHM_CONNECTION));
+    lbsrv_setable_t setable{};
+    setable.weight = 1;
+    ASSERT_ADDED(
+        add_server(C6, 80, SERVER6, setable, natted("2001:db8:1::200", "2001:db8:1::254")));
+    fake::receive(packets::advertisement("2001:db8::254", 254));
+    fake::receive(packets::advertisement("2001:db8:1::254", 0xFE));
     ASSERT_TRUE(segment(SYN, 40000));
-    const packets::packet request = {.src = "10.9.0.1",
-                                     .dst = C,
-                                     .sport = 40000,
-                                     .ttl = 1, // translation is no hop
-                                     .flags = ACK,
-                                     .id = 77,
-                                     .payload = 3001};
+    fake::receive(packets::build(packets::packet6{.src = CLIENT6}));
+
+    // Translation is no hop: what may go no further goes.
+    packets::packet request = {
+        .src = "10.9.0.1", .dst = C, .ttl = 1, .flags = ACK, .payload = 3001};
     packets::packet reply = answer(1025);
+    reply.ttl = 1;
     reply.payload = 3001;
-    reply.id = 78;
+    const packets::packet6 request6 = {.src = CLIENT6, .hops = 1, .flags = ACK, .payload = 3001};
+    const packets::packet6 reply6 = {.src = SERVER6,
+                                     .dst = "2001:db8:1::200",
+                                     .sport = 80,
+                                     .dport = 1025,
+                                     .hops = 1,
+                                     .payload = 3001};
     const struct {
-        const char *name;
-        packets::packet packet;
         const char *becomes;
+        bytes whole;
+        std::vector<bytes> fragments;
     } rows[] = {
-        {"request", request, "10.1.0.200:1025 10.2.0.11:80"},
-        {"answer", reply, "10.0.0.100:80 10.9.0.1:40000"},
+        {"10.1.0.200 1025 > 10.2.0.11 80", packets::build(request),
+         packets::fragments(packets::build(request))},
+        {"10.0.0.100 80 > 10.9.0.1 40000", packets::build(reply),
+         packets::fragments(packets::build(reply))},
+        {"2001:db8:1::200 1025 > 2001:db8:2::11 80", packets::build(request6),
+         packets::fragments6(request6, 0xABCD1234)},
+        {"2001:db8::100 80 > fd00::9 40000", packets::build(reply6),
+         packets::fragments6(reply6, 0xABCD1234)},
     };
     for (const auto &row : rows) {
-        packets::packet small = row.packet;
-        small.payload = 100;
+        const bool isv6 = packets::is_ipv6(row.whole);
+        const std::size_t hops = ETH + (isv6 ? 7 : 8); // and from there to the end of the header
+        const std::size_t body = ETH + (isv6 ? 40 : 20);
+        const std::size_t skipped = isv6 ? 8 : 0; // the fragment header
         for (const bool backwards : {false, true}) {
-            SCOPED_TRACE(row.name);
-            auto frames = packets::fragments(packets::build(row.packet));
+            SCOPED_TRACE(row.becomes);
+            auto frames = row.fragments;
             ASSERT_EQ(frames.size(), 3U);
-            frames.push_back(packets::build(small));
             if (backwards) {
                 std::reverse(frames.begin(), frames.end());
             }
@@ -360,18 +358,28 @@ TEST_F(NatTest, BothWaysWholeAndInFragmentsOfAnyOrder)
             for (const bytes &frame : frames) {
                 (void)fake::receive(frame);
             }
-            auto sent = fake::take_sent();
-            ASSERT_EQ(sent.size(), 4U);
-            std::rotate(sent.begin(), sent.begin() + (backwards ? 1 : 0), sent.end());
-            const bytes whole = sent.back().bytes;
-            EXPECT_EQ(ends(whole), row.becomes);
-            EXPECT_EQ(packets::transport_residue(whole), 0);
-            EXPECT_EQ(whole[ETH + 8], row.packet.ttl);
-            sent.pop_back();
-            const bytes datagram = reassembled(sent);
-            ASSERT_EQ(datagram.size(), packets::build(row.packet).size());
-            EXPECT_EQ(ends(datagram), row.becomes);
-            EXPECT_EQ(packets::transport_residue(datagram), 0);
+            bytes got = row.whole;
+            std::size_t bytesgot = 0;
+            for (const auto &sent : fake::take_sent()) {
+                const bytes &f = sent.bytes;
+                EXPECT_TRUE(isv6 || packets::checksum(f, ETH, ETH + 20) == 0);
+                const std::size_t at = isv6 ? packets::get16(f, body + 2) & 0xFFF8U
+                                            : (packets::get16(f, ETH + 6) & 0x1FFFU) * 8U;
+                const auto addresses = [&](const bytes &of) {
+                    return bytes(of.begin() + static_cast<long>(ETH + (isv6 ? 8 : 12)),
+                                 of.begin() + static_cast<long>(body));
+                };
+                EXPECT_TRUE(bytesgot == 0 || addresses(f) == addresses(got));
+                std::copy(f.begin() + static_cast<long>(hops), f.begin() + static_cast<long>(body),
+                          got.begin() + static_cast<long>(hops));
+                std::copy(f.begin() + static_cast<long>(body + skipped), f.end(),
+                          got.begin() + static_cast<long>(body + at));
+                bytesgot += f.size() - body - skipped;
+            }
+            EXPECT_EQ(bytesgot, row.whole.size() - body);
+            EXPECT_EQ(ends(got), row.becomes);
+            EXPECT_EQ(packets::transport_residue(got), 0);
+            EXPECT_EQ(got[hops], 1);
             tick(5); // forgets the fragments
         }
     }
@@ -386,11 +394,11 @@ TEST_F(NatTest, WithoutARecordTcpStaysAndUdpGoesAsItCame)
     ASSERT_ADDED(add_server(C, 81, server_ip(11), setable, natted()));
     const lb_u32_t err = stats().err;
     (void)fake::take_sent();
-    fake::receive(packets::build({.src = "10.9.0.1", .dst = C, .dport = 81}));
+    fake::receive(packets::build(packets::packet{.src = "10.9.0.1", .dst = C, .dport = 81}));
     EXPECT_TRUE(fake::take_sent().empty());
     EXPECT_EQ(stats().err, err + 1);
-    const bytes datagram =
-        packets::build({.src = "10.9.0.1", .dst = C, .dport = 81, .proto = packets::UDP});
+    const bytes datagram = packets::build(
+        packets::packet{.src = "10.9.0.1", .dst = C, .dport = 81, .proto = packets::UDP});
     fake::receive(datagram);
     const auto sent = fake::take_sent();
     ASSERT_EQ(sent.size(), 1U);
@@ -401,8 +409,8 @@ TEST_F(NatTest, TheClientIsToldThatItsOwnPacketIsTooLong)
 {
     ASSERT_TRUE(segment(SYN, 40000));
     ASSERT_EQ(set_interface("eth1", stack::ethernet(2, 576)), LBCMD_RC_SUCCESS);
-    const bytes frame =
-        packets::build({.src = "10.9.0.1", .dst = C, .sport = 40000, .flags = ACK, .payload = 600});
+    const bytes frame = packets::build(
+        packets::packet{.src = "10.9.0.1", .dst = C, .sport = 40000, .flags = ACK, .payload = 600});
     fake::receive(frame);
     const auto sent = fake::take_sent();
     ASSERT_EQ(sent.size(), 1U);

@@ -122,49 +122,74 @@ inline void mend_ip(bytes &frame, std::size_t ip = ETH)
     put16(frame, ip + 10, checksum(frame, ip, ip + hdrlen));
 }
 
-// What the TCP or UDP checksum of a frame adds up to: 0 when it is right.
+constexpr std::uint8_t ICMP = 1;
+constexpr std::uint8_t HOPOPTS = 0;
+constexpr std::uint8_t ROUTING = 43;
+constexpr std::uint8_t FRAGMENT = 44;
+constexpr std::uint8_t ICMP6 = 58;
+constexpr std::uint8_t DSTOPTS = 60;
+
+inline bool is_ipv6(const bytes &frame, std::size_t ip = ETH)
+{
+    return frame.at(ip) >> 4 == 6;
+}
+
+// Where the transport header of a frame begins, and its protocol; the IPv6 fragment header in front
+// of it, or 0. Throws std::out_of_range where the frame ends before.
+struct upper {
+    std::size_t at;
+    std::uint8_t proto;
+    std::size_t fragment = 0;
+};
+inline upper upper_of(const bytes &frame, std::size_t ip = ETH)
+{
+    if (!is_ipv6(frame, ip)) {
+        return {ip + (frame[ip] & 15U) * 4, frame.at(ip + 9)};
+    }
+    upper u = {ip + 40, frame.at(ip + 6)};
+    while (u.proto == HOPOPTS || u.proto == ROUTING || u.proto == FRAGMENT || u.proto == DSTOPTS) {
+        // The second byte of a fragment header, which is reserved, is a length all the same.
+        const std::size_t len = (frame.at(u.at + 1) + std::size_t{1}) * 8;
+        u.fragment = u.proto == FRAGMENT ? u.at : u.fragment;
+        u.proto = frame.at(u.at);
+        u.at += len;
+    }
+    return u;
+}
+
+// What the TCP, UDP or ICMP checksum of a frame adds up to: 0 when it is right.
 inline std::uint16_t transport_residue(const bytes &frame, std::size_t ip = ETH)
 {
-    const std::size_t hdrlen = static_cast<std::size_t>(frame.at(ip) & 15) * 4;
-    const std::size_t end = ip + get16(frame, ip + 2);
-    bytes pseudo(frame.begin() + static_cast<long>(ip) + 12,
-                 frame.begin() + static_cast<long>(ip) + 20);
-    pseudo.push_back(0);
-    pseudo.push_back(frame.at(ip + 9));
-    pseudo.resize(12);
-    put16(pseudo, 10, static_cast<std::uint16_t>(end - ip - hdrlen));
+    const upper u = upper_of(frame, ip);
+    const bool isv6 = is_ipv6(frame, ip);
+    const std::size_t end = ip + (isv6 ? 40U : 0U) + get16(frame, ip + (isv6 ? 4 : 2));
+    bytes pseudo; // in whatever order: it is a sum
+    for (std::size_t at = isv6 ? 8 : 12; at < (isv6 ? 40 : 20) && u.proto != ICMP; at++) {
+        pseudo.push_back(frame.at(ip + at));
+    }
+    if (u.proto != ICMP) {
+        pseudo.resize(pseudo.size() + 4);
+        put16(pseudo, pseudo.size() - 4, u.proto);
+        put16(pseudo, pseudo.size() - 2, static_cast<std::uint16_t>(end - u.at));
+    }
     const auto start = static_cast<std::uint16_t>(0xFFFF - checksum(pseudo, 0, pseudo.size()));
-    return checksum(frame, ip + hdrlen, end, start);
+    return checksum(frame, u.at, end, start);
 }
 
 inline void mend_transport(bytes &frame, std::size_t ip = ETH)
 {
-    const std::size_t l4 = ip + static_cast<std::size_t>(frame.at(ip) & 15) * 4;
-    const std::size_t at = l4 + (frame.at(ip + 9) == TCP ? 16 : 6);
+    const upper u = upper_of(frame, ip);
+    const std::size_t at = u.at + (u.proto == TCP ? 16 : u.proto == UDP ? 6 : 2);
     put16(frame, at, 0);
     put16(frame, at, transport_residue(frame, ip));
 }
 
-inline bytes build(const packet &p)
+// Adds the transport header that the packet asks for, and its payload, behind the headers.
+template <class Packet> void add_transport(bytes &f, const Packet &p)
 {
-    const std::size_t hdrlen = 20 + p.options;
+    const std::size_t l4 = f.size();
     const std::size_t l4len = p.proto == TCP ? 20 : p.proto == UDP ? 8 : 0;
-    const std::size_t l4 = ETH + hdrlen;
-    bytes f(l4 + l4len + p.payload);
-    set_at(f, 0, p.ethdst);
-    set_at(f, 6, p.ethsrc);
-    put16(f, 12, 0x0800);
-    f[ETH] = static_cast<std::uint8_t>(0x40 | hdrlen / 4);
-    put16(f, ETH + 2, static_cast<std::uint16_t>(f.size() - ETH));
-    put16(f, ETH + 4, p.id);
-    put16(f, ETH + 6, p.fragoff);
-    f[ETH + 8] = p.ttl;
-    f[ETH + 9] = p.proto;
-    set_at(f, ETH + 12, to_ip4(p.src));
-    set_at(f, ETH + 16, to_ip4(p.dst));
-    for (std::size_t i = 0; i < p.options; i++) {
-        f[ETH + 20 + i] = 1; // no operation
-    }
+    f.resize(l4 + l4len + p.payload);
     for (std::size_t i = 0; i < p.payload; i++) {
         f[l4 + l4len + i] = static_cast<std::uint8_t>('a' + i % 26);
     }
@@ -181,11 +206,49 @@ inline bytes build(const packet &p)
     } else if (p.proto == UDP) {
         put16(f, l4 + 4, static_cast<std::uint16_t>(l4len + p.payload));
     }
+}
+
+inline bytes build(const packet &p)
+{
+    bytes f(ETH + 20 + p.options, 1); // options: no operation
+    std::fill(f.begin(), f.begin() + ETH + 20, 0);
+    set_at(f, 0, p.ethdst);
+    set_at(f, 6, p.ethsrc);
+    put16(f, 12, 0x0800);
+    f[ETH] = static_cast<std::uint8_t>(0x40 | (20 + p.options) / 4);
+    put16(f, ETH + 4, p.id);
+    put16(f, ETH + 6, p.fragoff);
+    f[ETH + 8] = p.ttl;
+    f[ETH + 9] = p.proto;
+    set_at(f, ETH + 12, to_ip4(p.src));
+    set_at(f, ETH + 16, to_ip4(p.dst));
+    add_transport(f, p);
+    put16(f, ETH + 2, static_cast<std::uint16_t>(f.size() - ETH));
     mend_ip(f);
-    if (l4len != 0) {
+    if (p.proto == TCP || p.proto == UDP) {
         mend_transport(f);
     }
     return f;
+}
+
+// Cuts the IP packet of a frame to `len` bytes; `honest` makes its header say so.
+inline bytes cut(bytes frame, std::size_t len, bool honest = true)
+{
+    frame.resize(ETH + len);
+    if (honest && is_ipv6(frame)) {
+        put16(frame, ETH + 4, static_cast<std::uint16_t>(len - 40));
+    } else if (honest) {
+        put16(frame, ETH + 2, static_cast<std::uint16_t>(len));
+        mend_ip(frame);
+    }
+    return frame;
+}
+
+// Another byte, whatever checksum covers it.
+inline bytes with(bytes frame, std::size_t at, std::uint8_t value)
+{
+    frame.at(at) = value;
+    return frame;
 }
 
 // What an ICMP error quotes of a packet that a server sent: its header and `data` bytes behind it.
@@ -204,27 +267,25 @@ struct icmp {
     packet outer = {};
 };
 
-inline void mend_icmp(bytes &frame, std::size_t ip = ETH)
+// Makes an ICMP message of either version out of its packet, from the bytes behind the checksum on.
+template <class Message> bytes build_icmp(const Message &m, std::uint8_t proto, std::uint32_t word)
 {
-    const std::size_t at = ip + static_cast<std::size_t>(frame.at(ip) & 15) * 4;
-    put16(frame, at + 2, 0);
-    put16(frame, at + 2, checksum(frame, at, ip + get16(frame, ip + 2)));
-}
-
-inline bytes build(const icmp &m)
-{
-    packet outer = m.outer;
-    outer.proto = 1;
+    auto outer = m.outer;
+    outer.proto = proto;
     outer.payload = 8 + m.body.size();
     bytes f = build(outer);
-    const std::size_t at = ETH + 20 + outer.options;
+    const std::size_t at = upper_of(f).at;
     std::fill(f.begin() + static_cast<long>(at), f.end(), 0);
     f[at] = m.type;
     f[at + 1] = m.code;
-    put16(f, at + 6, m.mtu);
+    put32(f, at + 4, word);
     set_at(f, at + 8, m.body);
-    mend_icmp(f);
+    mend_transport(f);
     return f;
+}
+inline bytes build(const icmp &m)
+{
+    return build_icmp(m, ICMP, m.mtu);
 }
 
 // Cuts a frame's IP packet as a sender does for a link of that MTU (RFC 791, 3.2).

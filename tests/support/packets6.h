@@ -9,12 +9,7 @@ namespace packets
 using ip6 = std::array<std::uint8_t, 16>;
 
 constexpr std::size_t IP6 = ETH + 40; // where what follows the fixed header begins in a frame
-constexpr std::uint8_t HOPOPTS = 0;
-constexpr std::uint8_t ROUTING = 43;
-constexpr std::uint8_t FRAGMENT = 44;
-constexpr std::uint8_t ICMP6 = 58;
 constexpr std::uint8_t NONEXT = 59;
-constexpr std::uint8_t DSTOPTS = 60;
 
 inline ip6 to_ip6(const std::string &text)
 {
@@ -86,44 +81,6 @@ struct packet6 {
     mac ethsrc = {2, 0, 0, 0, 0, 0x50};
 };
 
-// Where the transport header of a well-formed frame begins, and its protocol.
-struct upper {
-    std::size_t at;
-    std::uint8_t proto;
-};
-inline upper upper_of(const bytes &frame, std::size_t ip = ETH)
-{
-    upper u = {ip + 40, frame.at(ip + 6)};
-    while (u.proto == HOPOPTS || u.proto == ROUTING || u.proto == FRAGMENT || u.proto == DSTOPTS) {
-        const std::size_t len = u.proto == FRAGMENT ? 8 : (frame.at(u.at + 1) + std::size_t{1}) * 8;
-        u.proto = frame.at(u.at);
-        u.at += len;
-    }
-    return u;
-}
-
-// What the TCP, UDP or ICMPv6 checksum of a frame adds up to (RFC 8200, 8.1): 0 when it is right.
-inline std::uint16_t residue6(const bytes &frame, std::size_t ip = ETH)
-{
-    const upper u = upper_of(frame, ip);
-    const std::size_t end = ip + 40 + get16(frame, ip + 4);
-    bytes pseudo(frame.begin() + static_cast<long>(ip) + 8,
-                 frame.begin() + static_cast<long>(ip) + 40);
-    pseudo.resize(40);
-    put32(pseudo, 32, static_cast<std::uint32_t>(end - u.at));
-    pseudo[39] = u.proto;
-    const auto start = static_cast<std::uint16_t>(0xFFFF - checksum(pseudo, 0, pseudo.size()));
-    return checksum(frame, u.at, end, start);
-}
-
-inline void mend6(bytes &frame, std::size_t ip = ETH)
-{
-    const upper u = upper_of(frame, ip);
-    const std::size_t at = u.at + (u.proto == TCP ? 16 : u.proto == UDP ? 6 : 2);
-    put16(frame, at, 0);
-    put16(frame, at, residue6(frame, ip));
-}
-
 inline bytes build(const packet6 &p)
 {
     bytes f(IP6);
@@ -141,28 +98,11 @@ inline bytes build(const packet6 &p)
         f.insert(f.end(), e.whole.begin(), e.whole.end());
     }
     f[next] = p.proto;
-    const std::size_t l4 = f.size();
-    const std::size_t l4len = p.proto == TCP ? 20 : p.proto == UDP ? 8 : 0;
-    f.resize(l4 + l4len + p.payload);
-    for (std::size_t i = 0; i < p.payload; i++) {
-        f[l4 + l4len + i] = static_cast<std::uint8_t>('a' + i % 26);
-    }
+    add_transport(f, p);
     put16(f, ETH + 4, static_cast<std::uint16_t>(f.size() - IP6));
-    if (l4len == 0) {
-        return f;
+    if (p.proto == TCP || p.proto == UDP) {
+        mend_transport(f);
     }
-    put16(f, l4, p.sport);
-    put16(f, l4 + 2, p.dport);
-    if (p.proto == TCP) {
-        put32(f, l4 + 4, p.seq);
-        put32(f, l4 + 8, p.ack);
-        f[l4 + 12] = 0x50;
-        f[l4 + 13] = p.flags;
-        put16(f, l4 + 14, 64240);
-    } else {
-        put16(f, l4 + 4, static_cast<std::uint16_t>(l4len + p.payload));
-    }
-    mend6(f);
     return f;
 }
 
@@ -184,17 +124,7 @@ struct icmp6 {
 
 inline bytes build(const icmp6 &m)
 {
-    packet6 outer = m.outer;
-    outer.proto = ICMP6;
-    outer.payload = 8 + m.body.size();
-    bytes f = build(outer);
-    const std::size_t at = upper_of(f).at;
-    f[at] = m.type;
-    f[at + 1] = m.code;
-    put32(f, at + 4, m.word);
-    set_at(f, at + 8, m.body);
-    mend6(f);
-    return f;
+    return build_icmp(m, ICMP6, m.word);
 }
 
 // Cuts a frame that has no extension headers as a sender does for a link of that MTU (RFC 8200,
