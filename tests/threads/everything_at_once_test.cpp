@@ -4,47 +4,17 @@
 // Only the command thread changes the trees, so a plain model of them says what each command must
 // answer, whatever the other threads do meanwhile. Once all have stopped, the model and the stack
 // must agree, every list must be whole, and all memory must come back.
-//
-// VELL_STRESS_SECONDS says how long (5 without it), VELL_SEED which. Threads interleave as they
-// like, so a seed repeats what each thread does, not when.
 #include "lb_cluster.h"
 #include "lb_port.h"
 #include "lb_server.h"
 
-#include <atomic>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <random>
-#include <thread>
-
-#include "packets.h"
-#include "stack_fixture.h"
+#include "stress.h"
 
 namespace
 {
 
-using rng = std::mt19937_64;
-using steady = std::chrono::steady_clock;
-
-constexpr int WORKERS = 4;
-
-std::uint64_t number_from(const char *variable, std::uint64_t otherwise)
-{
-    const char *text = std::getenv(variable); // NOLINT(concurrency-mt-unsafe)
-    return text != nullptr && *text != '\0' ? std::strtoull(text, nullptr, 0) : otherwise;
-}
-
-// A number below `bound`.
-int below(rng &random, int bound)
-{
-    return static_cast<int>(random() % static_cast<std::uint64_t>(bound));
-}
-
-struct load {
-    packets::bytes bytes;
-    fake::link link = fake::link::ethernet;
-};
+using stress::below;
+using stress::rng;
 
 const std::vector<std::string> CLUSTERS = {"10.0.0.100", "10.0.1.100", "10.0.2.100"};
 const std::vector<lb_u16_t> PORTS = {80, 443, 53};
@@ -100,64 +70,16 @@ packets::bytes random_arp(rng &random)
     return packets::build(a);
 }
 
-packets::bytes garbage(rng &random)
+void keep_time(rng &random)
 {
-    packets::bytes bytes(static_cast<std::size_t>(below(random, 120)));
-    for (std::uint8_t &byte : bytes) {
-        byte = static_cast<std::uint8_t>(random());
+    switch (below(random, 40)) {
+    case 0: fake::advance_ms(-5000); break;
+    case 1: fake::advance_ms(31000); break;
+    case 2: fake::advance_ms(-3600000); break;
+    case 3: fake::advance_ms(3600000); break;
+    default: fake::advance_ms(500); break;
     }
-    if (bytes.size() > packets::ETH) {
-        packets::put16(bytes, 12, below(random, 2) == 0 ? 0x0800 : 0x0806);
-        bytes[packets::ETH] = 0x45;
-    }
-    return bytes;
-}
-
-load random_load(rng &random)
-{
-    const int kind = below(random, 20);
-    if (kind < 6) {
-        return {random_arp(random)};
-    }
-    if (kind < 8) {
-        return {garbage(random)};
-    }
-    packets::bytes packet = random_packet(random);
-    if (kind == 8) {
-        packet.resize(static_cast<std::size_t>(below(random, static_cast<int>(packet.size()))));
-    }
-    if (kind == 9) {
-        packet.erase(packet.begin(), packet.begin() + packets::ETH);
-        return {packet, fake::link::slip};
-    }
-    return {packet};
-}
-
-void work(rng random, const std::atomic<bool> &stop)
-{
-    std::vector<load> loads;
-    for (int i = 0; i < 500; i++) {
-        loads.push_back(random_load(random));
-    }
-    fake::worker worker;
-    while (!stop) {
-        const load &next = any(random, loads);
-        (void)worker.receive(next.bytes, next.link);
-    }
-}
-
-void keep_time(rng random, const std::atomic<bool> &stop)
-{
-    while (!stop) {
-        switch (below(random, 40)) {
-        case 0: fake::advance_ms(-5000); break;
-        case 1: fake::advance_ms(31000); break;
-        case 2: fake::advance_ms(-3600000); break;
-        case 3: fake::advance_ms(3600000); break;
-        default: fake::advance_ms(500); break;
-        }
-        EXPECT_EQ(lb_timer_entry(), 0);
-    }
+    EXPECT_EQ(lb_timer_entry(), 0);
 }
 
 stack::bytes addable_of(rng &random, kind what)
@@ -237,15 +159,12 @@ void expect_consistent_lists()
     }
 }
 
-class EverythingAtOnceTest : public StackTest
+class EverythingAtOnceTest : public Stress<StackTest>
 {
   protected:
     void SetUp() override
     {
-        StackTest::SetUp();
-        seed_ = number_from("VELL_SEED", std::random_device{}());
-        std::printf("VELL_SEED=%llu\n", static_cast<unsigned long long>(seed_));
-        fake::log_discard(true);
+        Stress::SetUp();
         const int executor = declare(kind::executor, stack::cfgkey(), -1);
         const int collection = declare(kind::collection, stack::ifacekey(), -1);
         for (const std::string &cluster : CLUSTERS) {
@@ -266,12 +185,6 @@ class EverythingAtOnceTest : public StackTest
     }
 
     [[nodiscard]] std::size_t size() const { return objects_.size(); }
-
-    // Random numbers of one thread's own.
-    [[nodiscard]] rng random_for(int thread) const
-    {
-        return rng(seed_ + static_cast<std::uint64_t>(thread));
-    }
 
     void random_command(rng &random)
     {
@@ -377,35 +290,21 @@ class EverythingAtOnceTest : public StackTest
         }
     }
 
-    std::uint64_t seed_ = 0;
     std::vector<object> objects_;
 };
 
 TEST_F(EverythingAtOnceTest, AnswersAsOneThreadWouldAndLeavesNothing)
 {
     fake::count_only(true);
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < WORKERS; i++) {
-        threads.emplace_back(work, random_for(i), std::cref(stop));
+    for (int i = 0; i < stress::WORKERS; i++) {
+        start_worker(
+            [](rng &random) {
+                return below(random, 3) == 0 ? random_arp(random) : random_packet(random);
+            },
+            [](const packets::bytes &bytes, fake::worker &worker) { (void)worker.receive(bytes); });
     }
-    threads.emplace_back(keep_time, random_for(WORKERS), std::cref(stop));
-
-    rng random = random_for(-1);
-    std::uint64_t commands = 0;
-    const auto end = steady::now() + std::chrono::seconds(number_from("VELL_STRESS_SECONDS", 5));
-    while (steady::now() < end && !HasFatalFailure()) {
-        random_command(random);
-        commands++;
-    }
-    stop = true;
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-    std::printf("%llu commands, %llu frames sent\n", static_cast<unsigned long long>(commands),
-                static_cast<unsigned long long>(fake::sent_count()));
-    EXPECT_GT(commands, 100 * size());
-    EXPECT_GT(fake::sent_count(), 1000U);
+    start([](rng &random, fake::worker & /*worker*/) { keep_time(random); });
+    EXPECT_GT(run([this](rng &random) { random_command(random); }), 100 * size());
 
     get_all();
     expect_consistent_lists();

@@ -3,7 +3,6 @@
 #include "lb_fragment.h"
 
 #include <algorithm>
-#include <atomic>
 #include <barrier>
 
 #include "datagrams.h"
@@ -19,12 +18,12 @@ constexpr const char *C = "10.0.0.100";
 constexpr int DATAGRAMS = 48; // of a round
 constexpr int CLIENTS = 6;    // whose identifications collide
 
-class FragmentStress : public StressTest
+class FragmentStress : public Stress<StackTest>
 {
   protected:
     void SetUp() override
     {
-        StressTest::SetUp();
+        Stress::SetUp();
         ASSERT_ADDED(add_interface("eth0", stack::ethernet(1)));
         ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
         ASSERT_ADDED(add_cluster(C));
@@ -32,7 +31,7 @@ class FragmentStress : public StressTest
         for (const std::uint8_t last : {11, 12, 13}) {
             const std::string server = "10.0.0." + std::to_string(last);
             ASSERT_ADDED(add_server(C, 80, server));
-            fake::receive(stress::arp_reply(server, last));
+            fake::receive(packets::arp_reply(server, last));
         }
         for (int i = 0; i < stress::WORKERS; i++) {
             threads_.emplace_back([this] { work(); });
@@ -48,7 +47,7 @@ class FragmentStress : public StressTest
         }
         stop_stack();
         EXPECT_EQ(lbfrag_heldbytes(), 0U);
-        StressTest::TearDown();
+        Stress::TearDown();
     }
 
     // A round: the workers share out the fragments of new datagrams, shuffled. The datagrams.

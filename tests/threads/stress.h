@@ -1,71 +1,43 @@
-// What the thread tests of records share: how long they run, their seed, and their neighbours.
+// What the thread tests share: random numbers, and threads that do one thing again and again while
+// the test sends commands.
 //
-// VELL_STRESS_SECONDS says how long (5 without it). Threads interleave as they like, so a seed
-// repeats what each thread does, not when.
+// VELL_STRESS_SECONDS says how long (5 without it), VELL_SEED which. Threads interleave as they
+// like, so a seed repeats what each thread does, not when.
 #pragma once
 
+#include <atomic>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <random>
 #include <thread>
 
 #include "packets.h"
+#include "randoms.h"
 #include "stack_fixture.h"
 
 namespace stress
 {
 
-using rng = std::mt19937_64;
+using randoms::below;
+using randoms::rng;
 using clock = std::chrono::steady_clock;
 
 constexpr int WORKERS = 4;
 
-inline std::uint64_t number_from(const char *variable, std::uint64_t otherwise)
-{
-    const char *text = std::getenv(variable); // NOLINT(concurrency-mt-unsafe)
-    return text != nullptr && *text != '\0' ? std::strtoull(text, nullptr, 0) : otherwise;
-}
-
 inline std::chrono::milliseconds duration()
 {
-    return std::chrono::milliseconds(1000 * number_from("VELL_STRESS_SECONDS", 5));
-}
-
-// A number below `bound`.
-inline int below(rng &random, int bound)
-{
-    return static_cast<int>(random() % static_cast<std::uint64_t>(bound));
-}
-
-inline packets::mac mac_of(std::uint8_t last)
-{
-    return {2, 0, 0, 0, 0, last};
-}
-
-// A reply by which a neighbour makes its hardware address known.
-inline packets::bytes arp_reply(const std::string &ip, std::uint8_t last)
-{
-    packets::arp reply;
-    reply.op = 2;
-    reply.srchw = mac_of(last);
-    reply.srcip = ip;
-    reply.tgthw = mac_of(1);
-    reply.tgtip = "10.0.0.1";
-    reply.ethdst = mac_of(1);
-    return packets::build(reply);
+    return std::chrono::milliseconds(1000 * randoms::number_from("VELL_STRESS_SECONDS", 5));
 }
 
 } // namespace stress
 
-class StressTest : public StackTest
+template <class Fixture> class Stress : public Fixture
 {
   protected:
+    using job = std::function<void(stress::rng &, fake::worker &)>;
+
     void SetUp() override
     {
-        StackTest::SetUp();
-        seed_ = stress::number_from("VELL_SEED", std::random_device{}());
-        std::printf("VELL_SEED=%llu\n", static_cast<unsigned long long>(seed_));
+        Fixture::SetUp();
+        seed_ = randoms::seed(std::random_device{}());
         fake::log_discard(true);
     }
 
@@ -74,7 +46,58 @@ class StressTest : public StackTest
     {
         return stress::rng(seed_ + static_cast<std::uint64_t>(thread));
     }
+    // One more thread, which does it until run() has ended.
+    void start(const job &again)
+    {
+        threads_.emplace_back([this, again, random = random_for(++started_)]() mutable {
+            fake::worker worker;
+            while (!stop_.load(std::memory_order_relaxed)) {
+                again(random, worker);
+            }
+        });
+    }
+    // Receives frames that `make` has made beforehand, which takes longer than to receive them.
+    void start_worker(const std::function<packets::bytes(stress::rng &)> &make,
+                      const std::function<void(const packets::bytes &, fake::worker &)> &receive)
+    {
+        stress::rng random = random_for(-++started_);
+        std::vector<packets::bytes> load(2000);
+        std::generate(load.begin(), load.end(), [&] { return make(random); });
+        start([load, receive](stress::rng &chance, fake::worker &worker) {
+            receive(load[chance() % load.size()], worker);
+        });
+    }
+    // Time that runs `most` milliseconds at once, now and then half a minute.
+    void start_timer(int most)
+    {
+        start([most](stress::rng &random, fake::worker & /*worker*/) {
+            fake::advance_ms(stress::below(random, 50) == 0 ? 31000 : stress::below(random, most));
+            EXPECT_EQ(lb_timer_entry(), 0);
+        });
+    }
+    // Gives commands for as long as the test shall last, and ends the threads. How many there were.
+    std::uint64_t run(const std::function<void(stress::rng &)> &command)
+    {
+        stress::rng random = random_for(0);
+        std::uint64_t commands = 0;
+        const auto end = stress::clock::now() + stress::duration();
+        for (; stress::clock::now() < end && !Fixture::HasFatalFailure(); commands++) {
+            command(random);
+        }
+        stop_ = true;
+        for (std::thread &thread : threads_) {
+            thread.join();
+        }
+        std::printf("%llu commands, %llu frames sent\n", static_cast<unsigned long long>(commands),
+                    static_cast<unsigned long long>(fake::sent_count()));
+        EXPECT_GT(commands, 50U);
+        EXPECT_GT(fake::sent_count(), 1000U);
+        return commands;
+    }
 
   private:
     std::uint64_t seed_ = 0;
+    int started_ = 0;
+    std::atomic<bool> stop_{false};
+    std::vector<std::thread> threads_;
 };
