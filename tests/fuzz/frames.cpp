@@ -10,7 +10,7 @@
 #include <algorithm>
 
 #include "fake_host.h"
-#include "neighbours6.h"
+#include "packets6.h"
 
 namespace fuzz
 {
@@ -24,7 +24,6 @@ constexpr int ETH_IPV6 = 0x86DD;
 constexpr int ETH_ARP = 0x0806;
 constexpr std::size_t ARP_FRAME = 42;
 constexpr std::size_t ICMP_HEADER = 8;
-constexpr std::size_t QUOTE6_MAX = 1232;
 constexpr lb_u64_t HELD_FRAMES = 16; // so few that some find no room
 
 bool is_ipv6(const bytes &ip)
@@ -153,40 +152,22 @@ bool is_about(const fake::sent_frame &out, const bytes &ip)
         out.bytes.size() <= ICMP_HEADER || !is_prefix(out.bytes, ICMP_HEADER, ip)) {
         return false;
     }
-    if (!isv6) {
-        return packets::checksum(out.bytes, 0, out.bytes.size()) == 0;
-    }
     // Over IPv6 the host fills in the checksum.
-    return out.protocol == packets::ICMP6 && (out.bytes[0] == 2 || out.bytes[0] == 3) &&
-           out.bytes[1] == 0 && packets::get16(out.bytes, 2) == 0 &&
-           out.bytes.size() <= ICMP_HEADER + QUOTE6_MAX &&
-           out.dest == bytes(ip.begin() + 8, ip.begin() + 24);
+    const long from = isv6 ? 8 : 12;
+    return out.dest == bytes(ip.begin() + from, ip.begin() + (isv6 ? 24 : 16)) &&
+           (isv6 || packets::checksum(out.bytes, 0, out.bytes.size()) == 0);
 }
 
-// Whether it is an advertisement that answers the packet, which is a solicitation.
+// Whether it is an advertisement of an address of ours for which the packet is a solicitation.
 bool is_advertisement_for(const fake::sent_frame &out, const bytes &ip)
 try {
-    const packets::upper u = packets::upper_of(ip, 0);
-    if (!out.has_eth || !is_ipv6(ip) || u.proto != packets::ICMP6 ||
-        ip.at(u.at) != packets::SOLICITATION) {
-        return false;
-    }
-    const std::string target = packets::ip6_at(ip, u.at + 8);
-    const std::string asker = packets::ip6_at(ip, 8);
-    const packets::mac dst = packets::mac_at(out.bytes, 0);
-    const bool toall = asker == "::";
-    return (target == CLUSTER6 || target == RETURN6) && ((dst[0] & 1) != 0) == toall &&
-           out.bytes ==
-               packets::build(packets::neighbour{.type = packets::ADVERTISEMENT,
-                                                 .flags = toall ? 0x20000000U : 0x60000000U,
-                                                 .target = target,
-                                                 .option = 2,
-                                                 .hw = packets::mac_of(1),
-                                                 .outer = {.src = target,
-                                                           .dst = toall ? "ff02::1" : asker,
-                                                           .hops = 255,
-                                                           .ethdst = dst,
-                                                           .ethsrc = packets::mac_of(1)}});
+    const std::size_t at = packets::upper_of(ip, 0).at;
+    const std::string target = packets::ip6_at(ip, at + 8);
+    return is_ipv6(ip) && ip.at(at) == packets::SOLICITATION && out.bytes.size() == 86 &&
+           out.bytes[packets::IP6] == packets::ADVERTISEMENT &&
+           packets::transport_residue(out.bytes) == 0 &&
+           packets::ip6_at(out.bytes, packets::IP6 + 8) == target &&
+           (target == CLUSTER6 || target == RETURN6);
 } catch (const std::out_of_range &) {
     return false;
 }

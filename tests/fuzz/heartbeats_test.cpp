@@ -42,7 +42,7 @@ TEST_F(FuzzHeartbeats, MutatedOnesTouchNobodyElse)
     for (int last = 11; last <= 13; last++) {
         make_servers(last);
     }
-    ASSERT_EQ(pair(LBHA_ROLE_PRIMARY, LBHA_TAKEOVERSTRATEGY_AUTOMATIC), LBCMD_RC_SUCCESS);
+    ASSERT_ADDED(pair(LBHA_ROLE_PRIMARY, LBHA_TAKEOVERSTRATEGY_AUTOMATIC));
     constexpr const char *OTHER = "172.31.250.77";
     hear(record{.sport = 77, .client = OTHER});
     hear(record{.sport = 78, .server = server_ip(12), .natport = 33333, .client = OTHER});

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "neighbours6.h"
+#include "packets6.h"
 
 namespace fuzz
 {
@@ -119,11 +119,11 @@ std::vector<item> configuration4()
         port(81, UDPRR, UDPRR),
         server(81, "10.0.0.11", 2),
         server(81, "10.0.0.12", 0),
-        port(53, HASH, CONNECTIONS),
+        port(53, HASH, CONNECTIONS), // whose table the port lacks
         server(53, "10.0.0.11", 1),
         port(82, HASH, UDPRR),
         port(83, HASH, UDPRR),
-        server(83, "192.0.2.7", 1),
+        server(83, "192.0.2.7", 1), // which no interface reaches
         port(84, HASH, UDPRR),
         server(84, "10.9.0.2", 1),
         port(85, CONNECTIONS, UDPRR),
@@ -151,14 +151,14 @@ std::vector<item> configuration6()
         server(80, "2001:db8::12", 1),
         port6(82, HASH),
         port6(83, HASH),
-        special(CLUSTER6, 83, "10.0.0.11", {}, server_block(1)),
+        special(CLUSTER6, 83, "10.0.0.11", {}, server_block(1)), // frames reach it all the same
         port6(85, CONNECTIONS),
         server(85, "2001:db8::11", 1),
         server(85, "2001:db8::12", 1),
         port6(86, CONNECTIONS),
         natted(86, "2001:db8:2::11", RETURN6, "2001:db8::12"),
         port6(87, HASH),
-        tunnelled(87, LBSRV_ENCAPTYPE_GRE, CLUSTER6),
+        tunnelled(87, LBSRV_ENCAPTYPE_GRE, CLUSTER6), // which carries IPv4 alone
         port6(89, HASH),
         collocated(89, "2001:db8::13"),
     };

@@ -23,29 +23,7 @@ inline void require(bool good, const char *what)
     }
 }
 
-// The fixed configuration: eth0 with 10.0.0.1/24 and a small MTU, the point-to-point ppp0 with
-// 10.9.0.1 and the far end 10.9.0.2; the client gateway 10.0.0.254; and the cluster 10.0.0.100 with
-// the ports
-//   80    HASH, UDPRR    servers 10.0.0.11 and 10.0.0.12
-//   81    UDPRR, UDPRR   servers 10.0.0.11 (weight 2), 10.0.0.12 (weight 0)
-//   53    HASH, a UDP algorithm whose table the port lacks
-//   82    HASH           no server
-//   83    HASH           a server that no interface reaches
-//   84    HASH           a server at the far end of ppp0
-//   85    CONNECTION     servers 10.0.0.11 and 10.0.0.12
-//   86    CONNECTION     NAT servers 10.2.0.11 and 10.2.0.12, from the return address 10.0.0.200
-//   87    HASH           a server at the end of a GRE tunnel, of 100 bytes less than eth0's MTU
-//   88    HASH           the same in IPIP
-//   89    HASH           a server of this host
-// Over IPv6: eth0 has 2001:db8::1/64, the client gateway is 2001:db8::fe, and the cluster
-// 2001:db8::100 has the ports
-//   80    HASH, UDPRR    servers 2001:db8::11 and 2001:db8::12
-//   82    HASH           no server
-//   83    HASH           the server 10.0.0.11, to which frames are forwarded all the same
-//   85    CONNECTION     servers 2001:db8::11 and 2001:db8::12
-//   86    CONNECTION     a NAT server 2001:db8:2::11, from the return address 2001:db8::200
-//   87    HASH           a server at the end of a tunnel, which carries IPv4 alone
-//   89    HASH           a server of this host
+// Of the fixed configuration, which world.cpp has.
 constexpr const char *CLUSTER = "10.0.0.100";
 constexpr const char *RETURN = "10.0.0.200";
 constexpr const char *CLUSTER6 = "2001:db8::100";

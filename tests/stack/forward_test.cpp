@@ -2,7 +2,7 @@
 // headers, what exactly a server receives, what the client is told, and what is counted.
 #include <random>
 
-#include "neighbours6.h"
+#include "packets6.h"
 #include "stack_fixture.h"
 
 namespace

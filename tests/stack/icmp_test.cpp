@@ -3,6 +3,7 @@
 // the host. Frames are cut at every length; the fake host sees to it that nothing is read beyond.
 #include "lb_neigh.h"
 
+#include "packets6.h"
 #include "record_fixture.h"
 
 namespace
@@ -16,6 +17,7 @@ using packets::UDP;
 using packets::with;
 
 constexpr const char *C = "10.0.0.100";
+constexpr const char *C6 = "2001:db8::100";
 constexpr const char *CLIENT = "10.9.0.1";
 
 // What a server answered to the client, which an error quotes.
@@ -34,16 +36,26 @@ bytes error_about(const packets::packet &quoted, std::uint8_t type = 3, std::uin
 bytes tunnel_error(std::uint8_t proto, std::uint8_t code, std::uint16_t mtu = 0,
                    const std::string &farend = "10.0.0.11")
 {
-    return packets::build(icmp{.code = code,
-                               .mtu = mtu,
-                               .body = packets::quote({.dst = farend, .proto = proto}),
-                               .outer = {.dst = "10.0.0.1"}});
+    return packets::build(
+        icmp{.code = code,
+             .mtu = mtu,
+             .body = packets::quote(packets::packet{.dst = farend, .proto = proto}),
+             .outer = {.dst = "10.0.0.1"}});
 }
 
-// Cuts the ICMP message.
+// Cuts the ICMP message, which no headers but the IP header go before.
 bytes cut(const bytes &frame, std::size_t len, bool honest = true)
 {
-    return packets::cut(frame, 20 + len, honest);
+    return packets::cut(frame, (packets::is_ipv6(frame) ? 40 : 20) + len, honest);
+}
+
+// An error about what a server answered over IPv6, with these headers in front of the ports.
+bytes error6(const std::vector<packets::ext> &exts, std::uint8_t type = 1, std::uint8_t proto = TCP)
+{
+    const packets::packet6 quoted = {
+        .src = C6, .dst = "fd00::9", .sport = 80, .dport = 40000, .proto = proto, .exts = exts};
+    return packets::build(packets::icmp6{
+        .type = type, .body = packets::quote(quoted), .outer = {.src = "2001:db8:f::1"}});
 }
 
 class IcmpTest : public RecordFixture
@@ -53,7 +65,7 @@ class IcmpTest : public RecordFixture
     {
         RecordFixture::SetUp();
         set_executor_log_mask(LB_LOG_FORWARDED | LB_LOG_DISCARDED | LB_LOG_INTACT |
-                              LB_LOG_PKTERROR | LB_LOG_EVENT | LB_LOG_ICMP);
+                              LB_LOG_PKTERROR | LB_LOG_EVENT | LB_LOG_ICMP | LB_LOG_IPV6);
     }
     int make_servers(lb_u16_t port)
     {
@@ -64,23 +76,26 @@ class IcmpTest : public RecordFixture
         lb_u64_t ip, icmp, cluster; // fwd, or discard, or err
         bool operator==(const counts_s &) const = default;
     };
-    counts_s counted(auto lb_proto_stats_t::*counter)
+    counts_s counted(auto lb_proto_stats_t::*counter, bool isv6 = false)
     {
         const auto exe = get_executor().getable;
-        return {exe.ipv4stats.*counter, exe.icmpstats.*counter,
-                get_cluster(C).getable.icmpstats.*counter};
+        return {(isv6 ? exe.ipv6stats : exe.ipv4stats).*counter,
+                (isv6 ? exe.icmpv6stats : exe.icmpstats).*counter,
+                get_cluster(isv6 ? C6 : C).getable.icmpstats.*counter};
     }
     // The packet is dropped under the label, and counted in all three places.
     void expect_dropped(const bytes &frame, const char *label, bool aserror = false)
     {
         const auto counter = aserror ? &lb_proto_stats_t::err : &lb_proto_stats_t::discard;
-        const counts_s before = counted(counter);
+        const bool isv6 = packets::is_ipv6(frame);
+        const counts_s before = counted(counter, isv6);
         fake::log_clear();
         (void)fake::take_sent();
         EXPECT_EQ(fake::receive(frame), LB_PACKETRC_CONSUMED);
         EXPECT_TRUE(fake::take_sent().empty());
         EXPECT_TRUE(fake::log_contains(std::string(" ") + label + "\n"));
-        EXPECT_EQ(counted(counter), (counts_s{before.ip + 1, before.icmp + 1, before.cluster + 1}));
+        EXPECT_EQ(counted(counter, isv6),
+                  (counts_s{before.ip + 1, before.icmp + 1, before.cluster + 1}));
     }
     // Sends an ICMP packet for the cluster: the server that got it as it was, or NOWHERE.
     static int sent_to(const bytes &frame)
@@ -233,6 +248,62 @@ TEST_F(IcmpTest, CutAnywhereNothingIsReadBeyondTheEnd)
     EXPECT_FALSE(fake::log_contains("unreachable"));
 }
 
+TEST_F(IcmpTest, QuotesOverIPv6AreChainsOfHeaders)
+{
+    using packets::padding;
+    ASSERT_ADDED(add_ifaddr("eth0", "2001:db8::1/64"));
+    ASSERT_ADDED(add_cluster(C6));
+    ASSERT_ADDED(add_port(C6, 80, LBSEL_ALGORIGHM_CONNECTION));
+    for (const std::uint8_t last : {11, 12}) {
+        const std::string server = "2001:db8::" + std::to_string(last);
+        ASSERT_ADDED(add_server(C6, 80, server));
+        fake::receive(packets::advertisement(server, last));
+    }
+    for (const std::uint16_t sport : {39999, 40000}) { // so that not all is at the first
+        fake::receive(packets::build(packets::packet6{.src = "fd00::9", .sport = sport}));
+    }
+    const int server = fake::take_sent().back().bytes[5];
+    for (const std::uint8_t type : {1, 2, 3, 4}) {
+        EXPECT_EQ(sent_to(error6({}, type)), server);
+    }
+    EXPECT_EQ(sent_to(error6({padding(packets::HOPOPTS), padding(packets::ROUTING, 2),
+                              padding(packets::DSTOPTS)})),
+              server);
+    EXPECT_EQ(sent_to(error6({packets::fragment(1, 1)})), server);
+    EXPECT_EQ(get_executor().getable.icmpv6stats.fwd, 6U);
+    packets::icmp6 echo = {.type = 128};
+    echo.outer.exts = {padding(packets::DSTOPTS, 3)};
+    EXPECT_NE(sent_to(packets::build(echo)), NOWHERE);
+
+    constexpr const char *UNPARSED = "Error parsing ipv6 extension headers\n";
+    const bytes good = error6({});
+    const std::size_t quoted = packets::IP6 + 8;
+    const struct {
+        const char *name;
+        bytes frame;
+        const char *label;
+        const char *message;
+    } rows[] = {
+        {"later fragment", error6({packets::fragment(1, 0x10)}), "proto",
+         "Original packet is fragmented and this is not the first fragment\n"},
+        {"ICMPv6", error6({}, 1, packets::ICMP6), "proto", ""},
+        {"nothing", error6({}, 1, packets::NONEXT), "proto", UNPARSED},
+        {"chain that does not end", with(with(good, quoted + 6, 60), quoted + 41, 255), "proto",
+         UNPARSED},
+        {"version 4", with(good, quoted, 0x45), "badinput", ""},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        expect_dropped(row.frame, row.label, std::string(row.label) == "badinput");
+        EXPECT_TRUE(fake::log_contains(row.message));
+    }
+    for (std::size_t len = 8; len < 8 + 44; len++) { // the quoted ports are its last bytes
+        SCOPED_TRACE(len);
+        expect_dropped(cut(good, len), "badinput", true);
+    }
+    EXPECT_EQ(sent_to(cut(good, 8 + 44)), server);
+}
+
 TEST_F(IcmpTest, EchoGoesRoundPortsAndServers)
 {
     const bytes ping = packets::build(icmp{.type = 8, .body = bytes(32, 'x')});
@@ -284,7 +355,8 @@ TEST_F(IcmpTest, TunnelErrorsChangeTheFarEndAndStayWithTheHost)
         {"quoted version 6", with(unreachable, quoted, 0x65), ERROR, 1500, true},
         {"quoted header too long", with(unreachable, quoted, 0x48), ERROR, 1500, true},
         {"a later fragment",
-         packets::build(icmp{.body = packets::quote({.dst = "10.0.0.11"}), .outer = later}),
+         packets::build(
+             icmp{.body = packets::quote(packets::packet{.dst = "10.0.0.11"}), .outer = later}),
          NOTFORUS, 1500, true},
         {"port unreachable, IPIP", unreachable, LEARNT, 1500, false},
     };

@@ -4,7 +4,7 @@
 #include <map>
 #include <set>
 
-#include "neighbours6.h"
+#include "packets6.h"
 #include "stack_fixture.h"
 
 namespace

@@ -108,7 +108,7 @@ TEST_F(TunnelTest, ThePacketTravelsInsideUnchanged)
         packets::mend_ip(frame);
         EXPECT_TRUE(send(frame).empty());
         EXPECT_EQ(counted(DISTANT).err, 1U);
-        ASSERT_EQ(rm_server(CLUSTER, 80, DISTANT), LBCMD_RC_SUCCESS);
+        ASSERT_ADDED(rm_server(CLUSTER, 80, DISTANT));
         tick(4);
     }
 }
@@ -137,7 +137,7 @@ TEST_F(TunnelTest, PacketsBeyondTheTunnelsMtu)
         const auto narrow = send(packet(100, DF));
         ASSERT_EQ(narrow.size(), 1U);
         expect_toolong(narrow[0], 0);
-        ASSERT_EQ(rm_server(CLUSTER, 80, DISTANT), LBCMD_RC_SUCCESS);
+        ASSERT_ADDED(rm_server(CLUSTER, 80, DISTANT));
         tick(4);
     }
 }
@@ -168,7 +168,7 @@ TEST_F(TunnelTest, WhenAPacketIsEncapsulated)
         }
         EXPECT_EQ(counted(row.server).fwd, row.protocol < 0 ? 0U : 1U);
         EXPECT_EQ(counted(row.server).err, row.protocol < 0 ? 1U : 0U);
-        ASSERT_EQ(rm_server(CLUSTER, 80, row.server), LBCMD_RC_SUCCESS);
+        ASSERT_ADDED(rm_server(CLUSTER, 80, row.server));
         tick(4);
     }
 }
@@ -197,9 +197,9 @@ class CollocatedTest : public TunnelTest
 TEST_F(CollocatedTest, PacketsLeaveThroughTheOneTunDevice)
 {
     ASSERT_ADDED(add_tunnel(LOCAL, 0));
-    ASSERT_EQ(set_collocated(LOCAL), LBCMD_RC_SUCCESS);
+    ASSERT_ADDED(set_collocated(LOCAL));
     ASSERT_ADDED(add_tunnel("10.0.0.12", 0));
-    ASSERT_EQ(set_collocated("10.0.0.12"), LBCMD_RC_SUCCESS);
+    ASSERT_ADDED(set_collocated("10.0.0.12"));
     ASSERT_EQ(fake::tun_requests().size(), 1U);
     EXPECT_EQ(fake::tun_requests()[0].dev, "veldra");
     EXPECT_EQ(fake::tun_requests()[0].flags, 1);
@@ -226,7 +226,7 @@ TEST_F(CollocatedTest, WithoutATunDeviceNothingIsSent)
     (void)set_collocated(LOCAL);
     EXPECT_TRUE(send(packet(100)).empty()) << "above all not to descriptor 0";
     EXPECT_EQ(counted(LOCAL).err, 1U);
-    ASSERT_EQ(set_collocated(LOCAL), LBCMD_RC_SUCCESS); // the next SET tries again
+    ASSERT_ADDED(set_collocated(LOCAL)); // the next SET tries again
     EXPECT_EQ(send(packet(100)).size(), 1U);
 }
 

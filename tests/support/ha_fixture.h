@@ -7,7 +7,7 @@
 #include "lb_replication.h"
 
 #include "nat_fixture.h"
-#include "neighbours6.h"
+#include "packets6.h"
 
 class HaFixture : public NatFixture
 {

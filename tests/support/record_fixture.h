@@ -47,11 +47,7 @@ class RecordFixture : public StackTest
     static std::string address(int last) { return "10.0.0." + std::to_string(last); }
     static void meet(int last)
     {
-        fake::receive(
-            packets::build(packets::arp{.op = 2,
-                                        .srchw = {2, 0, 0, 0, 0, static_cast<std::uint8_t>(last)},
-                                        .srcip = address(last),
-                                        .tgtip = "10.0.0.1"}));
+        fake::receive(packets::arp_reply(address(last), static_cast<std::uint8_t>(last)));
         (void)fake::take_sent();
     }
 
@@ -82,7 +78,7 @@ class RecordFixture : public StackTest
     }
 
     // Sends a packet: the server that it was forwarded to, or NOWHERE.
-    static int send(const packets::packet &p)
+    static int route(const packets::packet &p = {})
     {
         (void)fake::take_sent();
         EXPECT_EQ(fake::receive(packets::build(p)), LB_PACKETRC_CONSUMED);
@@ -94,12 +90,12 @@ class RecordFixture : public StackTest
     static int tcp(std::uint8_t flags, std::uint16_t sport = 40000,
                    const std::string &client = "10.9.0.1", std::uint16_t dport = 80)
     {
-        return send({.src = client, .sport = sport, .dport = dport, .flags = flags});
+        return route({.src = client, .sport = sport, .dport = dport, .flags = flags});
     }
     static int udp(std::uint16_t sport = 40000, const std::string &client = "10.9.0.1",
                    std::uint16_t dport = 80)
     {
-        return send({.src = client, .sport = sport, .dport = dport, .proto = packets::UDP});
+        return route({.src = client, .sport = sport, .dport = dport, .proto = packets::UDP});
     }
 
     // "preest active fin lifetime" of a server, as GET tells them.

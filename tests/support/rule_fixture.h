@@ -1,43 +1,28 @@
 // A port with three servers behind one interface, and the commands for rules and use-servers.
 #pragma once
 
-#include "lb_port.h"
 #include "lb_rule.h"
-#include "lb_server.h"
 #include "lb_useserver.h"
 
-#include <string>
+#include "record_fixture.h"
 
-#include "packets.h"
-#include "stack_fixture.h"
-
-class RuleFixture : public StackTest
+class RuleFixture : public RecordFixture
 {
   protected:
     using rule_view = stack::view<lbrul_addable_t, lbrul_setable_t, lbrul_getable_t>;
     using useserver_view = stack::view<lbusrv_addable_t, lbusrv_setable_t, lbusrv_getable_t>;
 
-    static constexpr const char *C = "10.0.0.100";
-    static constexpr int NOWHERE = -1;
-
-    // Servers go by the last byte of their addresses: 11, 12 and 13, each of weight 1.
+    // The servers 11, 12 and 13, each of weight 1.
     void SetUp() override
     {
-        StackTest::SetUp();
-        ASSERT_ADDED(add_interface("eth0", stack::ethernet(1)));
-        ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
-        ASSERT_ADDED(add_cluster(C));
-        ASSERT_ADDED(add_port(C, 80));
-        for (const lb_u8_t last : {11, 12, 13}) {
-            ASSERT_ADDED(add_server(C, 80, address(last)));
-            fake::receive(packets::build(packets::arp{.op = 2,
-                                                      .srchw = {2, 0, 0, 0, 0, last},
-                                                      .srcip = address(last),
-                                                      .tgtip = "10.0.0.1"}));
+        RecordFixture::SetUp();
+        ASSERT_ADDED(make_port(80, LBSEL_ALGORIGHM_HASH));
+        for (const int last : {11, 12, 13}) {
+            ASSERT_ADDED(make_server(80, last, 1, 0));
         }
     }
+    void TearDown() override { StackTest::TearDown(); } // there are no records
 
-    static std::string address(int last) { return "10.0.0." + std::to_string(last); }
     static lbcmd_key_t rule_key(int rule)
     {
         return stack::cfgkey(C, 80, "", static_cast<lb_u16_t>(rule));
@@ -71,11 +56,7 @@ class RuleFixture : public StackTest
                    stack::bytes_of(lbusrv_setable_t{}));
     }
     int disuse(int rule, int last) { return rm(LBCMD_KEYTYPE_CONFIG, use_key(rule, last)); }
-    int weigh(int last, lb_u16_t weight)
-    {
-        return set_server(C, 80, address(last),
-                          [weight](lbsrv_setable_t &setable) { setable.weight = weight; });
-    }
+    int weigh(int last, lb_u16_t weight) { return RecordFixture::weigh(80, last, weight); }
 
     rule_view get_rule(int rule) { return get<rule_view>(rule_key(rule)); }
     lb_u64_t fired(int rule) { return get_rule(rule).getable.timesfired; }
@@ -86,18 +67,6 @@ class RuleFixture : public StackTest
         lbcmd_key_t copy = key;
         return reinterpret_cast<Object *>(lbcmd_lookup(LBCMD_KEYTYPE_CONFIG, &copy));
     }
-    static lbport_obj_t *port() { return object<lbport_obj_t>(stack::cfgkey(C, 80)); }
-    static lbsrv_obj_t *server(int last)
-    {
-        return object<lbsrv_obj_t>(stack::cfgkey(C, 80, address(last)));
-    }
-
-    // The server that a packet reaches, by its hardware address.
-    static int route(const packets::packet &packet = {})
-    {
-        (void)fake::take_sent();
-        EXPECT_EQ(fake::receive(packets::build(packet)), LB_PACKETRC_CONSUMED);
-        const auto sent = fake::take_sent();
-        return sent.size() == 1 ? sent[0].bytes[5] : NOWHERE;
-    }
+    static lbport_obj_t *port() { return port_object(80); }
+    static lbsrv_obj_t *server(int last) { return server_object(last); }
 };

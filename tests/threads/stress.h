@@ -67,11 +67,18 @@ template <class Fixture> class Stress : public Fixture
             receive(load[chance() % load.size()], worker);
         });
     }
-    // Time that runs `most` milliseconds at once, now and then half a minute.
-    void start_timer(int most)
+    // Time that runs, most of it slowly, so that connections live; now and then for the time of a
+    // whole state, and to and fro by an hour.
+    void start_timer()
     {
-        start([most](stress::rng &random, fake::worker & /*worker*/) {
-            fake::advance_ms(stress::below(random, 50) == 0 ? 31000 : stress::below(random, most));
+        start([](stress::rng &random, fake::worker & /*worker*/) {
+            switch (stress::below(random, 100)) {
+            case 0:
+            case 1: fake::advance_ms(31000); break;
+            case 2: fake::advance_ms(-3600000); break;
+            case 3: fake::advance_ms(3600000); break;
+            default: fake::advance_ms(stress::below(random, 2000) - 100); break;
+            }
             EXPECT_EQ(lb_timer_entry(), 0);
         });
     }
