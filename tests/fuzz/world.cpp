@@ -9,6 +9,10 @@
 #include <cstring>
 
 #include "packets6.h"
+#include "vellcfg/apply.h"
+#include "vellcfg/diff.h"
+#include "vellcfg/normalise.h"
+#include "vellcfg/reader.h"
 
 namespace fuzz
 {
@@ -18,150 +22,61 @@ namespace
 
 constexpr int TICKS_TO_REAP = 40;
 
-// The configuration, as the commands that make it.
-struct item {
-    lbcmd_keytype_e keytype;
-    lbcmd_key_t key;
-    bytes add;
-    bytes set;
+// The service of the fixed configuration, as a file has it.
+constexpr const char *SERVICE = R"(
+executor: {client-gateway: 10.0.0.254, client-gateway-ipv6: "2001:db8::fe"}
+clusters:
+  - address: 10.0.0.100
+    ports:
+      - {port: 80, algorithm: hash, servers: [10.0.0.11, 10.0.0.12]}
+      - port: 81
+        algorithm: udprr
+        servers: [{address: 10.0.0.11, weight: 2}, {address: 10.0.0.12, weight: 0}]
+      - {port: 82, algorithm: hash}
+      - {port: 83, algorithm: hash, servers: [192.0.2.7]} # which no interface reaches
+      - {port: 84, algorithm: hash, servers: [10.9.0.2]} # the far end of ppp0
+      - {port: 85, algorithm: connection, servers: [10.0.0.11, 10.0.0.12]}
+      - port: 86
+        algorithm: connection
+        servers:
+          - {address: 10.2.0.11, forward: nat, return-address: 10.0.0.200, router-address: 10.0.0.12}
+          - {address: 10.2.0.12, forward: nat, return-address: 10.0.0.200, router-address: 10.0.0.12}
+      - {port: 87, algorithm: hash, servers: [{address: 192.0.2.8, forward: gre, encap-mtu: 500}]}
+      - {port: 88, algorithm: hash, servers: [{address: 192.0.2.8, forward: ipip, encap-mtu: 500}]}
+      - {port: 89, algorithm: hash, servers: [{address: 10.0.0.13, forward: collocated}]}
+  - address: 2001:db8::100
+    ports:
+      - {port: 80, algorithm: hash, servers: ["2001:db8::11", "2001:db8::12"]}
+      - {port: 82, algorithm: hash}
+      - {port: 83, algorithm: hash, servers: [10.0.0.11]} # frames reach it all the same
+      - {port: 85, algorithm: connection, servers: ["2001:db8::11", "2001:db8::12"]}
+      - port: 86
+        algorithm: connection
+        servers:
+          - address: 2001:db8:2::11
+            forward: nat
+            return-address: 2001:db8::200
+            router-address: 2001:db8::12
+      - {port: 87, algorithm: hash} # a tunnel, which carries IPv4 alone
+      - {port: 89, algorithm: hash, servers: [{address: "2001:db8::13", forward: collocated}]}
+)";
+
+class daemon : public vellb::client
+{
+  public:
+    void exchange(lbcmd_buf_t &buffer) const override { (void)lbcmd_entry(&buffer); }
 };
 
-item cluster(const std::string &addr)
+const std::vector<vellcfg::step> &service_steps()
 {
-    return {LBCMD_KEYTYPE_CONFIG, stack::cfgkey(addr), bytes_of(lbclu_addable_t{}),
-            bytes_of(lbclu_setable_t{})};
-}
-
-item interface(const std::string &name, const lbifin_setable_t &set)
-{
-    return {LBCMD_KEYTYPE_IFACE, stack::ifacekey(name), {}, bytes_of(set)};
-}
-
-item address(const std::string &name, const std::string &addr, const std::string &peer = "")
-{
-    return {LBCMD_KEYTYPE_IFACE,
-            stack::ifacekey(name, addr),
-            {},
-            bytes_of(lbifaddr_setable_t{stack::ip(peer)})};
-}
-
-// The cluster of a server's own IP version.
-std::string cluster_of(const std::string &addr)
-{
-    return addr.find(':') == std::string::npos ? CLUSTER : CLUSTER6;
-}
-
-item port(lb_u16_t number, lb_u8_t tcp, lb_u8_t udp, const std::string &of = CLUSTER)
-{
-    return {LBCMD_KEYTYPE_CONFIG, stack::cfgkey(of, number), bytes_of(port_block(tcp, udp)),
-            bytes_of(lbport_setable_t{})};
-}
-item port6(lb_u16_t number, lb_u8_t tcp)
-{
-    return port(number, tcp, LBSEL_ALGORIGHM_UDPRR, CLUSTER6);
-}
-
-// One whose settings are not the usual ones.
-item special(const std::string &of, lb_u16_t number, const std::string &addr,
-             const lbsrv_addable_t &add, const lbsrv_setable_t &set)
-{
-    return {LBCMD_KEYTYPE_CONFIG, stack::cfgkey(of, number, addr), bytes_of(add), bytes_of(set)};
-}
-
-item server(lb_u16_t number, const std::string &addr, lb_u16_t weight)
-{
-    return special(cluster_of(addr), number, addr, {}, server_block(weight));
-}
-
-item natted(lb_u16_t number, const std::string &addr, const char *from = RETURN,
-            const char *router = "10.0.0.12")
-{
-    lbsrv_addable_t add{};
-    add.nat = 1;
-    add.returnaddress = stack::ip(from);
-    add.routeraddress = stack::ip(router);
-    return special(cluster_of(addr), number, addr, add, server_block(1));
-}
-
-item tunnelled(lb_u16_t number, lb_u8_t type, const std::string &of = CLUSTER)
-{
-    lbsrv_setable_t set = server_block(1);
-    set.encapflags = static_cast<lb_u8_t>(type | LBSRV_ENCAPFLAG_ENCAPSULATE);
-    set.encapmtu = MTU - 100;
-    return special(of, number, "192.0.2.8", {}, set);
-}
-
-item collocated(lb_u16_t number, const std::string &addr)
-{
-    lbsrv_setable_t set = server_block(1);
-    set.Collocated = 1;
-    return special(cluster_of(addr), number, addr, {}, set);
-}
-
-constexpr lb_u8_t HASH = LBSEL_ALGORIGHM_HASH;
-constexpr lb_u8_t UDPRR = LBSEL_ALGORIGHM_UDPRR;
-constexpr lb_u8_t CONNECTIONS = LBSEL_ALGORIGHM_CONNECTION;
-
-std::vector<item> configuration4()
-{
-    lbifin_setable_t ppp = stack::ethernet(1, MTU);
-    ppp.isPTP = LBIFIN_YN_YES;
-    ppp.arp = LBIFIN_YN_NO;
-    return {
-        interface("eth0", stack::ethernet(1, MTU)),
-        address("eth0", "10.0.0.1/24"),
-        interface("ppp0", ppp),
-        address("ppp0", "10.9.0.1/32", "10.9.0.2"),
-        cluster(CLUSTER),
-        port(80, HASH, UDPRR),
-        server(80, "10.0.0.11", 1),
-        server(80, "10.0.0.12", 1),
-        port(81, UDPRR, UDPRR),
-        server(81, "10.0.0.11", 2),
-        server(81, "10.0.0.12", 0),
-        port(53, HASH, CONNECTIONS), // whose table the port lacks
-        server(53, "10.0.0.11", 1),
-        port(82, HASH, UDPRR),
-        port(83, HASH, UDPRR),
-        server(83, "192.0.2.7", 1), // which no interface reaches
-        port(84, HASH, UDPRR),
-        server(84, "10.9.0.2", 1),
-        port(85, CONNECTIONS, UDPRR),
-        server(85, "10.0.0.11", 1),
-        server(85, "10.0.0.12", 1),
-        port(86, CONNECTIONS, UDPRR),
-        natted(86, "10.2.0.11"),
-        natted(86, "10.2.0.12"),
-        port(87, HASH, UDPRR),
-        tunnelled(87, LBSRV_ENCAPTYPE_GRE),
-        port(88, HASH, UDPRR),
-        tunnelled(88, LBSRV_ENCAPTYPE_IPIP),
-        port(89, HASH, UDPRR),
-        collocated(89, "10.0.0.13"),
-    };
-}
-
-std::vector<item> configuration6()
-{
-    return {
-        address("eth0", "2001:db8::1/64"),
-        cluster(CLUSTER6),
-        port6(80, HASH),
-        server(80, "2001:db8::11", 1),
-        server(80, "2001:db8::12", 1),
-        port6(82, HASH),
-        port6(83, HASH),
-        special(CLUSTER6, 83, "10.0.0.11", {}, server_block(1)), // frames reach it all the same
-        port6(85, CONNECTIONS),
-        server(85, "2001:db8::11", 1),
-        server(85, "2001:db8::12", 1),
-        port6(86, CONNECTIONS),
-        natted(86, "2001:db8:2::11", RETURN6, "2001:db8::12"),
-        port6(87, HASH),
-        tunnelled(87, LBSRV_ENCAPTYPE_GRE, CLUSTER6), // which carries IPv4 alone
-        port6(89, HASH),
-        collocated(89, "2001:db8::13"),
-    };
+    static const std::vector<vellcfg::step> made = [] {
+        const auto read = vellcfg::read_texts({{"service", SERVICE}});
+        if (!read.errors.empty()) {
+            throw fault(finding_text(read.errors[0]));
+        }
+        return vellcfg::diff(vellcfg::normalised(read.wanted), vellb::read_picture(daemon{})).steps;
+    }();
+    return made;
 }
 
 void append(bytes &out, const void *data, std::size_t len)
@@ -227,19 +142,39 @@ world::~world()
 
 void world::configure()
 {
-    for (const auto &items : {configuration4(), configuration6()}) {
-        for (const item &i : items) {
-            const int rc = command(LBCMD_ACTION_ADD, i.keytype, i.key, i.add, i.set);
-            require(rc == LBCMD_RC_SUCCESS || rc == LBCMD_RC_ALREADYEXISTS,
-                    "the configuration was refused");
-        }
-    }
-    lbexe_setable_t setable{};
-    setable.clientgateway = stack::ip("10.0.0.254");
-    setable.clientgateway_ipv6 = stack::ip("2001:db8::fe");
-    require(command(LBCMD_ACTION_SET, LBCMD_KEYTYPE_CONFIG, stack::cfgkey(), {},
-                    bytes_of(setable)) == LBCMD_RC_SUCCESS,
-            "the executor refused its settings");
+    const auto add = [this](lbcmd_keytype_e tree, const lbcmd_key_t &key, const bytes &addable,
+                            const bytes &setable) {
+        require(command(LBCMD_ACTION_ADD, tree, key, addable, setable) == LBCMD_RC_SUCCESS,
+                "the configuration was refused");
+    };
+    const auto add_address = [&](const char *name, const char *addr, const char *peer = "") {
+        add(LBCMD_KEYTYPE_IFACE, stack::ifacekey(name, addr), {},
+            bytes_of(lbifaddr_setable_t{stack::ip(peer)}));
+    };
+    const lbifin_setable_t eth = stack::ethernet(1, MTU);
+    lbifin_setable_t ppp = eth;
+    ppp.isPTP = LBIFIN_YN_YES;
+    ppp.arp = LBIFIN_YN_NO;
+    add(LBCMD_KEYTYPE_IFACE, stack::ifacekey("eth0"), {}, bytes_of(eth));
+    add_address("eth0", "10.0.0.1/24");
+    add_address("eth0", "2001:db8::1/64");
+    add(LBCMD_KEYTYPE_IFACE, stack::ifacekey("ppp0"), {}, bytes_of(ppp));
+    add_address("ppp0", "10.9.0.1/32", "10.9.0.2");
+    require(vellcfg::apply(daemon{}, service_steps()).complete(), "the service was refused");
+    // What no file may ask for: an algorithm whose table the port lacks, and a tunnel for IPv6.
+    lbport_addable_t lacking{};
+    lacking.selectalg = LBSEL_ALGORIGHM_HASH;
+    lacking.udpselectalg = LBSEL_ALGORIGHM_CONNECTION;
+    lbsrv_setable_t plain{};
+    plain.weight = 1;
+    lbsrv_setable_t tunnel = plain;
+    tunnel.encapflags = LBSRV_ENCAPTYPE_GRE | LBSRV_ENCAPFLAG_ENCAPSULATE;
+    tunnel.encapmtu = MTU - 100;
+    constexpr auto CONFIG = LBCMD_KEYTYPE_CONFIG;
+    const bytes server = bytes_of(lbsrv_addable_t{});
+    add(CONFIG, stack::cfgkey(CLUSTER, 53), bytes_of(lacking), bytes_of(lbport_setable_t{}));
+    add(CONFIG, stack::cfgkey(CLUSTER, 53, "10.0.0.11"), server, bytes_of(plain));
+    add(CONFIG, stack::cfgkey(CLUSTER6, 87, "192.0.2.8"), server, bytes_of(tunnel));
     (void)fake::take_sent(); // queries and an announcement
 }
 
@@ -295,8 +230,8 @@ void world::require_forwarding()
     fake::receive(packets::advertisement("2001:db8::11", 0x11));
     fake::receive(packets::advertisement("2001:db8::12", 0x12));
     (void)fake::take_sent();
-    require_forwarded(packets::packet{.sport = 40001}, &packets::packet::ttl);
-    require_forwarded(packets::packet6{.sport = 40001}, &packets::packet6::hops);
+    require_forwarded(packets::packet{.sport = 40019}, &packets::packet::ttl);
+    require_forwarded(packets::packet6{.sport = 40019}, &packets::packet6::hops);
 }
 
 int world::execute()
@@ -312,21 +247,6 @@ bytes world::objects()
     append_objects(out, &lbexecutor->cfgcmdlist);
     append_objects(out, &lbexecutor->ifacecmdlist);
     return out;
-}
-
-lbport_addable_t port_block(lb_u8_t tcp, lb_u8_t udp)
-{
-    lbport_addable_t block{};
-    block.selectalg = tcp;
-    block.udpselectalg = udp;
-    return block;
-}
-
-lbsrv_setable_t server_block(lb_u16_t weight)
-{
-    lbsrv_setable_t block{};
-    block.weight = weight;
-    return block;
 }
 
 } // namespace fuzz

@@ -43,8 +43,6 @@ class world : public stack::client
     // Removes everything by commands, lets it be reaped, stops the stack and requires that nothing
     // is left and that the host was never misused.
     void finish();
-    // Puts every object of the fixed configuration back that is missing.
-    void configure();
     // The neighbours of the configuration tell their hardware addresses, and one frame of each IP
     // version is forwarded with nothing changed that need not be.
     void require_forwarding();
@@ -56,9 +54,9 @@ class world : public stack::client
     // word, which a refused partner may change.
     static bytes objects();
     static void require_unharmed(); // nothing that the host has recorded as a fault
-};
 
-lbport_addable_t port_block(lb_u8_t tcp, lb_u8_t udp);
-lbsrv_setable_t server_block(lb_u16_t weight);
+  private:
+    void configure();
+};
 
 } // namespace fuzz

@@ -1,6 +1,8 @@
 // What is IPv6's own in the whole stack: long addresses, a reset's layout, wide identifications of
 // fragments, translation behind extension headers, packets of one version for servers of the other,
 // and which multicast groups the host hears while all that is configured.
+#include "lb_ipv6.h"
+
 #include <map>
 #include <set>
 
@@ -116,6 +118,26 @@ TEST_F(Ipv6Test, ConnectionsAndAffinityKnowClientsByTheirWholeAddress)
             next.flags = ACK;
             EXPECT_EQ(server_of(next), server) << dport;
         }
+    }
+}
+
+TEST_F(Ipv6Test, AHeaderThatLiesIsNotSummedUpNorReaddressed)
+{
+    bytes frame = packet({.exts = {fragment(7, 0)}});
+    lbpbuf_obj_t pkt = {};
+    pkt.p.raw = frame.data() + ETH;
+    pkt.buflen = static_cast<int>(frame.size()) - ETH;
+    ASSERT_EQ(_lbipv6_getproto(pkt.p.v6, pkt.buflen, &pkt.ulp.raw, &pkt), packets::TCP);
+    pkt.ipfuncs = &lbipv6_funcs;
+    EXPECT_EQ(lbipv6_funcs.gethdrlen(&pkt), 40);
+    const lbip_addr_t other = stack::ip("10.0.0.1");
+    EXPECT_EQ(lbipv6_funcs.setsaddr(&pkt, &other), -1);
+    EXPECT_EQ(lbipv6_funcs.setdaddr(&pkt, &other), -1);
+    for (const int payload : {0, 7, 8 + 19, 61}) { // and one byte more than came
+        packets::put16(frame, ETH + 4, static_cast<std::uint16_t>(payload));
+        const bytes before = frame;
+        EXPECT_EQ(lbipv6_funcs.tcpchksum(&pkt), -1) << payload;
+        EXPECT_EQ(frame, before);
     }
 }
 

@@ -41,6 +41,9 @@ TEST_F(NatTest, AnAnswerReachesItsClient)
     expected.ethdst = packets::mac_of(254);
     expected.ethsrc = packets::mac_of(1);
     EXPECT_EQ(sent[0].bytes, packets::build(expected)) << "the TTL as it was";
+    EXPECT_EQ(fake::receive({frame.begin() + ETH, frame.end()}, fake::link::slip),
+              LB_PACKETRC_CONSUMED);
+    EXPECT_EQ(fake::take_sent().at(0).bytes, packets::build(expected)) << "it gets a link header";
     EXPECT_EQ(answered(answer(1025)), "10.9.0.1:40000");
     EXPECT_EQ(stats().in, stats().fwd + stats().notforus + stats().discard + stats().err);
 }
