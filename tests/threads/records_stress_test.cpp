@@ -113,27 +113,27 @@ class RecordStress : public Stress<HaFixture>
         const int last = 11 + below(random, 3);
         const bool nat = number == 80 && below(random, 2) == 0;
         const std::string server = nat ? server_ip(last) : address(last);
-        const int what = below(random, 40);
+        const int what = below(random, 400); // to replace a port takes long
         if (what == 0) {
             replace_port(number);
-        } else if (what == 1) {
+        } else if (what < 10) {
             (void)set_port(C, number, [&](lbport_setable_t &s) {
                 s.reset = static_cast<lb_u8_t>(below(random, 2));
                 s.stickytime = static_cast<lb_u32_t>(10 + below(random, 5));
             });
-        } else if (what == 2) {
+        } else if (what < 40) {
             ASSERT_ADDED(rm_ifaddr("eth1", "10.1.0.1/24"));
             ASSERT_ADDED(rm_interface("eth1"));
             ASSERT_ADDED(add_interface("eth1", stack::ethernet(2)));
             ASSERT_ADDED(add_ifaddr("eth1", "10.1.0.1/24"));
             (void)make_natserver(last); // and its router is heard of again
-        } else if (what == 3) {
+        } else if (what < 70) {
             ASSERT_ADDED(set_client_gateway(below(random, 2) == 0 ? "" : "10.0.0.253"));
             ASSERT_ADDED(set_client_gateway("10.0.0.254"));
             meet(254);
-        } else if (what == 4) {
+        } else if (what < 110) {
             replace_cluster();
-        } else if (what < 14) {
+        } else if (what < 200) {
             if (rm_server(C, number, server) != LBCMD_RC_SUCCESS) {
                 make_all_servers(last);
             }
@@ -280,6 +280,53 @@ TEST_F(RecordStress, KeepsEveryRecordInOnePlaceWithAPartner)
         EXPECT_EQ(rm_server(C, 80, server_ip(last)), LBCMD_RC_SUCCESS);
     }
     tick(6); // servers that were removed under way are swept once more, and freed
+}
+
+// The same SYN from every worker at the same time, over and over: one record for each connection.
+TEST_F(RecordStress, MakesOneRecordForOneConnection)
+{
+    constexpr int ROUNDS = 2000;
+    std::atomic<int> turn{0};
+    std::atomic<int> done{0};
+    std::vector<std::thread> threads;
+    threads.reserve(stress::WORKERS);
+    for (int i = 0; i < stress::WORKERS; i++) {
+        threads.emplace_back([&turn, &done] {
+            fake::worker worker;
+            for (int round = 1; round <= ROUNDS; round++) {
+                while (turn.load() < round) {
+                    std::this_thread::yield();
+                }
+                packets::packet p;
+                p.sport = static_cast<std::uint16_t>(1000 + round);
+                p.dport = round % 2 != 0 ? 80 : 443;
+                (void)worker.receive(packets::build(p));
+                done.fetch_add(1);
+            }
+        });
+    }
+    for (int round = 1; round <= ROUNDS; round++) {
+        turn = round;
+        while (done.load() < round * stress::WORKERS) {
+            std::this_thread::yield();
+        }
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    for (const lb_u16_t number : {lb_u16_t{80}, lb_u16_t{443}}) {
+        lb_u32_t preest = 0;
+        lb_u32_t lifetime = 0;
+        for (int last = 11; last <= 13; last++) {
+            for (const std::string &server : {address(last), server_ip(last)}) {
+                const auto stats = get_server(C, number, server).getable.selstats;
+                preest += stats.preest;
+                lifetime += stats.lifetime;
+            }
+        }
+        EXPECT_EQ(preest, ROUNDS / 2U);
+        EXPECT_EQ(lifetime, ROUNDS / 2U + (number == 443 ? 1 : 0)) << "the client counts once more";
+    }
 }
 
 } // namespace
