@@ -15,6 +15,10 @@ namespace vellcfg
 namespace
 {
 
+// Far beyond any configuration, and little enough to hold.
+constexpr size_t NODES_MOST = 1000000;
+constexpr size_t WORD_MOST = 4096;
+
 class builder : public YAML::EventHandler
 {
   public:
@@ -42,14 +46,20 @@ class builder : public YAML::EventHandler
                   const std::string &value) override
     {
         check_tag(mark, tag);
-        frame *at = open_.empty() ? nullptr : &open_.back();
-        if (at != nullptr && at->what->kind == kind_e::MAP && !at->keyed) {
-            take_key(*at, mark, value);
-            return;
+        if (value.size() > WORD_MOST) {
+            throw YAML::Exception(mark, "this is longer than any value: is a quote missing?");
         }
+        frame *at = open_.empty() ? nullptr : &open_.back();
         const auto made_one = made(mark, kind_e::WORD, anchor);
-        made_one->word = value;
-        place_value(mark, made_one);
+        made_one->word = value.substr(0, value.find('\0'));
+        if (made_one->word.size() != value.size()) {
+            error(mark, "a NUL character, which no value may contain");
+        }
+        if (at != nullptr && at->what->kind == kind_e::MAP && !at->keyed) {
+            take_key(*at, mark, made_one->word);
+        } else {
+            place_value(mark, made_one);
+        }
     }
     void OnSequenceStart(const YAML::Mark &mark, const std::string &tag, YAML::anchor_t anchor,
                          YAML::EmitterStyle::value) override
@@ -74,7 +84,7 @@ class builder : public YAML::EventHandler
 
     void error(const YAML::Mark &mark, const std::string &text)
     {
-        errors_.push_back({{name_, mark.line + 1, mark.column + 1}, text});
+        tell(errors_, {name_, mark.line + 1, mark.column + 1}, text);
     }
 
     void check_tag(const YAML::Mark &mark, const std::string &tag)
@@ -86,6 +96,11 @@ class builder : public YAML::EventHandler
 
     std::shared_ptr<node> made(const YAML::Mark &mark, kind_e kind, YAML::anchor_t anchor)
     {
+        if (++nodes_ > NODES_MOST) {
+            throw YAML::Exception(
+                mark,
+                fmt::format("more than {} keys and values: this is no configuration", NODES_MOST));
+        }
         auto result = std::make_shared<node>();
         result->line = mark.line + 1;
         result->column = mark.column + 1;
@@ -144,7 +159,20 @@ class builder : public YAML::EventHandler
     std::vector<finding> &errors_;
     std::vector<frame> open_{};
     std::map<YAML::anchor_t, std::shared_ptr<node>> anchors_{};
+    size_t nodes_ = 0;
 };
+
+// Does the line (from 1) begin with blanks and a tab?
+bool is_tabbed(const std::string &text, int line)
+{
+    size_t begin = 0;
+    for (int i = 1; i < line && begin != std::string::npos; i++) {
+        const size_t end = text.find('\n', begin);
+        begin = end == std::string::npos ? end : end + 1;
+    }
+    const size_t word = text.find_first_not_of(' ', begin);
+    return word != std::string::npos && text[word] == '\t';
+}
 
 // yaml-cpp says what it stumbled over; people want to know what to do.
 std::string explained(const std::string &message)
@@ -152,7 +180,7 @@ std::string explained(const std::string &message)
     static const std::map<std::string, std::string> remedies{
         {"illegal map value", "a ':' where no key can stand: is the line indented like its "
                               "neighbours? Put words with ': ' or a final ':' into quotes"},
-        {"illegal tab when looking for indentation", "a tab in the indentation: use blanks"},
+        {"bad file", "nested deeper than any configuration"},
         {"end of map not found", "the indentation fits neither the lines above nor a new level"},
         {"end of sequence not found", "a line that is no item of the list above: is it indented "
                                       "like its neighbours?"},
@@ -161,16 +189,21 @@ std::string explained(const std::string &message)
     return found != remedies.end() ? found->second : message;
 }
 
-// yaml-cpp passes on whatever it finds.
-bool is_utf8(const std::string &name, const std::string &text, std::vector<finding> &errors)
+// yaml-cpp passes on whatever it finds, or takes it for something else (a NUL, a lone CR).
+bool is_text(const std::string &name, const std::string &text, std::vector<finding> &errors)
 {
     place at{name, 1, 1};
     for (size_t i = 0; i < text.size();) {
         const size_t length = utf8_length(text, i);
-        if (length == 0) {
-            errors.push_back(
-                {at, fmt::format("the byte 0x{:02X} is no UTF-8: save the file as UTF-8",
-                                 static_cast<unsigned char>(text[i]))});
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const bool line_end = text[i] == '\n' || text.compare(i, 2, "\r\n") == 0;
+        const bool control = (byte < ' ' && text[i] != '\t' && !line_end) || byte == 0x7F;
+        if (length == 0 || control) {
+            const char *const what =
+                length == 0       ? "is no UTF-8: save the file as UTF-8"
+                : text[i] == '\r' ? "stands outside of a line's end: save the file with LF or CRLF"
+                                  : "is a control character: is this a text file in UTF-8?";
+            tell(errors, at, fmt::format("the byte 0x{:02X} {}", byte, what));
             return false;
         }
         at.column = text[i] == '\n' ? 1 : at.column + 1;
@@ -181,6 +214,14 @@ bool is_utf8(const std::string &name, const std::string &text, std::vector<findi
 }
 
 } // namespace
+
+void tell(std::vector<finding> &errors, place at, std::string text)
+{
+    errors.push_back({std::move(at), std::move(text)});
+    if (errors.size() >= ERRORS_MOST) {
+        throw enough();
+    }
+}
 
 size_t utf8_length(const std::string &text, size_t at)
 {
@@ -209,7 +250,7 @@ size_t utf8_length(const std::string &text, size_t at)
 node_ptr parse_document(const std::string &name, const std::string &text,
                         std::vector<finding> &errors)
 {
-    if (!is_utf8(name, text, errors)) {
+    if (!is_text(name, text, errors)) {
         return nullptr;
     }
     std::istringstream stream(text);
@@ -222,14 +263,14 @@ node_ptr parse_document(const std::string &name, const std::string &text,
         builder second(name, errors);
         if (parser.HandleNextDocument(second)) {
             const node *more = second.root.get();
-            errors.push_back(
-                {{name, more != nullptr ? more->line : 0, more != nullptr ? more->column : 0},
-                 "a second document: put each into a file of its own in conf.d"});
+            tell(errors,
+                 {name, more != nullptr ? more->line : 1, more != nullptr ? more->column : 1},
+                 "a second document: put each into a file of its own in conf.d");
         }
     } catch (const YAML::Exception &error) {
-        errors.push_back(
-            {{name, std::max(error.mark.line + 1, 1), std::max(error.mark.column + 1, 1)},
-             explained(error.msg)});
+        const int line = std::max(error.mark.line + 1, 1);
+        tell(errors, {name, line, std::max(error.mark.column + 1, 1)},
+             is_tabbed(text, line) ? "a tab in the indentation: use blanks" : explained(error.msg));
         return nullptr;
     }
     return first.root;

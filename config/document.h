@@ -33,12 +33,22 @@ struct node {
     std::vector<entry> entries{};  // MAP, keys once each
 };
 
+// More errors than this help nobody.
+constexpr size_t ERRORS_MOST = 100;
+
+// Thrown by tell(): there are too many.
+struct enough {
+};
+
+// Appends an error. Throws `enough` behind the last one that is to be told.
+void tell(std::vector<finding> &errors, place at, std::string text);
+
 // The bytes of the UTF-8 character (RFC 3629) that begins at `at`, 0 if none does.
 size_t utf8_length(const std::string &text, size_t at);
 
 // The one document in `text`, null if there is none. What is no YAML, and what YAML allows but a
-// configuration does not (keys given twice, several documents, tags), is told in `errors`. Never
-// throws for the text.
+// configuration does not (keys given twice, several documents, tags, control characters), is told
+// in `errors`. For the text, throws nothing but `enough`.
 node_ptr parse_document(const std::string &name, const std::string &text,
                         std::vector<finding> &errors);
 

@@ -3,6 +3,8 @@
 // to one another is in sense.cpp. Reads files; keeps no state.
 #include "vellcfg/reader.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <system_error>
 
 #include <algorithm>
@@ -393,36 +395,46 @@ class gatherer
 
     void add(const source &from)
     {
-        const size_t before = result.errors.size();
-        const node_ptr root = parse_document(from.name, from.text, result.errors);
-        if (root == nullptr || root->kind == kind_e::NOTHING) {
-            // A file cut off at its beginning must not take everything down.
-            if (result.errors.size() == before) {
-                result.errors.push_back({{from.name, 1, 1},
-                                         "the file says nothing; if nothing shall be served, "
-                                         "write: clusters: []"});
-            }
-            return;
-        }
         context to(from.name, result.errors);
-        read_map<service>(to, *root, result.wanted, "a configuration", SERVICE);
+        try {
+            const size_t before = result.errors.size();
+            const node_ptr root = parse_document(from.name, from.text, result.errors);
+            if (root != nullptr && root->kind != kind_e::NOTHING) {
+                read_map<service>(to, *root, result.wanted, "a configuration", SERVICE);
+            } else if (result.errors.size() == before) {
+                // A file cut off at its beginning must not take everything down.
+                to.error(to.at(1, 1), "the file says nothing; if nothing shall be served, write: "
+                                      "clusters: []");
+            }
+        } catch (const enough &) {
+            full_ = true;
+        }
         for (const auto &[line, column] : to.broken) {
             broken_.emplace(from.name, line, column);
         }
     }
+    [[nodiscard]] bool full() const { return full_; }
 
     // In the order of the files, and within each of its lines.
     reading finished()
     {
-        for (finding &each : nonsense(result.wanted)) {
+        for (finding &each : full_ ? std::vector<finding>{} : nonsense(result.wanted)) {
             if (!broken_.contains(key(each))) {
                 result.errors.push_back(std::move(each));
             }
         }
-        std::ranges::stable_sort(result.errors, {}, [&](const finding &each) {
+        std::vector<finding> &all = result.errors;
+        std::ranges::stable_sort(all, {}, [&](const finding &each) {
             return std::tuple(std::ranges::find(names_, each.at.file), each.at.line,
                               each.at.column);
         });
+        // What several aliases stand for is wrong once.
+        const auto again = std::ranges::unique(
+            all, {}, [](const finding &each) { return std::tuple(key(each), each.text); });
+        all.erase(again.begin(), again.end());
+        if (full_ || all.size() >= ERRORS_MOST) {
+            all.push_back({all.back().at, "there are more errors: correct these first"});
+        }
         return std::move(result);
     }
 
@@ -432,28 +444,66 @@ class gatherer
 
     std::vector<std::string> names_{};
     std::set<key_t> broken_{};
+    bool full_ = false;
 };
 
-bool load(const std::string &path, source &into, std::vector<finding> &errors)
+// Opened so that neither a FIFO nor a terminal can hold it up.
+std::error_code load(const std::string &path, std::string &into)
 {
-    constexpr size_t MOST = size_t{64} << 20;
-    const auto refuse = [&](const std::string &why) {
-        errors.push_back({{path}, "cannot be read: " + why});
-        return false;
-    };
-    const std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(path.c_str(), "rbe"), fclose);
-    if (!file) {
-        return refuse(std::generic_category().message(errno));
+    constexpr size_t MOST = size_t{16} << 20;
+    const auto failed = [] { return std::error_code(errno, std::generic_category()); };
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) {
+        return failed();
     }
-    into.name = path;
+    const std::unique_ptr<FILE, int (*)(FILE *)> file(fdopen(fd, "r"), fclose);
+    struct stat what {
+    };
+    if (!file || fstat(fd, &what) != 0) {
+        return failed();
+    }
+    if (S_ISDIR(what.st_mode)) {
+        return make_error_code(std::errc::is_a_directory);
+    }
+    if (!S_ISREG(what.st_mode)) {
+        return make_error_code(std::errc::not_supported);
+    }
     char piece[65536];
     while (const size_t got = fread(piece, 1, sizeof(piece), file.get())) {
-        into.text.append(piece, got);
-        if (into.text.size() > MOST) {
-            return refuse(fmt::format("it is longer than {} bytes", MOST));
+        into.append(piece, got);
+        if (into.size() > MOST) {
+            return make_error_code(std::errc::file_too_large);
         }
     }
-    return ferror(file.get()) == 0 || refuse(std::generic_category().message(errno));
+    return ferror(file.get()) == 0 ? std::error_code() : failed();
+}
+
+std::string why(const std::error_code &error)
+{
+    return fmt::format("cannot be read: {}",
+                       error == std::errc::not_supported    ? "it is no regular file"
+                       : error == std::errc::file_too_large ? "it is longer than any configuration"
+                                                            : error.message());
+}
+
+// conf.d/*.yaml without the hidden ones: editors keep locks and copies under such names.
+std::vector<std::string> more_files(const std::string &path, std::error_code &error)
+{
+    std::vector<std::string> files;
+    const fs::path directory = directories_of(path)[1];
+    if (symlink_status(directory, error).type() == fs::file_type::not_found) {
+        error.clear();
+        return files;
+    }
+    for (fs::directory_iterator each(directory, error), end; !error && each != end;
+         each.increment(error)) {
+        const fs::path &file = each->path();
+        if (file.extension() == ".yaml" && !file.filename().string().starts_with('.')) {
+            files.push_back(file.string());
+        }
+    }
+    std::ranges::sort(files);
+    return files;
 }
 
 } // namespace
@@ -466,28 +516,31 @@ std::vector<std::string> directories_of(const std::string &path)
 
 std::vector<std::string> files_of(const std::string &path)
 {
-    std::vector<std::string> more;
-    std::error_code error;
-    for (fs::directory_iterator each(directories_of(path)[1], error), end; !error && each != end;
-         each.increment(error)) {
-        if (each->path().extension() == ".yaml") {
-            more.push_back(each->path().string());
-        }
-    }
-    std::ranges::sort(more);
-    more.insert(more.begin(), path);
-    return more;
+    std::error_code ignored;
+    std::vector<std::string> files = more_files(path, ignored);
+    files.insert(files.begin(), path);
+    return files;
 }
 
 reading read_files(const std::string &path)
 {
     gatherer all;
-    for (const std::string &each : files_of(path)) {
-        source from;
+    std::error_code unlisted;
+    std::vector<std::string> files = more_files(path, unlisted);
+    files.insert(files.begin(), path);
+    for (const std::string &each : files) {
+        source from{each, ""};
         all.name(each);
-        if (load(each, from, all.result.errors)) {
+        if (const std::error_code error = load(each, from.text)) {
+            all.result.errors.push_back({{each}, why(error)});
+        } else if (!all.full()) {
             all.add(from);
         }
+    }
+    // Its files would be taken for removed.
+    if (unlisted) {
+        all.name(directories_of(path)[1]);
+        all.result.errors.push_back({{directories_of(path)[1]}, why(unlisted)});
     }
     return all.finished();
 }

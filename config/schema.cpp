@@ -75,7 +75,9 @@ void unknown_key(context &to, const entry &given, std::string_view object,
             hint = fmt::format(" (here it is called '{}')", each.ours);
         }
     }
-    if (hint.empty()) {
+    if (given.key == "<<") {
+        hint = " (nothing is merged here: write out what it stands for)";
+    } else if (hint.empty()) {
         hint = vellb::did_you_mean(given.key, known);
     }
     to.error(to.at(given.line, given.column),

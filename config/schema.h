@@ -31,10 +31,7 @@ class context
 
     [[nodiscard]] place at(int line, int column) const { return {file_, line, column}; }
     [[nodiscard]] place at(const node &what) const { return at(what.line, what.column); }
-    void error(const place &where, std::string text)
-    {
-        errors_.push_back({where, std::move(text)});
-    }
+    void error(const place &where, std::string text) { tell(errors_, where, std::move(text)); }
     [[nodiscard]] size_t errors() const { return errors_.size(); }
 
     // Aliases make few bytes into many objects. False once it is too much; told once.

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 #include <map>
 
+#include "document.h"
 #include "prot/command.h"
 #include "vellb/address.h"
 #include "vellb/names.h"
@@ -56,7 +57,7 @@ class judge
   private:
     using places_t = std::map<std::string, place>;
 
-    void error(const place &at, std::string text) { errors.push_back({at, std::move(text)}); }
+    void error(const place &at, std::string text) { tell(errors, at, std::move(text)); }
 
     // An address that could not be read was told of.
     void once(places_t &known, const std::string &name, const place &at, const char *object)
@@ -127,11 +128,11 @@ class judge
         places_t ports;
         for (const port &each : wanted.ports) {
             once(ports, std::to_string(each.number), each.at, "port");
-            judge_port(wanted, each);
+            judge_port(each);
         }
     }
 
-    void judge_port(const cluster &above, const port &wanted)
+    void judge_port(const port &wanted)
     {
         few(wanted.servers.size() + wanted.rules.size(),
             listable<lbport_addable_t, lbport_setable_t, lbport_getable_t>(), wanted.at,
@@ -145,7 +146,7 @@ class judge
         places_t servers;
         for (const server &each : wanted.servers) {
             once(servers, address_text(each.address), each.at, "server");
-            judge_forward(above, each);
+            judge_forward(each);
         }
         places_t rules;
         for (const rule &each : wanted.rules) {
@@ -183,7 +184,7 @@ class judge
         }
     }
 
-    void judge_forward(const cluster &above, const server &wanted)
+    void judge_forward(const server &wanted)
     {
         const std::string way =
             vellb::name_of(vellb::forwardings(), static_cast<lb_u64_t>(wanted.forward));
@@ -194,7 +195,7 @@ class judge
             }
         };
         if (wanted.forward == forward_e::NAT) {
-            judge_nat(above, wanted);
+            judge_nat(wanted);
         } else {
             goes_with(vellb::is_set(wanted.return_address), "return-address", "nat");
             goes_with(vellb::is_set(wanted.router_address), "router-address", "nat");
@@ -208,7 +209,7 @@ class judge
         }
     }
 
-    void judge_nat(const cluster &above, const server &wanted)
+    void judge_nat(const server &wanted)
     {
         if (!vellb::is_set(wanted.return_address)) {
             error(wanted.at,
@@ -231,7 +232,10 @@ class judge
                                              address_text(wanted.return_address), why));
             }
         };
-        differs(above.address, "the cluster's address: packets to it are clients', not answers");
+        if (clusters_.contains(address_text(wanted.return_address))) {
+            differs(wanted.return_address,
+                    "a cluster's address: packets to it are clients', not answers");
+        }
         differs(wanted.address, "the server's own address: it would answer itself");
         differs(wanted.router_address,
                 "the router's own address: the forwarder would not see answers");
@@ -258,13 +262,20 @@ std::string place_text(const place &at)
 
 std::string finding_text(const finding &told)
 {
-    return fmt::format("{}: {}", place_text(told.at), told.text);
+    std::string text = fmt::format("{}: {}", place_text(told.at), told.text);
+    // It quotes the file, which must not speak to the terminal or look like another line.
+    std::ranges::replace_if(
+        text, [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7F; }, '?');
+    return text;
 }
 
 std::vector<finding> nonsense(const service &wanted)
 {
     judge all;
-    all.judge_all(wanted);
+    try {
+        all.judge_all(wanted);
+    } catch (const enough &) { // what is known is told
+    }
     return std::move(all.errors);
 }
 

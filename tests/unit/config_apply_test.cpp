@@ -1,5 +1,7 @@
 // The configuration's commands meeting a daemon that others use too, and the program that sends
 // them once; files on disk; the limits that only many objects reach.
+#include <sys/stat.h>
+
 #include <fstream>
 
 #include "vellbctl_fixture.h"
@@ -154,6 +156,7 @@ TEST(config_files, conf_d_follows_the_file_in_lexical_order)
     write("conf.d/20.yaml", "clusters: [{address: 10.0.0.120}]\n");
     write("conf.d/10.yaml", "clusters: [{address: 10.0.0.110}]\n");
     write("conf.d/15.yaml.bak", "nonsense: [\n");
+    std::filesystem::create_symlink("me@here.1234", directory + "/conf.d/.#20.yaml"); // Emacs
     const auto good = vellcfg::read_files(directory + "/main.yaml");
     ASSERT_TRUE(good.errors.empty()) << finding_text(good.errors[0]);
     ASSERT_EQ(good.wanted.clusters.size(), 2U);
@@ -171,7 +174,74 @@ TEST(config_files, conf_d_follows_the_file_in_lexical_order)
     const auto none = vellcfg::read_files(directory + "/missing.yaml");
     EXPECT_NE(finding_text(none.errors.at(0)).find("missing.yaml: cannot be read: No such"),
               std::string::npos);
+
+    std::filesystem::remove(directory + "/conf.d/30.yaml");
+    ASSERT_EQ(mkfifo((directory + "/conf.d/40.yaml").c_str(), 0600), 0);
+    const auto fifo = vellcfg::read_files(directory + "/main.yaml");
+    ASSERT_EQ(fifo.errors.size(), 1U);
+    EXPECT_NE(finding_text(fifo.errors[0]).find("40.yaml: cannot be read: it is no regular file"),
+              std::string::npos);
+    // What cannot be listed is not gone.
+    std::filesystem::remove_all(directory + "/conf.d");
+    std::filesystem::create_symlink("unmounted", directory + "/conf.d");
+    const auto unlisted = vellcfg::read_files(directory + "/main.yaml");
+    ASSERT_EQ(unlisted.errors.size(), 1U);
+    EXPECT_NE(finding_text(unlisted.errors[0]).find("/conf.d: cannot be read: No such"),
+              std::string::npos);
     std::filesystem::remove_all(directory);
+}
+
+TEST(config_files, what_is_no_configuration_is_told_in_time_and_in_few_words)
+{
+    std::string deep;
+    for (int i = 0; i < 10000; i++) {
+        deep += "- ";
+    }
+    std::string servers = "10.1.0.1";
+    std::string users = "10.2.0.1";
+    for (int i = 2; i < 900; i++) {
+        const std::string host = std::to_string(i / 200) + "." + std::to_string(1 + i % 200);
+        servers += ", 10.1." + host;
+        users += ", 10.2." + host;
+    }
+    std::string bomb = "clusters: [{address: 10.0.0.1, ports: [{port: 1, servers: [" + servers +
+                       "], rules: [{number: 1, use-servers: &u [" + users + "]}";
+    for (int i = 2; i < 200; i++) {
+        bomb += ", {number: " + std::to_string(i) + ", use-servers: *u}";
+    }
+    bomb += "]}]}]";
+    const struct {
+        const char *name;
+        std::string text;
+        const char *message;
+    } rows[] = {
+        {"empty", "", "f:1:1: the file says nothing"},
+        {"blank", " \n\n", "f:1:1: the file says nothing"},
+        {"NUL", std::string("ha:\n\0", 5), "f:2:1: the byte 0x00 is a control character"},
+        {"escaped NUL", "interfaces: [\"a\\0b\"]", "f:1:14: a NUL character"},
+        {"end of transmission", "clusters: []\n\x04 1\n", "f:2:1: the byte 0x04 is a control"},
+        {"old line ends", "ha: 1\rx: 2\r", "f:1:6: the byte 0x0D stands outside"},
+        {"new line ends", "clusters: []\r\nx: 2\r\n", "f:2:1: 'x' is no key of a configuration"},
+        {"byte order mark", "\xEF\xBB\xBFx: 2", "f:1:1: 'x' is no key"},
+        {"Latin-1", "ha: caf\xE9", "f:1:8: the byte 0xE9 is no UTF-8"},
+        {"tab", "clusters:\n\t- 1\n", "f:2:2: a tab in the indentation"},
+        {"merge", "ha: {<<: *x}", "f:1:10: the referenced anchor is not defined"},
+        {"merged", "executor: &x {}\nha: {<<: *x, role: solo}",
+         "f:2:6: '<<' is no key of 'ha' (not"},
+        {"terminal", "\"\\e[2J\\n\": 1", "f:1:1: '?[2J?' is no key"},
+        {"open quote", "x: \"" + std::string(5000, 'a') + "\"", "f:1:4: this is longer than any"},
+        {"deep list", deep, "f:1:1000: nested deeper than any"},
+        {"too much", "x: [" + std::string(2000000, ',') + "]",
+         "f:1:1000002: more than 1000000 keys"},
+        {"wrong in many aliases", bomb, "f:1:10348: use-servers: 10.2.0.1 is no server"},
+    };
+    for (const auto &row : rows) {
+        const auto read = vellcfg::read_texts({{"f", row.text}});
+        ASSERT_FALSE(read.errors.empty()) << row.name;
+        EXPECT_LE(read.errors.size(), 101U) << row.name;
+        const std::string first = finding_text(read.errors[0]);
+        EXPECT_EQ(first.find(row.message), 0U) << row.name << ": " << first.substr(0, 300);
+    }
 }
 
 // Objects by the hundred: where the daemon looks at the first few only, and where it can list no

@@ -16,12 +16,12 @@ struct source {
 
 struct reading {
     service wanted{};              // of use only without errors
-    std::vector<finding> errors{}; // all of them, by file, line and column
+    std::vector<finding> errors{}; // by file, line and column; if there are many, some hundred
 };
 
 // Every file that makes the configuration: `path` itself, then conf.d/*.yaml in its directory in
-// lexical order (bytes). conf.d need not exist. Never fails: what cannot be opened is found when it
-// is read.
+// lexical order (bytes), but for hidden ones. conf.d need not exist. Never fails: what cannot be
+// listed or opened is found when it is read.
 std::vector<std::string> files_of(const std::string &path);
 
 // The directories in which a change may change the configuration: that of `path`, and its conf.d,
