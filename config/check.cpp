@@ -4,14 +4,18 @@
 #include "vellcfg/check.h"
 
 #include <algorithm>
+#include <cstring>
 #include <fmt/format.h>
 #include <map>
+#include <set>
+#include <tuple>
 
 #include "prot/gre.h"
 #include "prot/ipv4.h"
 #include "vellb/address.h"
 #include "vellb/names.h"
 #include "vellb/surprises.h"
+#include "vellcfg/host.h"
 #include "vellcfg/normalise.h"
 
 namespace vellcfg
@@ -26,6 +30,25 @@ using vellb::made_e;
 // How many children of one object the daemon visits at a tick, and at a takeover.
 constexpr size_t VISITED = 128;
 constexpr size_t ANNOUNCED = 100;
+
+// Addresses that no host has on a wire (RFC 6890; RFC 4291, 2.5.5 and 2.7). Null for all others.
+const char *unsuitable(const lbip_addr_t &address)
+{
+    const lb_u8_t *bytes = address.nboaddr.v6;
+    if (address.version == 4) {
+        return bytes[0] == 127    ? "a loopback address"
+               : bytes[0] == 0    ? "an address of 0.0.0.0/8"
+               : bytes[0] >= 0xE0 ? "a multicast, reserved or broadcast address"
+                                  : nullptr;
+    }
+    static constexpr lb_u8_t MAPPED[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+    static constexpr lb_u8_t LOOPBACK[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    return bytes[0] == 0xFF                                 ? "a multicast address"
+           : memcmp(bytes, LOOPBACK, sizeof(LOOPBACK)) == 0 ? "the loopback address"
+           : memcmp(bytes, MAPPED, sizeof(MAPPED)) == 0
+               ? "an IPv4 address in the form of IPv6; write it with its four numbers only"
+               : nullptr;
+}
 
 bool keeps_connections(lb_u8_t algorithm)
 {
@@ -57,9 +80,15 @@ class checker
         if (paired) {
             limit(wanted_.clusters, ANNOUNCED, "clusters", "are not announced at a takeover");
         }
+        check_gateway("client-gateway", wanted_.executor.client_gateway);
+        check_gateway("client-gateway-ipv6", wanted_.executor.client_gateway_ipv6);
+        check_shared_mtus();
         for (size_t i = 0; i < wanted_.clusters.size(); i++) {
             check_cluster(wanted_.clusters[i], state_.clusters[i]);
         }
+        std::ranges::stable_sort(found_, {}, [](const finding &each) {
+            return std::tie(each.at.file, each.at.line, each.at.column);
+        });
         return std::move(found_);
     }
 
@@ -84,12 +113,78 @@ class checker
 
     void check_interfaces()
     {
-        if (host_ == nullptr || !wanted_.interfaces) {
+        if (!wanted_.interfaces) {
             return;
         }
         for (const interface_name &each : *wanted_.interfaces) {
-            if (std::ranges::find(*host_, each.name, &vellb::interface::name) == host_->end()) {
+            if (each.name == OWN_DEVICE) {
+                warn(each.at, fmt::format("{} is the daemon's own road to servers on this machine: "
+                                          "leave it out",
+                                          OWN_DEVICE));
+            } else if (host_ != nullptr &&
+                       std::ranges::find(*host_, each.name, &vellb::interface::name) ==
+                           host_->end()) {
                 warn(each.at, fmt::format("this machine has no interface {}", each.name));
+            }
+        }
+    }
+
+    // The interface that leads to an address, null if none does.
+    [[nodiscard]] const vellb::interface *towards(const lbip_addr_t &address) const
+    {
+        const auto leads = [&](const vellb::interface_address &own) {
+            return vellb::on_net(address, own.address) || vellb::same_address(address, own.peer);
+        };
+        const auto found = std::ranges::find_if(*host_, [&](const vellb::interface &each) {
+            return std::ranges::any_of(each.addresses, leads);
+        });
+        return found != host_->end() ? &*found : nullptr;
+    }
+    [[nodiscard]] bool is_stranded(const lbip_addr_t &next_hop) const
+    {
+        // Before the machine has any, all would be.
+        return host_ != nullptr && !host_->empty() && towards(next_hop) == nullptr;
+    }
+    [[nodiscard]] bool is_own(const lbip_addr_t &address) const
+    {
+        return host_ != nullptr && std::ranges::any_of(*host_, [&](const vellb::interface &each) {
+                   return std::ranges::any_of(each.addresses,
+                                              [&](const vellb::interface_address &own) {
+                                                  return vellb::same_address(own.address, address);
+                                              });
+               });
+    }
+
+    void check_gateway(const char *key, const lbip_addr_t &gateway)
+    {
+        if (vellb::is_set(gateway) && is_stranded(gateway)) {
+            warn(wanted_.executor.at,
+                 fmt::format("{}: {} is in no subnet of an interface, so nothing is sent to it: "
+                             "routes of this machine are not used",
+                             key, address_text(gateway)));
+        }
+    }
+
+    // The daemon keeps the tunnels' MTU with the neighbour: one for each address.
+    void check_shared_mtus()
+    {
+        std::map<std::string, const server *> firsts;
+        for (const cluster &above : wanted_.clusters) {
+            for (const port &each : above.ports) {
+                for (const server &one : each.servers) {
+                    if (!one.encap_mtu) {
+                        continue;
+                    }
+                    const std::string address = address_text(one.address);
+                    const server *first = firsts.emplace(address, &one).first->second;
+                    if (first->encap_mtu != one.encap_mtu) {
+                        warn(one.at, fmt::format("encap-mtu {}: the daemon keeps one for each "
+                                                 "address, and {} has {} at {}: the last one that "
+                                                 "is sent holds for all",
+                                                 *one.encap_mtu, address, *first->encap_mtu,
+                                                 place_text(first->at)));
+                    }
+                }
             }
         }
     }
@@ -118,7 +213,20 @@ class checker
         if (host_ != nullptr) {
             warn(written.at, vellb::subnet_surprises(made.address, *host_, made_e::IN_FILE));
         }
+        if (const char *what = unsuitable(written.address)) {
+            warn(written.at, fmt::format("no client reaches cluster {}: it is {}",
+                                         address_text(written.address), what));
+        } else if (is_own(written.address)) {
+            warn(written.at, fmt::format("cluster {} is an address of this machine too, whose own "
+                                         "stack answers clients: take it off the interface",
+                                         address_text(written.address)));
+        }
         limit(written.ports, VISITED, "ports", "are not aged: their records never expire");
+        if (wanted_.ha.role != LBHA_ROLE_SOLO &&
+            std::ranges::any_of(made.ports, vellb::translates)) {
+            limit(written.ports, ANNOUNCED, "ports",
+                  "have return addresses that are not announced at a takeover");
+        }
         const bool needs_gateway = std::ranges::any_of(made.ports, [](const vellb::port &each) {
             return each.settings.reset != 0 || vellb::translates(each);
         });
@@ -152,6 +260,7 @@ class checker
         }
         warn(written.at, vellb::spread_surprises(made, made_e::IN_FILE));
         check_tunnels(above, written);
+        check_roads(written);
         for (size_t i = 0; i < written.servers.size(); i++) {
             warn(written.servers[i].at,
                  vellb::server_surprises(made, made.servers[i], made_e::IN_FILE));
@@ -174,9 +283,9 @@ class checker
             (!keeps_clients(written.udp_algorithm) || keeps_clients(written.algorithm));
         if (!table) {
             warn(written.at,
-                 fmt::format("udp-algorithm {} needs a table that only algorithm {} makes: UDP "
-                             "packets of this port are dropped",
-                             name(written.udp_algorithm), name(written.udp_algorithm)));
+                 fmt::format("udp-algorithm {} needs a table that algorithm {} does not make: UDP "
+                             "packets of this port are dropped; name the same for both",
+                             name(written.udp_algorithm), name(written.algorithm)));
         }
     }
 
@@ -201,20 +310,54 @@ class checker
              fmt::format("crossport {} joins nothing: {}", written.crossport, why));
     }
 
+    // What is wrong with where the server is said to be, whatever the subnets.
+    [[nodiscard]] std::string misplaced(const server &each) const
+    {
+        const std::string name = address_text(each.address);
+        const auto is_it = [&](const cluster &one) {
+            return vellb::same_address(one.address, each.address);
+        };
+        if (const char *what = unsuitable(each.address)) {
+            return fmt::format("no packet reaches server {}: it is {}", name, what);
+        }
+        if (each.forward == forward_e::DIRECT && is_own(each.address)) {
+            return fmt::format("server {} is this machine itself; use forward: collocated", name);
+        }
+        if (each.forward != forward_e::COLLOCATED && std::ranges::any_of(wanted_.clusters, is_it)) {
+            return fmt::format("server {} is a cluster's address, so packets come back; use the "
+                               "server's own",
+                               name);
+        }
+        return "";
+    }
+
+    void check_roads(const port &written)
+    {
+        std::set<std::string> told; // once for each next hop that is missed
+        for (const server &each : written.servers) {
+            const bool nat = each.forward == forward_e::NAT;
+            if (const std::string why = misplaced(each); !why.empty()) {
+                warn(each.at, why);
+            } else if (nat && is_stranded(each.router_address) &&
+                       told.insert(address_text(each.router_address)).second) {
+                warn(each.at, fmt::format("router-address {} is in no subnet of an interface, so "
+                                          "packets never reach the server",
+                                          address_text(each.router_address)));
+            } else if (each.forward == forward_e::DIRECT && is_stranded(each.address) &&
+                       told.insert("").second) {
+                warn(each.at, fmt::format("server {} is in no subnet of an interface, so packets "
+                                          "never reach it; use forward: ipip, gre, or nat with a "
+                                          "router-address",
+                                          address_text(each.address)));
+            }
+        }
+    }
+
     // The MTU on the way to an address of one of the host's subnets, 0 if that is not known.
     [[nodiscard]] lb_u32_t mtu_towards(const lbip_addr_t &address) const
     {
-        if (host_ == nullptr) {
-            return 0;
-        }
-        for (const vellb::interface &each : *host_) {
-            for (const vellb::interface_address &own : each.addresses) {
-                if (vellb::on_net(address, own.address)) {
-                    return each.settings.mtu_sys;
-                }
-            }
-        }
-        return 0;
+        const vellb::interface *way = host_ != nullptr ? towards(address) : nullptr;
+        return way != nullptr ? way->settings.mtu_sys : 0;
     }
 
     void check_tunnels(const cluster &above, const port &written)

@@ -9,14 +9,6 @@
 namespace vellcfg
 {
 
-namespace
-{
-
-// Made by the forwarder for servers on its own host; no wire leads to it.
-constexpr const char *OWN_DEVICE = "veldra";
-
-} // namespace
-
 std::vector<vellb::interface> used_interfaces(const service &wanted,
                                               const std::vector<vellb::interface> &host)
 {

@@ -28,7 +28,32 @@ template <class T, size_t SIZE> void put_text(T (&field)[SIZE], const std::strin
     memcpy(field, text.data(), std::min(text.size(), SIZE - 1));
 }
 
-vellb::server server_of(const server &wanted)
+// The tunnels' MTUs that the file gives, by server: the daemon keeps one for each address.
+using mtus_t = std::map<std::string, lb_u16_t>;
+
+mtus_t given_mtus(const service &wanted)
+{
+    mtus_t mtus;
+    for (const cluster &above : wanted.clusters) {
+        for (const port &each : above.ports) {
+            for (const server &one : each.servers) {
+                if (one.encap_mtu) {
+                    mtus.emplace(vellb::address_text(one.address), *one.encap_mtu);
+                }
+            }
+        }
+    }
+    return mtus;
+}
+
+// An ADD writes the address's MTU, even that of a server without a tunnel.
+lb_u16_t mtu_of(const server &wanted, const mtus_t &mtus)
+{
+    const auto given = mtus.find(vellb::address_text(wanted.address));
+    return wanted.encap_mtu.value_or(given != mtus.end() ? given->second : ENCAPMTU);
+}
+
+vellb::server server_of(const server &wanted, const mtus_t &mtus)
 {
     vellb::server made;
     made.address = wanted.address;
@@ -43,7 +68,7 @@ vellb::server server_of(const server &wanted)
         set.encapflags = static_cast<lb_u8_t>(tunnel | LBSRV_ENCAPFLAG_ENCAPSULATE);
     }
     set.encapsrcip = wanted.encap_source;
-    set.encapmtu = wanted.encap_mtu.value_or(ENCAPMTU);
+    set.encapmtu = mtu_of(wanted, mtus);
     set.weight = wanted.weight;
     set.quiesced = wanted.quiesced ? 1 : 0;
     set.stickyflag = wanted.sticky ? 1 : 0;
@@ -67,7 +92,7 @@ vellb::rule rule_of(const rule &wanted)
     return made;
 }
 
-vellb::port port_of(const lbip_addr_t &cluster, const port &wanted)
+vellb::port port_of(const lbip_addr_t &cluster, const port &wanted, const mtus_t &mtus)
 {
     vellb::port made;
     made.cluster = cluster;
@@ -85,7 +110,7 @@ vellb::port port_of(const lbip_addr_t &cluster, const port &wanted)
     set.reset = wanted.reset ? 1 : 0;
     set.repstrategy = wanted.replication;
     for (const server &each : wanted.servers) {
-        made.servers.push_back(server_of(each));
+        made.servers.push_back(server_of(each, mtus));
     }
     for (const rule &each : wanted.rules) {
         made.rules.push_back(rule_of(each));
@@ -122,13 +147,13 @@ void join_ports(const cluster &wanted, vellb::cluster &made)
     }
 }
 
-vellb::cluster cluster_of(const cluster &wanted)
+vellb::cluster cluster_of(const cluster &wanted, const mtus_t &mtus)
 {
     vellb::cluster made;
     made.address = wanted.address;
     put_text(made.settings.clusterid, wanted.id);
     for (const port &each : wanted.ports) {
-        made.ports.push_back(port_of(wanted.address, each));
+        made.ports.push_back(port_of(wanted.address, each, mtus));
     }
     join_ports(wanted, made);
     return made;
@@ -166,9 +191,10 @@ target normalised(const service &wanted)
     for (const heartbeat &each : wanted.ha.heartbeats) {
         made.executor.heartbeats.push_back({each.local, each.partner, {}});
     }
+    const mtus_t mtus = given_mtus(wanted);
     for (const cluster &each : wanted.clusters) {
         made.executor.clusters.push_back(each.address);
-        made.clusters.push_back(cluster_of(each));
+        made.clusters.push_back(cluster_of(each, mtus));
     }
     return made;
 }

@@ -10,6 +10,9 @@
 namespace vellcfg
 {
 
+// The daemon makes it for servers on its own machine; no wire leads to it.
+constexpr const char *OWN_DEVICE = "veldra";
+
 // Of the host's interfaces those that the daemon is to use: the ones named, or all but the one that
 // the daemon makes itself for servers on this machine. Pure.
 std::vector<vellb::interface> used_interfaces(const service &wanted,
