@@ -39,10 +39,14 @@ struct address_less {
 };
 using addresses_t = std::set<lbip_addr_t, address_less>;
 
-lbip_addr_t bare(lbip_addr_t address)
+// The address alone: other programs' keys may hold anything behind it.
+lbip_addr_t bare(const lbip_addr_t &address)
 {
-    address.prefix = 0;
-    return address;
+    lbip_addr_t result{};
+    result.version = address.version;
+    const size_t size = address.version == 4 ? sizeof(result.nboaddr.v4) : sizeof(result.nboaddr);
+    memcpy(&result.nboaddr, &address.nboaddr, size);
+    return result;
 }
 
 bool same_fixed(const vellb::server &a, const vellb::server &b)
@@ -234,13 +238,19 @@ class port_differ
         }
     }
 
+    [[nodiscard]] lbcmd_key_t useserver_key(lb_u16_t rule, const lbip_addr_t &address) const
+    {
+        return vellb::useserver_key(wanted_.cluster, wanted_.number, rule, bare(address));
+    }
+
+    // Of a rule that stays, only what stands in the way of a server's removal: a rule without
+    // use-servers drops, so others go when their successors are there.
     void remove_rule(const vellb::rule &each) const
     {
         const auto kept = kept_rules_.find(each.number);
         for (const lbip_addr_t &address : each.useservers) {
-            if (kept == kept_rules_.end() || !kept->second.useservers.contains(bare(address))) {
-                to_.remove(vellb::useserver_key(wanted_.cluster, wanted_.number, each.number,
-                                                bare(address)));
+            if (kept == kept_rules_.end() || !kept_servers_.contains(bare(address))) {
+                to_.remove(useserver_key(each.number, address));
             }
         }
         if (kept == kept_rules_.end()) {
@@ -273,9 +283,17 @@ class port_differ
         }
         for (const lbip_addr_t &address : each.useservers) {
             if (kept == kept_rules_.end() || !kept->second.useservers.contains(bare(address))) {
-                to_.add(vellb::useserver_key(wanted_.cluster, wanted_.number, each.number,
-                                             bare(address)),
-                        bytes_of(lbusrv_addable_t{}), bytes_of(lbusrv_setable_t{}));
+                to_.add(useserver_key(each.number, address), bytes_of(lbusrv_addable_t{}),
+                        bytes_of(lbusrv_setable_t{}));
+            }
+        }
+        if (kept == kept_rules_.end()) {
+            return;
+        }
+        for (const lbip_addr_t &address : kept->second.actual->useservers) {
+            if (kept_servers_.contains(bare(address)) &&
+                !kept->second.useservers.contains(bare(address))) {
+                to_.remove(useserver_key(each.number, address));
             }
         }
     }

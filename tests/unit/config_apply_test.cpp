@@ -7,6 +7,7 @@
 #include "vellbctl_fixture.h"
 #include "vellcfg/apply.h"
 #include "vellcfg/check.h"
+#include "vellcfg/diff.h"
 #include "vellcfg/normalise.h"
 #include "vellcfg/reader.h"
 
@@ -142,6 +143,16 @@ TEST_F(config_apply, vellbctl_checks_differs_applies_and_exports)
     EXPECT_EQ(wrong.find("1 " + file + ":1:22: address: '10.0.0.300' is not an"), 0U) << wrong;
     const std::string json = run("check --json -f " + file);
     EXPECT_NE(json.find("\"reasons\": ["), std::string::npos) << json;
+}
+
+TEST(config_diff, what_stands_behind_an_address_is_no_difference)
+{
+    const auto wanted = vellcfg::normalised(vellcfg::read_texts({{"f", WEB}}).wanted);
+    vellb::picture there = wanted;
+    lbip_addr_t &untidy = there.clusters[0].ports[0].servers[1].address;
+    untidy.nboaddr.v6[9] = 0xAA;
+    untidy.prefix = 24;
+    EXPECT_TRUE(diff(wanted, there).empty());
 }
 
 TEST(config_files, conf_d_follows_the_file_in_lexical_order)
