@@ -8,6 +8,7 @@
 #include "document.h"
 #include "vellb/address.h"
 #include "vellb/names.h"
+#include "vellb/surprises.h"
 #include "vellb/words.h"
 #include "vellcfg/normalise.h"
 
@@ -16,8 +17,6 @@ namespace vellcfg
 
 namespace
 {
-
-constexpr lb_u32_t LEAST_TIME_S = 10;
 
 // A scalar for any text: what YAML or UTF-8 does not take becomes '?'.
 std::string scalar(const std::string &text)
@@ -61,16 +60,39 @@ class writer
     }
     void remark(int depth, const std::string &words) { line(depth, "# " + words); }
 
+    explicit writer(const vellb::picture &now) : now_(now) {}
+
     void executor(const vellb::executor &now);
     void interfaces(const std::vector<vellb::interface> &all);
     void ha(const vellb::executor &now);
-    void cluster(const vellb::cluster &now);
+    void clusters();
 
   private:
-    void address(int depth, const char *name, const lbip_addr_t &value)
+    void address(int depth, const char *name, const lbip_addr_t &value, bool takes = true)
     {
         if (vellb::is_set(value)) {
-            key(depth, name, written(value));
+            words(depth, name, written(value), takes && !vellb::is_unspecified(value));
+        }
+    }
+    // A list with what `write` makes of each; those for which it is false are told in remarks only.
+    template <class T, class F>
+    void list(int depth, const char *name, const std::vector<T> &all, F write)
+    {
+        const size_t begin = text.size();
+        line(depth, fmt::format("{}:", name));
+        const size_t head = text.size();
+        const auto count = std::ranges::count_if(all, write);
+        if (count == 0) {
+            text.erase(begin, head - begin);
+        }
+    }
+    // A key whose value the reader takes, or what stands there instead.
+    void words(int depth, const char *name, const std::string &value, bool takes)
+    {
+        if (takes) {
+            key(depth, name, value);
+        } else {
+            remark(depth, fmt::format("{}: {}, which no file can ask for", name, value));
         }
     }
     void on_off(int depth, const char *name, bool value, bool by_default)
@@ -80,17 +102,23 @@ class writer
         }
     }
     void time(int depth, const char *name, lb_u32_t seconds, lb_u32_t by_default);
+    void cluster(const vellb::cluster &now);
     void port(const vellb::port &now, bool shares);
     void server(const vellb::server &now);
     void forwarding(const vellb::server &now);
-    void rule(const vellb::rule &now);
+    bool rule(const vellb::rule &now);
+    [[nodiscard]] bool translates(const vellb::server &now) const;
+
+    const vellb::picture &now_;
 };
 
 void writer::executor(const vellb::executor &now)
 {
     line(0, "executor:");
-    address(1, "client-gateway", now.settings.clientgateway);
-    address(1, "client-gateway-ipv6", now.settings.clientgateway_ipv6);
+    const lbip_addr_t &v4 = now.settings.clientgateway;
+    const lbip_addr_t &v6 = now.settings.clientgateway_ipv6;
+    address(1, "client-gateway", v4, v4.version == 4);
+    address(1, "client-gateway-ipv6", v6, v6.version == 6);
     address(1, "own-address", now.settings.nfa);
     key(1, "log-mask", vellb::mask_text(now.settings.log_mask));
 }
@@ -106,8 +134,11 @@ void writer::interfaces(const std::vector<vellb::interface> &all)
 void writer::ha(const vellb::executor &now)
 {
     const lbha_setables_t &set = now.settings.ha;
-    const bool pair = set.role == LBHA_ROLE_PRIMARY || set.role == LBHA_ROLE_BACKUP;
-    if (!pair) {
+    if (!vellb::is_paired(set) || set.port == 0) {
+        if (vellb::is_paired(set)) {
+            remark(0, fmt::format("role: {} without a port, which no file can ask for",
+                                  vellb::name_of(vellb::ha_roles(), set.role)));
+        }
         for (const vellb::heartbeat &each : now.heartbeats) {
             remark(0, fmt::format("a heartbeat of a node without a role: {} to {}",
                                   written(each.local), written(each.partner)));
@@ -117,11 +148,8 @@ void writer::ha(const vellb::executor &now)
     line(0, "ha:");
     key(1, "role", vellb::name_of(vellb::ha_roles(), set.role));
     key(1, "takeover", vellb::name_of(vellb::ha_takeovers(), set.tostrategy));
-    if (set.timeout >= LBHA_TIMEOUT_MINIMUM && set.timeout <= LBHA_TIMEOUT_MAXIMUM) {
-        key(1, "timeout", vellb::seconds_text(set.timeout));
-    } else {
-        remark(1, fmt::format("timeout: {}s, which no file can ask for", set.timeout));
-    }
+    words(1, "timeout", vellb::seconds_text(set.timeout),
+          set.timeout >= LBHA_TIMEOUT_MINIMUM && set.timeout <= LBHA_TIMEOUT_MAXIMUM);
     key(1, "replication", vellb::name_of(vellb::ha_replications(), set.repstrategy));
     key(1, "port", std::to_string(set.port));
     std::vector<std::string> reach;
@@ -133,13 +161,25 @@ void writer::ha(const vellb::executor &now)
     if (!reach.empty()) {
         key(1, "reach", fmt::format("[{}]", fmt::join(reach, ", ")));
     }
-    if (!now.heartbeats.empty()) {
-        line(1, "heartbeats:");
+    list(1, "heartbeats", now.heartbeats, [&](const vellb::heartbeat &each) {
+        const bool takes = each.local.version == each.partner.version &&
+                           !vellb::same_address(each.local, each.partner);
+        line(2, fmt::format("{} {{local: {}, partner: {}}}", takes ? "-" : "# no heartbeat:",
+                            written(each.local), written(each.partner)));
+        return takes;
+    });
+}
+
+void writer::clusters()
+{
+    if (now_.clusters.empty()) {
+        line(0, "clusters: []");
+        return;
     }
-    for (const vellb::heartbeat &each : now.heartbeats) {
-        line(2, fmt::format("- {{local: {}, partner: {}}}", written(each.local),
-                            written(each.partner)));
-    }
+    list(0, "clusters", now_.clusters, [&](const vellb::cluster &each) {
+        cluster(each);
+        return true;
+    });
 }
 
 void writer::cluster(const vellb::cluster &now)
@@ -150,28 +190,21 @@ void writer::cluster(const vellb::cluster &now)
     if (!id.empty()) {
         key(2, "id", scalar(id));
     }
-    if (!now.ports.empty()) {
-        line(2, "ports:");
-    }
-    for (const vellb::port &each : now.ports) {
+    list(2, "ports", now.ports, [&](const vellb::port &each) {
         const bool shares = std::ranges::any_of(now.ports, [&](const vellb::port &other) {
             return each.number != other.number && each.fixed.crossport == other.number &&
                    other.fixed.crossport == each.number;
         });
         port(each, shares);
-    }
+        return true;
+    });
 }
 
 void writer::time(int depth, const char *name, lb_u32_t seconds, lb_u32_t by_default)
 {
-    if (seconds == by_default) {
-        return;
+    if (seconds != by_default) {
+        words(depth, name, vellb::seconds_text(seconds), seconds >= LEAST_TIME_S);
     }
-    if (seconds < LEAST_TIME_S) {
-        remark(depth, fmt::format("{}: {}s, which no file can ask for", name, seconds));
-        return;
-    }
-    key(depth, name, vellb::seconds_text(seconds));
 }
 
 void writer::port(const vellb::port &now, bool shares)
@@ -196,20 +229,14 @@ void writer::port(const vellb::port &now, bool shares)
     time(4, "sticky-time", now.settings.stickytime, sticky);
     on_off(4, "reset", now.settings.reset != 0, false);
     if (now.settings.repstrategy != LBHA_REPLICATIONSTRATEGY_NOREP) {
-        key(4, "replication", vellb::name_of(vellb::ha_replications(), now.settings.repstrategy));
+        words(4, "replication", vellb::name_of(vellb::ha_replications(), now.settings.repstrategy),
+              now.settings.repstrategy <= LBHA_REPLICATIONSTRATEGY_CRARREP);
     }
-    if (!now.servers.empty()) {
-        line(4, "servers:");
-    }
-    for (const vellb::server &each : now.servers) {
+    list(4, "servers", now.servers, [&](const vellb::server &each) {
         server(each);
-    }
-    if (!now.rules.empty()) {
-        line(4, "rules:");
-    }
-    for (const vellb::rule &each : now.rules) {
-        rule(each);
-    }
+        return true;
+    });
+    list(4, "rules", now.rules, [&](const vellb::rule &each) { return rule(each); });
 }
 
 void writer::server(const vellb::server &now)
@@ -226,11 +253,27 @@ void writer::server(const vellb::server &now)
     on_off(6, "quiesced", now.settings.quiesced != 0, false);
 }
 
+// As the reader wants it.
+bool writer::translates(const vellb::server &now) const
+{
+    const lbip_addr_t &source = now.fixed.returnaddress;
+    const lbip_addr_t &router = now.fixed.routeraddress;
+    const auto is_it = [&](const lbip_addr_t &each) { return vellb::same_address(each, source); };
+    return !vellb::is_unspecified(source) && !vellb::is_unspecified(router) &&
+           source.version == now.address.version && router.version == now.address.version &&
+           !is_it(router) && !is_it(now.address) &&
+           std::ranges::none_of(now_.executor.clusters, is_it);
+}
+
 void writer::forwarding(const vellb::server &now)
 {
     const auto way = vellb::forwarding_of(now);
     if (!way) {
         remark(6, "packets to it are dropped: it encapsulates by a way that has no name");
+    } else if (*way == forward_e::NAT && !translates(now)) {
+        remark(6, fmt::format("forward: nat via {} as {}, which no file can ask for",
+                              written(now.fixed.routeraddress), written(now.fixed.returnaddress)));
+        return;
     } else if (*way != forward_e::DIRECT) {
         key(6, "forward", vellb::name_of(vellb::forwardings(), static_cast<lb_u64_t>(*way)));
     }
@@ -239,24 +282,33 @@ void writer::forwarding(const vellb::server &now)
         address(6, "router-address", now.fixed.routeraddress);
     }
     if (way == forward_e::IPIP || way == forward_e::GRE) {
-        address(6, "encap-source", now.settings.encapsrcip);
+        address(6, "encap-source", now.settings.encapsrcip,
+                now.settings.encapsrcip.version == now.address.version);
         // A learnt one, or one that was set: nobody can tell.
         if (now.settings.encapmtu != 1500) {
-            key(6, "encap-mtu", std::to_string(now.settings.encapmtu));
+            words(6, "encap-mtu", std::to_string(now.settings.encapmtu),
+                  now.settings.encapmtu >= vellb::ENCAP_MTU_LEAST);
         }
     }
 }
 
-void writer::rule(const vellb::rule &now)
+// False for one that is told in a remark only.
+bool writer::rule(const vellb::rule &now)
 {
-    const std::string name = vellb::block_text(now.settings.name, sizeof(lbrul_setable_t::name));
+    const lbrul_setable_t &set = now.settings;
+    if (set.type != LBRUL_TYPE_TRUE && set.beginrange > set.endrange) {
+        remark(5, fmt::format("rule {} never fires: its range is {}", now.number,
+                              vellb::range_text(set.beginrange, set.endrange)));
+        return false;
+    }
+    const std::string name = vellb::block_text(set.name, sizeof(set.name));
     line(5, fmt::format("- number: {}", now.number));
     if (!name.empty()) {
         key(6, "name", scalar(name));
     }
-    if (now.settings.type != LBRUL_TYPE_TRUE) {
-        key(6, "type", vellb::name_of(vellb::rule_types(), now.settings.type));
-        key(6, "range", vellb::range_text(now.settings.beginrange, now.settings.endrange));
+    if (set.type != LBRUL_TYPE_TRUE) {
+        key(6, "type", vellb::name_of(vellb::rule_types(), set.type));
+        key(6, "range", vellb::range_text(set.beginrange, set.endrange));
     }
     std::vector<std::string> servers;
     for (const lbip_addr_t &each : now.useservers) {
@@ -265,20 +317,18 @@ void writer::rule(const vellb::rule &now)
     if (!servers.empty()) {
         key(6, "use-servers", fmt::format("[{}]", fmt::join(servers, ", ")));
     }
+    return true;
 }
 
 } // namespace
 
 std::string exported(const vellb::picture &now)
 {
-    writer to;
+    writer to(now);
     to.executor(now.executor);
     to.interfaces(now.interfaces);
     to.ha(now.executor);
-    to.line(0, now.clusters.empty() ? "clusters: []" : "clusters:");
-    for (const vellb::cluster &each : now.clusters) {
-        to.cluster(each);
-    }
+    to.clusters();
     return to.text;
 }
 

@@ -32,9 +32,6 @@ using vellb::bad_word;
 
 // --- Values --------------------------------------------------------------------------------------
 
-constexpr lb_u32_t LEAST_TIME_S = 10;
-
-// The daemon takes less for "the default".
 lb_u32_t take_record_time(const std::string &word)
 {
     const lb_u32_t seconds = vellb::take_seconds(word);

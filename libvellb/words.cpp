@@ -241,8 +241,7 @@ std::string take_interface(const std::string &word)
 
 lb_u16_t take_encap_mtu(const std::string &word)
 {
-    // Every link carries packets of 68 bytes (RFC 791), here with the longer tunnel header around.
-    constexpr lb_u32_t LEAST = 68 + 24;
+    constexpr lb_u32_t LEAST = ENCAP_MTU_LEAST;
     constexpr lb_u32_t MOST = 65535;
     const auto number = parse_number(word, ~0U);
     if (!number) {

@@ -65,6 +65,9 @@ struct rule {
     std::vector<useserver> useservers{};
 };
 
+// The least time of a port's records: the daemon takes less for "the default".
+constexpr lb_u32_t LEAST_TIME_S = 10;
+
 struct port {
     place at{};
     lb_u16_t number = 0;

@@ -49,6 +49,8 @@ std::string take_socket(const std::string &word);
 void take_range(const std::string &word, lb_u32_t &first, lb_u32_t &last);
 std::string take_text(const std::string &word, size_t most);
 std::string take_interface(const std::string &word);
+// Every link carries packets of 68 bytes (RFC 791), here with the longer tunnel header around.
+constexpr lb_u16_t ENCAP_MTU_LEAST = 68 + 24;
 // Bytes that an outer packet may have.
 lb_u16_t take_encap_mtu(const std::string &word);
 lb_u64_t take_name(const std::string &word, std::span<const named_value> table);
