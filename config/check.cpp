@@ -260,7 +260,7 @@ class checker
         }
         warn(written.at, vellb::spread_surprises(made, made_e::IN_FILE));
         check_tunnels(above, written);
-        check_roads(written);
+        check_roads(above, written);
         for (size_t i = 0; i < written.servers.size(); i++) {
             warn(written.servers[i].at,
                  vellb::server_surprises(made, made.servers[i], made_e::IN_FILE));
@@ -331,24 +331,26 @@ class checker
         return "";
     }
 
-    void check_roads(const port &written)
+    // The daemon resolves next hops on its interfaces' subnets and nowhere else.
+    void check_roads(const cluster &above, const port &written)
     {
-        std::set<std::string> told; // once for each next hop that is missed
+        const bool reached = !is_stranded(above.address); // else that is told
+        std::set<std::string> told;                       // routers; "" for servers
         for (const server &each : written.servers) {
+            const std::string why = misplaced(each);
             const bool nat = each.forward == forward_e::NAT;
-            if (const std::string why = misplaced(each); !why.empty()) {
+            const bool hops = nat || each.forward == forward_e::DIRECT;
+            const lbip_addr_t &hop = nat ? each.router_address : each.address;
+            if (!why.empty()) {
                 warn(each.at, why);
-            } else if (nat && is_stranded(each.router_address) &&
-                       told.insert(address_text(each.router_address)).second) {
-                warn(each.at, fmt::format("router-address {} is in no subnet of an interface, so "
-                                          "packets never reach the server",
-                                          address_text(each.router_address)));
-            } else if (each.forward == forward_e::DIRECT && is_stranded(each.address) &&
-                       told.insert("").second) {
-                warn(each.at, fmt::format("server {} is in no subnet of an interface, so packets "
-                                          "never reach it; use forward: ipip, gre, or nat with a "
-                                          "router-address",
-                                          address_text(each.address)));
+            } else if (reached && hops && is_stranded(hop) &&
+                       told.insert(nat ? address_text(hop) : "").second) {
+                warn(each.at, fmt::format("{} {} is in no subnet of an interface, so packets never "
+                                          "reach {}",
+                                          nat ? "router-address" : "server", address_text(hop),
+                                          nat ? "the server"
+                                              : "it; use forward: ipip, gre, or nat with a "
+                                                "router-address"));
             }
         }
     }

@@ -107,9 +107,10 @@ void file_check(session &s)
         warnings = lines(vellcfg::check(wanted, nullptr));
     }
     s.warn(warnings);
-    s.answer(fmt::format("{}: no errors, {} warning{}\n", s.req.file, warnings.size(),
+    const std::vector<std::string> files = vellcfg::files_of(s.req.file);
+    s.answer(fmt::format("{}: no errors, {} warning{}\n", fmt::join(files, ", "), warnings.size(),
                          warnings.size() == 1 ? "" : "s"),
-             {{"done", "checked"}});
+             {{"done", "checked"}, {"files", files}});
 }
 
 void file_diff(session &s)
