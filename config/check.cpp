@@ -196,6 +196,9 @@ class checker
             warn(pair.at, "a node of a pair without heartbeats hears nothing of its partner, so "
                           "both take the cluster addresses");
         }
+        if (!pair.reach.empty()) {
+            warn(pair.at, "reach: nothing measures these addresses yet, so they count for nothing");
+        }
         const bool v4 = std::ranges::any_of(
             pair.heartbeats, [](const heartbeat &each) { return each.partner.version == 4; });
         if (!pair.heartbeats.empty() && !v4) {

@@ -30,7 +30,13 @@ class builder : public YAML::EventHandler
     void OnDocumentEnd() override {}
     void OnNull(const YAML::Mark &mark, YAML::anchor_t anchor) override
     {
-        place_value(mark, made(mark, kind_e::NOTHING, anchor));
+        const auto nothing = made(mark, kind_e::NOTHING, anchor);
+        // It is nowhere itself: the parser has gone on to what follows.
+        if (!open_.empty() && open_.back().keyed && !open_.back().dropped) {
+            nothing->line = open_.back().what->entries.back().line;
+            nothing->column = open_.back().what->entries.back().column;
+        }
+        place_value(mark, nothing);
     }
     void OnAlias(const YAML::Mark &mark, YAML::anchor_t anchor) override
     {
@@ -181,6 +187,11 @@ std::string explained(const std::string &message)
         {"illegal map value", "a ':' where no key can stand: is the line indented like its "
                               "neighbours? Put words with ': ' or a final ':' into quotes"},
         {"bad file", "nested deeper than any configuration"},
+        {"alias not found after *", "put a word that begins with '*' into quotes"},
+        {"anchor not found after &", "put a word that begins with '&' into quotes"},
+        {"end of map flow not found", "a '{' whose '}' is missing, or a ',' before this"},
+        {"end of sequence flow not found", "a '[' whose ']' is missing, or a ',' before this"},
+        {"unknown token", "put a word that begins with this character into quotes"},
         {"end of map not found", "the indentation fits neither the lines above nor a new level"},
         {"end of sequence not found", "a line that is no item of the list above: is it indented "
                                       "like its neighbours?"},

@@ -100,8 +100,10 @@ void read_map(context &to, const node &what, T &into, std::string_view object,
               std::span<const row_t<T>> rows)
 {
     if (what.kind != kind_e::MAP) {
-        to.error(to.at(what), fmt::format("{} is a list of keys and values, as in: {}: ...", object,
-                                          rows.front().key));
+        const bool joined = what.word.find(':') != std::string::npos;
+        to.error(to.at(what),
+                 fmt::format("{} is a list of keys and values, as in: {}: ...{}", object,
+                             rows.front().key, joined ? "; there is a blank behind the ':'" : ""));
         return;
     }
     const std::string_view outer = to.key;

@@ -181,10 +181,10 @@ double take_interval(const std::string &word)
 
 bool take_switch(const std::string &word)
 {
-    if (word == "on" || word == "yes") {
+    if (word == "on" || word == "yes" || word == "true") {
         return true;
     }
-    if (word != "off" && word != "no") {
+    if (word != "off" && word != "no" && word != "false") {
         wrong(word, "is neither on nor off");
     }
     return false;

@@ -43,7 +43,7 @@ lbeth_addr_align_t take_mac(const std::string &word);
 lb_u32_t take_number(const std::string &word, lb_u32_t least, lb_u32_t most);
 lb_u32_t take_seconds(const std::string &word); // "90", "90s", "30m", "1h30m", "1d"
 double take_interval(const std::string &word);  // seconds, 0.1 to 3600
-bool take_switch(const std::string &word);      // on, off, yes, no
+bool take_switch(const std::string &word);      // on, off, yes, no, true, false
 std::string take_socket(const std::string &word);
 // "10-20", or "10-" without an upper bound.
 void take_range(const std::string &word, lb_u32_t &first, lb_u32_t &last);
