@@ -25,6 +25,8 @@ namespace
 {
 
 using vellb::address_text;
+using vellb::keeps_clients;
+using vellb::keeps_connections;
 using vellb::made_e;
 
 // How many children of one object the daemon visits at a tick, and at a takeover.
@@ -48,16 +50,6 @@ const char *unsuitable(const lbip_addr_t &address)
            : memcmp(bytes, MAPPED, sizeof(MAPPED)) == 0
                ? "an IPv4 address in the form of IPv6; write it with its four numbers only"
                : nullptr;
-}
-
-bool keeps_connections(lb_u8_t algorithm)
-{
-    return algorithm == LBSEL_ALGORIGHM_CONNECTION || algorithm == LBSEL_ALGORIGHM_CONN_AFFIN;
-}
-
-bool keeps_clients(lb_u8_t algorithm)
-{
-    return algorithm == LBSEL_ALGORIGHM_AFFINITY || algorithm == LBSEL_ALGORIGHM_CONN_AFFIN;
 }
 
 class checker

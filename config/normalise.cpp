@@ -119,12 +119,6 @@ vellb::port port_of(const lbip_addr_t &cluster, const port &wanted, const mtus_t
     return made;
 }
 
-bool has_affinity(const vellb::port &each)
-{
-    return each.fixed.selectalg == LBSEL_ALGORIGHM_AFFINITY ||
-           each.fixed.selectalg == LBSEL_ALGORIGHM_CONN_AFFIN;
-}
-
 // The daemon writes the other's number into both of a pair, whichever of them named it. A port
 // joins one other: what names a third, or no port that has an affinity table, joins nothing.
 void join_ports(const cluster &wanted, vellb::cluster &made)
@@ -137,7 +131,8 @@ void join_ports(const cluster &wanted, vellb::cluster &made)
     for (const port &each : wanted.ports) {
         const auto found = ports.find(each.crossport);
         vellb::port &mine = *ports.at(each.number);
-        if (found == ports.end() || found->second == &mine || !has_affinity(mine) ||
+        if (found == ports.end() || found->second == &mine ||
+            !vellb::keeps_clients(mine.fixed.selectalg) ||
             mine.fixed.selectalg != found->second->fixed.selectalg || !alone(mine) ||
             !alone(*found->second)) {
             continue;

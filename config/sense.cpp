@@ -27,12 +27,6 @@ template <class... BLOCKS> constexpr size_t listable()
     return (LBCMD_PAYLOADSIZE - (sizeof(BLOCKS) + ... + 0)) / sizeof(lbcmd_key_t);
 }
 
-bool has_affinity(const port &each)
-{
-    return each.algorithm == LBSEL_ALGORIGHM_AFFINITY ||
-           each.algorithm == LBSEL_ALGORIGHM_CONN_AFFIN;
-}
-
 class judge
 {
   public:
@@ -137,7 +131,7 @@ class judge
         few(wanted.servers.size() + wanted.rules.size(),
             listable<lbport_addable_t, lbport_setable_t, lbport_getable_t>(), wanted.at,
             "servers and rules of a port");
-        if (wanted.crossport != 0 && !has_affinity(wanted)) {
+        if (wanted.crossport != 0 && !vellb::keeps_clients(wanted.algorithm)) {
             error(wanted.crossport_at,
                   fmt::format("crossport: shares an affinity table, which algorithm {} does not "
                               "have: use affinity or conn-affin",

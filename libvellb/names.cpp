@@ -265,6 +265,16 @@ std::optional<lb_u64_t> value_of(std::span<const named_value> table, std::string
     return row != table.end() ? std::optional(row->value) : std::nullopt;
 }
 
+bool keeps_connections(lb_u8_t algorithm)
+{
+    return algorithm == LBSEL_ALGORIGHM_CONNECTION || algorithm == LBSEL_ALGORIGHM_CONN_AFFIN;
+}
+
+bool keeps_clients(lb_u8_t algorithm)
+{
+    return algorithm == LBSEL_ALGORIGHM_AFFINITY || algorithm == LBSEL_ALGORIGHM_CONN_AFFIN;
+}
+
 std::string names_in(std::span<const named_value> table)
 {
     std::string names;

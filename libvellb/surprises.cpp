@@ -64,11 +64,9 @@ std::vector<std::string> parity_surprises(const vellb::port &port, unsigned sum,
                         effect, remedy)};
 }
 
-// Does the port keep a record of each connection?
 bool counts(const vellb::port &port)
 {
-    return port.fixed.selectalg == LBSEL_ALGORIGHM_CONNECTION ||
-           port.fixed.selectalg == LBSEL_ALGORIGHM_CONN_AFFIN;
+    return keeps_connections(port.fixed.selectalg);
 }
 
 // Translation needs a record of each connection to find the way back.
@@ -177,10 +175,8 @@ std::vector<std::string> replication_surprises(const vellb::port &port, made_e m
 {
     const lb_u8_t algorithm = port.fixed.selectalg;
     const lb_u8_t strategy = port.settings.repstrategy;
-    const bool connections =
-        algorithm == LBSEL_ALGORIGHM_CONNECTION || algorithm == LBSEL_ALGORIGHM_CONN_AFFIN;
-    const bool clients =
-        algorithm == LBSEL_ALGORIGHM_AFFINITY || algorithm == LBSEL_ALGORIGHM_CONN_AFFIN;
+    const bool connections = keeps_connections(algorithm);
+    const bool clients = keeps_clients(algorithm);
     const bool lacks_connections = connections && strategy != LBHA_REPLICATIONSTRATEGY_CRREP &&
                                    strategy != LBHA_REPLICATIONSTRATEGY_CRARREP;
     const bool lacks_clients = clients && strategy != LBHA_REPLICATIONSTRATEGY_ARREP &&

@@ -47,9 +47,8 @@ std::string failure_hint(const vellb::request &what)
     if (object == object_e::PORT && what.action == LBCMD_ACTION_ADD &&
         what.addable.size() == sizeof(lbport_addable_t)) {
         const auto block = vellb::block_of<lbport_addable_t>(what.addable, "addable");
-        const bool affinity = block.selectalg == LBSEL_ALGORIGHM_AFFINITY ||
-                              block.selectalg == LBSEL_ALGORIGHM_CONN_AFFIN;
-        if (!affinity && block.crossport != 0 && block.crossport != what.key.cfg.port) {
+        if (!vellb::keeps_clients(block.selectalg) && block.crossport != 0 &&
+            block.crossport != what.key.cfg.port) {
             return fmt::format("--crossport shares an affinity table, which algorithm {} does not "
                                "have: use --algorithm affinity or conn-affin",
                                vellb::name_of(vellb::algorithms(), block.selectalg));

@@ -40,6 +40,10 @@ std::span<const named_value> log_bits();    // classes first, then modules
 
 std::string name_of(std::span<const named_value> table, lb_u64_t value);
 std::optional<lb_u64_t> value_of(std::span<const named_value> table, std::string_view name);
+// Does an algorithm keep a record of each connection, of each client?
+bool keeps_connections(lb_u8_t algorithm);
+bool keeps_clients(lb_u8_t algorithm);
+
 // "hash, connection, ...", for messages.
 std::string names_in(std::span<const named_value> table);
 
