@@ -426,9 +426,10 @@ class gatherer
                               each.at.column);
         });
         // What several aliases stand for is wrong once.
-        const auto again = std::ranges::unique(
-            all, {}, [](const finding &each) { return std::tuple(key(each), each.text); });
-        all.erase(again.begin(), again.end());
+        const auto same = [](const finding &a, const finding &b) {
+            return key(a) == key(b) && a.text == b.text;
+        };
+        all.erase(std::unique(all.begin(), all.end(), same), all.end());
         if (full_ || all.size() >= ERRORS_MOST) {
             all.push_back({all.back().at, "there are more errors: correct these first"});
         }
