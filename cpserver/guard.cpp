@@ -114,7 +114,7 @@ void guard::remove()
 std::string guard::run(const std::string &commands)
 {
     const int failed = nft_run_cmd_from_buffer(nft_.get(), commands.c_str());
-    const std::string output = nft_ctx_get_output_buffer(nft_.get());
+    std::string output = nft_ctx_get_output_buffer(nft_.get());
     const std::string error = nft_ctx_get_error_buffer(nft_.get());
     if (failed != 0) {
         throw std::runtime_error(error.empty() ? "nftables refused without a word" : error);

@@ -41,7 +41,7 @@ vellcfg::host_view warned_view(const goal &what)
 vellcfg::plan plan_now(const goal &what, const vellb::client &daemon)
 {
     const vellcfg::host_view host = warned_view(what);
-    const vellcfg::plan plan = plan_all(what, host, vellb::read_picture(daemon));
+    vellcfg::plan plan = plan_all(what, host, vellb::read_picture(daemon));
     for (const std::string &note : plan.notes) {
         fmt::print(stderr, "{}\n", note);
     }

@@ -44,7 +44,7 @@ int signals_taken()
     for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) {
         sigaddset(&taken, number);
     }
-    sigprocmask(SIG_BLOCK, &taken, nullptr);
+    pthread_sigmask(SIG_BLOCK, &taken, nullptr);
     return signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 

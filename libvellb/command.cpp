@@ -223,7 +223,7 @@ std::string command_line(const char *verb, lbcmd_keytype_e keytype, const lbcmd_
 {
     const object_e object = object_of(keytype, key);
     const std::string endpoint = endpoint_text(key.cfg.cluster, key.cfg.port);
-    const std::string line = fmt::format("vellbctl {} {}", object_text(object), verb);
+    std::string line = fmt::format("vellbctl {} {}", object_text(object), verb);
     const auto with = [&](const std::string &words) { return line + " " + words; };
     const auto server = [&] { return address_text(key.cfg.server); };
     switch (object) {
