@@ -14,7 +14,6 @@ using packets::bytes;
 
 constexpr packets::mac OWN = {2, 0, 0, 0, 0, 1};
 constexpr packets::mac PEER = {2, 0, 0, 0, 0, 0x11};
-constexpr packets::mac OTHER = {2, 0, 0, 0, 0, 0x12};
 constexpr const char *PEER_IP = "10.0.0.11";
 
 class NeighTest : public StackTest
