@@ -401,6 +401,7 @@ def test_guard_keeps_the_host_out(web, daemon, control):
 
 # --- Many objects ---------------------------------------------------------------------------------
 
+@pytest.mark.skipif(sanitized(), reason="a bound for the release build, and a flood of log lines")
 def test_ten_thousand_objects(web, daemon, control):
     daemon.ctl("executor", "set", "--log-mask", "default")  # a line a command takes its time
     control.write(many(100, 10, 10))
@@ -410,7 +411,7 @@ def test_ten_thousand_objects(web, daemon, control):
     def look():
         begin, said = time.monotonic(), control.mark()
         control.process.send_signal(signal.SIGHUP)
-        control.wait_log("SIGHUP: nothing to do", 60 * SLOW, said)
+        control.wait_log("SIGHUP: nothing to do", 60, said)
         return time.monotonic() - begin
 
     print(f"applied in {took} ms; a pass without a change {look():.2f} s")
