@@ -10,8 +10,8 @@ struct lbip_addr_s {
     lb_u8_t prefix;  // prefix length where one applies, else 0
     lb_u8_t _pad[6]; // zero
     union {
+        lb_u8_t v6[16]; // first, so that {} clears all of it
         lb_u8_t v4[4];
-        lb_u8_t v6[16];
     } nboaddr; // network byte order
 };
 using lbip_addr_t = lbip_addr_s;
