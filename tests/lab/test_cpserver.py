@@ -1,6 +1,7 @@
 """The control server: one file, and the forwarder is what it says, whatever restarts or dies."""
 
 import contextlib
+import itertools
 import json
 import os
 import random
@@ -20,6 +21,7 @@ SLOW = 5 if sanitized() else 1
 KILLS = int(os.environ.get("VELL_KILLS", "10"))
 SEED = int(os.environ.get("VELL_SEED", random.randrange(1 << 32)))
 
+MARKS = itertools.count(1)
 SERVERS = [Basic.SERVERS.format(number) for number in (1, 2, 3)]
 EXECUTOR = {"client-gateway": Basic.GATEWAY}
 WEB = {"port": 80, "servers": SERVERS}
@@ -73,8 +75,17 @@ def settle(daemon, count=3):
         daemon.wait_neighbour(address)
 
 
+def settled_mark(daemon):
+    """A place in the log behind every command that the daemon was given until now."""
+    name = f"mark{next(MARKS)}"
+    daemon.command(command.GET, command.iface_key(name), command.IFACE)
+    daemon.wait_log(rf"--> cmdbuf: key: {name}/")
+    return daemon.mark()
+
+
 def changes(daemon, since):
     """How many commands other than GET the daemon was given since a mark."""
+    settled_mark(daemon)
     return len(re.findall(r"lbcmd \[\d+\]--> .*\((?:ADD|RM|SET)\)", daemon.log_text(since)))
 
 
@@ -216,7 +227,7 @@ def test_manual_takeover_is_relayed_and_not_undone(web, daemon, control):
     control.process.send_signal(signal.SIGUSR1)
     control.wait_log("SIGUSR1: took over")
     assert state() == 1
-    mark, said = daemon.mark(), control.mark()
+    mark, said = settled_mark(daemon), control.mark()
     control.process.send_signal(signal.SIGHUP)
     control.wait_log("SIGHUP: nothing to do", since=said)
     control.change(text(clusters=[{"address": "10.0.0.201"}], ha=pair))
@@ -252,7 +263,7 @@ def test_interfaces_are_kept_in_step(web, daemon, control):
 def test_wrong_file_changes_nothing_and_says_where(web, daemon, control):
     control.start()
     settle(daemon)
-    mark = daemon.mark()
+    mark = settled_mark(daemon)
     control.write(text().replace("servers", "severs"))
     control.wait_log(r"cpserver\.yaml:\d+:\d+: .*severs")
     control.wait_log("nothing was changed: what was read before holds")
@@ -421,7 +432,7 @@ def test_ten_thousand_objects(web, daemon, control):
 
     print(f"applied in {took[-1]} ms; a pass without a change {look():.2f} s")
     daemon.ctl("executor", "set", "--log-mask", f"0x{MASK:x}")
-    mark = daemon.mark()
+    mark = settled_mark(daemon)
     look()
     assert changes(daemon, mark) == 0 and len(daemon.lines) - mark > 11_100
     if build_dir().name == "release":
