@@ -102,8 +102,6 @@ class checker
                "--encap-source goes with --encap ipip or gre");
         refuse(!tunnel && words_.encap_mtu.has_value(), "--encap-mtu",
                "--encap-mtu goes with --encap ipip or gre");
-        refuse(tunnel && words_.encap && server_.version == 6, "--encap",
-               "--encap takes IPv4 servers only");
         if (words_.encap_source && vellb::is_set(*words_.encap_source)) {
             same_version("--encap-source", *words_.encap_source);
         }
