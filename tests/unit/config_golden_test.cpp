@@ -1,14 +1,11 @@
 // tests/config: each NAME.yaml with what a person is told about it, NAME.expected: errors, or
 // warnings, notes and the commands that make it of an empty daemon or of NAME.before.
 // VELL_GOLDEN=write writes the expected files anew, to be read before they are committed.
-#include <filesystem>
+//
+// The commands are then given to vellbctl: the daemon must be as the file wants it.
 #include <fstream>
-#include <gtest/gtest.h>
-#include <sstream>
 
-#include "syntax.h"
-#include "vellb/address.h"
-#include "vellb/words.h"
+#include "vellbctl_fixture.h"
 #include "vellcfg/check.h"
 #include "vellcfg/diff.h"
 #include "vellcfg/normalise.h"
@@ -60,61 +57,65 @@ std::vector<std::string> shell_words(const std::string &line)
     return words;
 }
 
-// What is printed must be what vellbctl takes.
-void expect_command(const std::string &line)
+class config_golden : public vellbctl_test
 {
-    auto words = shell_words(line);
-    words.emplace_back("&&");
-    std::vector<std::string> command;
-    for (const std::string &word : words) {
-        if (word != "&&") {
-            command.push_back(word);
-            continue;
+  protected:
+    // Makes the daemon what the file says, with the words that a person would give vellbctl;
+    // returns these.
+    std::string carry_out(const vellcfg::service &wanted)
+    {
+        const auto target = vellcfg::normalised(wanted);
+        const auto plan = diff(target, vellb::read_picture(client));
+        std::string text;
+        for (const std::string &each : plan.notes) {
+            text += "note: " + each + "\n";
         }
-        ASSERT_EQ(command.front(), "vellbctl") << line;
-        try {
-            (void)vellbctl::parse({command.begin() + 1, command.end()});
-        } catch (const vellb::bad_word &error) {
-            ADD_FAILURE() << line << ": " << error.what();
+        for (const auto &each : plan.steps) {
+            text += each.text + "\n";
+            std::vector<std::string> words;
+            for (const std::string &word : shell_words(each.text + " &&")) {
+                if (word == "vellbctl") {
+                    words.clear();
+                } else if (word != "&&") {
+                    words.push_back(word);
+                } else {
+                    const result_t got = run(words);
+                    EXPECT_EQ(got.status, 0) << each.text << ": " << got.err;
+                }
+            }
         }
-        command.clear();
-    }
-}
-
-std::string told(const fs::path &path)
-{
-    const std::string name = path.filename();
-    const auto read = vellcfg::read_texts({{name, content(path)}});
-    std::string text;
-    for (const auto &each : read.errors) {
-        text += "error: " + vellcfg::finding_text(each) + "\n";
-    }
-    if (!read.errors.empty()) {
+        const auto left = diff(target, vellb::read_picture(client));
+        EXPECT_TRUE(left.empty()) << left.steps[0].text;
         return text;
     }
-    const auto interfaces = host();
-    for (const auto &each : vellcfg::check(read.wanted, &interfaces)) {
-        text += "warning: " + vellcfg::finding_text(each) + "\n";
-    }
-    vellcfg::service before;
-    const fs::path old = fs::path(path).replace_extension("before");
-    if (fs::exists(old)) {
-        const auto first = vellcfg::read_texts({{"before", content(old)}});
-        EXPECT_TRUE(first.errors.empty());
-        before = first.wanted;
-    }
-    const auto plan = diff(vellcfg::normalised(read.wanted), vellcfg::normalised(before));
-    for (const std::string &each : plan.notes) {
-        text += "note: " + each + "\n";
-    }
-    for (const auto &each : plan.steps) {
-        expect_command(each.text);
-        text += each.text + "\n";
-    }
-    return text;
-}
 
-TEST(config_golden, files_are_told_as_expected)
+    std::string told(const fs::path &path)
+    {
+        const auto read = vellcfg::read_texts({{path.filename(), content(path)}});
+        std::string text;
+        for (const auto &each : read.errors) {
+            text += "error: " + vellcfg::finding_text(each) + "\n";
+        }
+        if (!read.errors.empty()) {
+            return text;
+        }
+        const auto interfaces = host();
+        for (const auto &each : vellcfg::check(read.wanted, &interfaces)) {
+            text += "warning: " + vellcfg::finding_text(each) + "\n";
+        }
+        remove_all();
+        const fs::path old = fs::path(path).replace_extension("before");
+        const auto first =
+            vellcfg::read_texts({{"before", fs::exists(old) ? content(old) : "ha: {role: solo}"}});
+        EXPECT_TRUE(first.errors.empty());
+        carry_out(first.wanted);
+        return text + carry_out(read.wanted);
+    }
+
+    vellb::client client{daemon.path()};
+};
+
+TEST_F(config_golden, files_are_told_as_expected)
 {
     const char *const mode = getenv("VELL_GOLDEN");
     size_t seen = 0;

@@ -1,15 +1,16 @@
 // The control server's parts that decide: which interfaces, which addresses to guard and how, and
 // when a file has changed.
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
 
 #include "cpserver/filewatch.h"
 #include "cpserver/goal.h"
 #include "cpserver/guard.h"
 #include "vellb/address.h"
 #include "vellb_fake_daemon.h"
+#include "vellcfg/diff.h"
+#include "vellcfg/normalise.h"
+#include "vellcfg/reader.h"
 #include "vellhost/ifsync.h"
 
 namespace
@@ -17,17 +18,14 @@ namespace
 
 using texts_t = std::vector<std::string>;
 
-lbip_addr_t address(const char *text)
-{
-    return *vellb::parse_address(text);
-}
+using cpserver_apply = StackTest;
 
 vellb::interface iface(const char *name, const texts_t &addresses)
 {
     vellb::interface result;
     result.name = name;
     for (const std::string &each : addresses) {
-        result.addresses.push_back({*vellb::parse_prefix(each), {}});
+        result.addresses.push_back({stack::ip(each), {}});
     }
     return result;
 }
@@ -35,28 +33,16 @@ vellb::interface iface(const char *name, const texts_t &addresses)
 vellb::cluster cluster(const char *text, const texts_t &return_addresses)
 {
     vellb::cluster result;
-    result.address = address(text);
+    result.address = stack::ip(text);
     result.ports.resize(1);
     for (const std::string &each : return_addresses) {
         vellb::server server;
         server.fixed.nat = !each.empty();
-        server.fixed.returnaddress = each.empty() ? lbip_addr_t{} : address(each.c_str());
+        server.fixed.returnaddress = stack::ip(each);
         result.ports[0].servers.push_back(server);
     }
     return result;
 }
-
-class directory
-{
-  public:
-    directory()
-    {
-        char name[] = "/tmp/vellb-test-XXXXXX";
-        path = mkdtemp(name);
-    }
-    ~directory() { std::filesystem::remove_all(path); }
-    std::string path;
-};
 
 TEST(cpserver, interfaces_are_those_named_or_all_but_its_own_device)
 {
@@ -92,23 +78,20 @@ TEST(cpserver, frames_that_would_be_seen_twice_are_warned_of)
 {
     const vellhost::link bridge{"br0", "bridge", "", true};
     const vellhost::link vrf{"red", "vrf", "", true};
+    const std::vector<vellhost::link> one{{"eth0", "", "br0", true}, bridge};
+    const std::vector<vellhost::link> two{
+        {"eth0", "", "br0", true}, {"eth1", "", "br0", true}, bridge};
     const struct {
         const char *name;
         std::vector<vellhost::link> links;
         texts_t used;
         size_t warnings;
     } rows[] = {
-        {"a member is used", {{"eth0", "", "br0", true}, bridge}, {"eth0"}, 1},
-        {"the bridge is used", {{"eth0", "", "br0", true}, bridge}, {"br0"}, 1},
-        {"neither is", {{"eth0", "", "br0", true}, bridge}, {"eth1"}, 0},
-        {"two members, none used",
-         {{"eth0", "", "br0", true}, {"eth1", "", "br0", true}, bridge},
-         {},
-         0},
-        {"all are",
-         {{"eth0", "", "br0", true}, {"eth1", "", "br0", true}, bridge},
-         {"br0", "eth0", "eth1"},
-         2},
+        {"a member is used", one, {"eth0"}, 1},
+        {"the bridge is used", one, {"br0"}, 1},
+        {"neither is", one, {"eth1"}, 0},
+        {"two members, none used", two, {}, 0},
+        {"all are", two, {"br0", "eth0", "eth1"}, 2},
         {"the member is down", {{"eth0", "", "br0", false}, bridge}, {"eth0"}, 0},
         {"a master that passes nothing on", {{"eth0", "", "red", true}, vrf}, {"eth0"}, 0},
     };
@@ -117,37 +100,35 @@ TEST(cpserver, frames_that_would_be_seen_twice_are_warned_of)
     }
 }
 
-TEST(cpserver, an_object_that_is_refused_holds_up_what_stands_on_it_and_nothing_else)
+TEST_F(cpserver_apply, an_object_that_is_refused_holds_up_what_stands_on_it_and_nothing_else)
 {
     fake_daemon daemon;
-    const auto bad = vellb::cluster_key(address("10.0.0.101"));
-    daemon.refuse = [&](const lbcmd_bufhdr_t &asked) {
-        const bool hit = asked.action == LBCMD_ACTION_ADD && asked.key.cfg.port == 0 &&
-                         vellb::same_address(asked.key.cfg.cluster, bad.cfg.cluster);
-        return hit ? LBCMD_RC_FAILURE : 0;
+    daemon.refuse = [&](const lbcmd_bufhdr_t &asked) -> unsigned {
+        const lbcfg_key_t &key = asked.key.cfg;
+        const bool hit = key.port == 0 && key.cluster.nboaddr.v4[3] == 101;
+        return hit && asked.action == LBCMD_ACTION_ADD ? LBCMD_RC_FAILURE : 0;
     };
-    std::vector<vellcfg::step> steps;
-    for (const char *each : {"10.0.0.100", "10.0.0.101", "10.0.0.102"}) {
-        const auto add = [&](const lbcmd_key_t &key, size_t addable, size_t setable) {
-            steps.push_back(vellcfg::step_of({LBCMD_KEYTYPE_CONFIG, LBCMD_ACTION_ADD, key,
-                                              vellb::bytes_t(addable), vellb::bytes_t(setable)}));
-        };
-        add(vellb::cluster_key(address(each)), sizeof(lbclu_addable_t), sizeof(lbclu_setable_t));
-        add(vellb::port_key(address(each), 80), sizeof(lbport_addable_t), sizeof(lbport_setable_t));
-    }
+    const auto wanted = vellcfg::read_texts({{"f", R"(
+interfaces: []
+clusters:
+  - {address: 10.0.0.100, ports: [{port: 80, servers: [10.0.0.11]}]}
+  - {address: 10.0.0.101, ports: [{port: 80, servers: [10.0.0.11]}]}
+  - {address: 10.0.0.102, ports: [{port: 80, servers: [10.0.0.11]}]}
+)"}});
+    const vellb::client control(daemon.path());
+    const auto steps = diff(vellcfg::normalised(wanted.wanted), vellb::read_picture(control)).steps;
     size_t seen = 0;
-    const auto result =
-        cpserver::apply_all(vellb::client(daemon.path()), steps, [&](const vellcfg::progress &at) {
-            seen += at.next != nullptr;
-            return true;
-        });
-    EXPECT_EQ(seen, 6U);
-    EXPECT_EQ(result.done, 4U);
+    const auto result = cpserver::apply_all(control, steps, [&](const vellcfg::progress &at) {
+        seen += at.next != nullptr;
+        return true;
+    });
+    EXPECT_EQ(seen, 9U);
+    EXPECT_EQ(result.done, 6U);
     EXPECT_FALSE(result.complete());
-    ASSERT_EQ(result.refusals.size(), 2U);
+    ASSERT_EQ(result.refusals.size(), 3U);
     EXPECT_NE(result.refusals[0].find("cluster 10.0.0.101"), std::string::npos);
     EXPECT_NE(result.refusals[1].find("PARENTDNE"), std::string::npos);
-    EXPECT_TRUE(daemon.has(LBCMD_KEYTYPE_CONFIG, vellb::port_key(address("10.0.0.102"), 80)));
+    EXPECT_EQ(get_server("10.0.0.102", 80, "10.0.0.11").rc, LBCMD_RC_SUCCESS);
 }
 
 TEST(cpserver, guard_takes_clusters_and_return_addresses_but_never_the_hosts_own)
@@ -169,8 +150,8 @@ TEST(cpserver, guard_takes_clusters_and_return_addresses_but_never_the_hosts_own
 
 TEST(cpserver, guard_rules_name_every_address_where_its_version_wants_it)
 {
-    const auto a = address("10.0.0.100");
-    const auto b = address("2001:db8::1");
+    const auto a = stack::ip("10.0.0.100");
+    const auto b = stack::ip("2001:db8::1");
     const std::string rules = cpserver::guard_rules({a, b});
     EXPECT_EQ(rules, cpserver::guard_rules({b, a})); // else it would be loaded again and again
     for (const char *each : {"  ip daddr { 10.0.0.100 } ", "  ip6 daddr { 2001:db8::1 } ",
@@ -183,7 +164,7 @@ TEST(cpserver, guard_rules_name_every_address_where_its_version_wants_it)
 
 TEST(cpserver, a_file_is_heard_of_when_it_is_whole)
 {
-    const directory place;
+    const scratch_directory place;
     cpserver::directory_watch watch(false);
     ASSERT_TRUE(watch.add(place.path));
     const std::string file = place.path + "/a.yaml";

@@ -1,37 +1,24 @@
 // What is made of answers that are cut, too large or not answers at all.
-#include <gtest/gtest.h>
-
 #include "prot/blocks.h"
-#include "vellb/address.h"
-#include "vellb/command.h"
 #include "vellb_fake_daemon.h"
 
 namespace
 {
 
-lbip_addr_t ip(const char *text)
-{
-    return *vellb::parse_address(text);
-}
-
 TEST(vellb_command, blocks_that_do_not_fit_are_not_sent)
 {
-    EXPECT_THROW(vellb::encode({LBCMD_KEYTYPE_CONFIG,
-                                LBCMD_ACTION_ADD,
-                                {},
-                                vellb::bytes_t(40000),
-                                vellb::bytes_t(30000)}),
-                 std::length_error);
+    const vellb::request what{.addable = vellb::bytes_t(40000), .setable = vellb::bytes_t(30000)};
+    EXPECT_THROW(vellb::encode(what), std::length_error);
 }
 
 struct lie_row_t {
     const char *name;
     void (*lie)(lbcmd_buf_t &);
-    const char *message; // null: believed
+    const char *message; // "": believed
 };
 
 const lie_row_t LIES[] = {
-    {"honest", [](lbcmd_buf_t &) {}, nullptr},
+    {"honest", [](lbcmd_buf_t &) {}, ""},
     {"other version", [](lbcmd_buf_t &b) { b.hdr.lbversion++; }, "protocol version"},
     {"other action", [](lbcmd_buf_t &b) { b.hdr.action = LBCMD_ACTION_SET; }, "action"},
     {"other tree", [](lbcmd_buf_t &b) { b.hdr.keytype = LBCMD_KEYTYPE_IFACE; }, "key type"},
@@ -53,8 +40,7 @@ const lie_row_t LIES[] = {
 
 TEST(vellb_command, answers_that_lie_are_faults)
 {
-    const vellb::request what{LBCMD_KEYTYPE_CONFIG, LBCMD_ACTION_GET,
-                              vellb::cluster_key(ip("10.0.0.100"))};
+    const vellb::request what{.key = stack::cfgkey("10.0.0.100")};
     for (const lie_row_t &row : LIES) {
         auto buffer = vellb::encode(what);
         buffer->hdr.answer_rc = LBCMD_RC_SUCCESS;
@@ -71,9 +57,8 @@ TEST(vellb_command, answers_that_lie_are_faults)
             EXPECT_EQ(fault.kind(), vellb::fault_e::MALFORMED) << row.name;
             message = fault.what();
         }
-        EXPECT_EQ(message.empty(), row.message == nullptr) << row.name << ": " << message;
-        EXPECT_NE(message.find(row.message == nullptr ? "" : row.message), std::string::npos)
-            << row.name << ": " << message;
+        EXPECT_EQ(message.empty(), *row.message == '\0') << row.name << ": " << message;
+        EXPECT_NE(message.find(row.message), std::string::npos) << row.name << ": " << message;
     }
 }
 
@@ -86,42 +71,43 @@ TEST(vellb_command, texts_without_an_end_stay_within_their_field)
 
 // --- The road to the daemon ----------------------------------------------------------------------
 
-vellb::fault_e kind_of(const std::string &path, std::string &message)
-{
-    const vellb::client client(path, std::chrono::milliseconds(200));
-    try {
-        vellb::run(client, {LBCMD_KEYTYPE_CONFIG, LBCMD_ACTION_GET, {}});
-    } catch (const vellb::fault &fault) {
-        EXPECT_FALSE(fault.hint().empty());
-        message = fault.what();
-        return fault.kind();
-    }
-    ADD_FAILURE() << "the exchange succeeded";
-    return vellb::fault_e::MALFORMED;
-}
+using vellb_client = StackTest;
 
-TEST(vellb_client, says_what_kept_it_from_an_answer)
+TEST_F(vellb_client, says_what_kept_it_from_an_answer)
 {
     using manners_e = fake_daemon::manners_e;
+    using fault_e = vellb::fault_e;
     fake_daemon daemon;
-    std::string message;
-
-    daemon.manners = manners_e::HANGS_UP_AT_ONCE;
-    EXPECT_EQ(kind_of(daemon.path(), message), vellb::fault_e::CLOSED_EARLY);
-    daemon.manners = manners_e::HANGS_UP_HALFWAY;
-    EXPECT_EQ(kind_of(daemon.path(), message), vellb::fault_e::CLOSED_EARLY);
-    EXPECT_NE(message.find("after 32768 of 65536 bytes"), std::string::npos) << message;
-    daemon.manners = manners_e::SILENT;
-    EXPECT_EQ(kind_of(daemon.path(), message), vellb::fault_e::TIMED_OUT);
-
-    daemon.stop();
-    EXPECT_EQ(kind_of(daemon.path(), message), vellb::fault_e::UNREACHABLE);
-    EXPECT_NE(message.find("nobody listens"), std::string::npos) << message;
-    EXPECT_EQ(kind_of(daemon.path() + "x", message), vellb::fault_e::UNREACHABLE);
-    EXPECT_NE(message.find("does not exist"), std::string::npos) << message;
-    EXPECT_EQ(kind_of("/etc/passwd", message), vellb::fault_e::UNREACHABLE);
-    EXPECT_NE(message.find("is not a socket"), std::string::npos) << message;
-    EXPECT_EQ(kind_of("/" + std::string(200, 'x'), message), vellb::fault_e::UNREACHABLE);
+    const struct {
+        manners_e manners; // GOOD: of a daemon that is gone
+        std::string path;
+        fault_e kind;
+        const char *message;
+    } rows[] = {
+        {manners_e::HANGS_UP_AT_ONCE, daemon.path(), fault_e::CLOSED_EARLY, ""},
+        {manners_e::HANGS_UP_HALFWAY, daemon.path(), fault_e::CLOSED_EARLY,
+         "after 32768 of 65536 bytes"},
+        {manners_e::SILENT, daemon.path(), fault_e::TIMED_OUT, ""},
+        {manners_e::GOOD, daemon.path(), fault_e::UNREACHABLE, "nobody listens"},
+        {manners_e::GOOD, daemon.path() + "x", fault_e::UNREACHABLE, "does not exist"},
+        {manners_e::GOOD, "/etc/passwd", fault_e::UNREACHABLE, "is not a socket"},
+        {manners_e::GOOD, "/" + std::string(200, 'x'), fault_e::UNREACHABLE, ""},
+    };
+    for (const auto &row : rows) {
+        daemon.manners = row.manners;
+        if (row.manners == manners_e::GOOD) {
+            daemon.stop();
+        }
+        try {
+            vellb::run(vellb::client(row.path, std::chrono::milliseconds(200)), {});
+            ADD_FAILURE() << "the exchange succeeded";
+        } catch (const vellb::fault &fault) {
+            EXPECT_EQ(fault.kind(), row.kind) << fault.what();
+            EXPECT_NE(std::string(fault.what()).find(row.message), std::string::npos)
+                << fault.what();
+            EXPECT_FALSE(fault.hint().empty()) << fault.what();
+        }
+    }
 }
 
 } // namespace

@@ -1,5 +1,5 @@
-// vellbctl as a person or a script meets it, against a stand-in for the daemon: words in; text,
-// JSON and an exit status out.
+// vellbctl as a person or a script meets it, with a daemon on the fake host: words in; text, JSON
+// and an exit status out.
 #pragma once
 
 #include <fmt/format.h>
@@ -9,9 +9,10 @@
 #include <sstream>
 
 #include "app.h"
+#include "vellb/address.h"
 #include "vellb_fake_daemon.h"
 
-class vellbctl_test : public testing::Test
+class vellbctl_test : public StackTest
 {
   protected:
     using rows_t = std::initializer_list<std::pair<std::string, const char *>>;
@@ -21,20 +22,20 @@ class vellbctl_test : public testing::Test
         std::string err{};
     };
 
-    static lbip_addr_t ip(const std::string &text) { return *vellb::parse_address(text); }
-
-    static result_t run_without_socket(const std::string &line)
+    result_t run(std::vector<std::string> words)
     {
-        std::istringstream words(line);
+        if (words.empty() || words[0] != "--complete") {
+            words.insert(words.begin(), {"--socket", daemon.path()});
+        }
         std::ostringstream out;
         std::ostringstream err;
-        const int status =
-            vellbctl::run({std::istream_iterator<std::string>(words), {}}, {out, err, false});
+        const int status = vellbctl::run(words, {out, err, false});
         return {status, out.str(), err.str()};
     }
     result_t run(const std::string &line)
     {
-        return run_without_socket("--socket " + daemon.path() + " " + line);
+        std::istringstream words(line);
+        return run(std::vector<std::string>{std::istream_iterator<std::string>(words), {}});
     }
     void must(std::initializer_list<std::string> lines)
     {
@@ -100,18 +101,6 @@ class vellbctl_test : public testing::Test
             EXPECT_NE(text.find(message), std::string::npos) << line << ": " << text;
             EXPECT_TRUE(json || text.find("usage: vellbctl") != text.npos) << line << ": " << text;
         }
-    }
-
-    template <class B> B settings(const lbcmd_key_t &key)
-    {
-        return vellb::block_of<B>(daemon.at(LBCMD_KEYTYPE_CONFIG, key).setable, "settable");
-    }
-    // What the daemon would have counted.
-    template <class B> void read(const lbcmd_key_t &key, const B &readings)
-    {
-        auto object = daemon.at(LBCMD_KEYTYPE_CONFIG, key);
-        object.getable = vellb::bytes_of(readings);
-        daemon.put(object);
     }
 
     fake_daemon daemon;
