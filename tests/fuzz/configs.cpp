@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cctype>
 
+#include "stack_daemon.h"
 #include "vellcfg/apply.h"
 #include "vellcfg/check.h"
 #include "vellcfg/diff.h"
@@ -18,7 +19,7 @@ namespace
 {
 
 // A daemon of which nothing is sure. It gives up in time, whatever it makes its client ask.
-class liar : public vellb::client
+class liar : public stack_daemon
 {
   public:
     liar(const std::uint8_t *data, std::size_t size) : edits_(data, data + size) {}
@@ -29,7 +30,7 @@ class liar : public vellb::client
         if (++count_ > MOST) {
             throw vellb::fault(vellb::fault_e::TIMED_OUT, "too many commands", "");
         }
-        (void)lbcmd_entry(&buffer);
+        stack_daemon::exchange(buffer);
         auto *bytes = reinterpret_cast<std::uint8_t *>(&buffer);
         for (std::size_t i = 0; i + 8 <= edits_.size(); i += 8) {
             const std::uint8_t *edit = &edits_[i];

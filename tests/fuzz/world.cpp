@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "packets6.h"
+#include "stack_daemon.h"
 #include "vellcfg/apply.h"
 #include "vellcfg/diff.h"
 #include "vellcfg/normalise.h"
@@ -61,12 +62,6 @@ clusters:
       - {port: 89, algorithm: hash, servers: [{address: "2001:db8::13", forward: collocated}]}
 )";
 
-class daemon : public vellb::client
-{
-  public:
-    void exchange(lbcmd_buf_t &buffer) const override { (void)lbcmd_entry(&buffer); }
-};
-
 const std::vector<vellcfg::step> &service_steps()
 {
     static const std::vector<vellcfg::step> made = [] {
@@ -74,22 +69,18 @@ const std::vector<vellcfg::step> &service_steps()
         if (!read.errors.empty()) {
             throw fault(finding_text(read.errors[0]));
         }
-        return vellcfg::diff(vellcfg::normalised(read.wanted), vellb::read_picture(daemon{})).steps;
+        return vellcfg::diff(vellcfg::normalised(read.wanted), vellb::read_picture(stack_daemon{}))
+            .steps;
     }();
     return made;
-}
-
-void append(bytes &out, const void *data, std::size_t len)
-{
-    const auto *p = static_cast<const std::uint8_t *>(data);
-    out.insert(out.end(), p, p + len);
 }
 
 // A block of a kind that has `len` bytes without the word at `own`, which a GET may change.
 void append_block(bytes &out, const lbcmd_objaccess_t &block, std::size_t len, std::size_t own)
 {
     const std::size_t at = out.size();
-    append(out, block.data, block.data != nullptr ? block.len : 0);
+    const auto *p = static_cast<const std::uint8_t *>(block.data);
+    out.insert(out.end(), p, p + (p != nullptr ? block.len : 0));
     if (block.len == len) {
         std::memset(out.data() + at + own, 0, sizeof(lb_u16_t));
     }
@@ -108,7 +99,8 @@ void append_objects(bytes &out, lbll_list_t *list)
     });
     for (void *obj : objs) {
         auto *hdr = static_cast<lbcmd_objhdr_t *>(obj);
-        append(out, &hdr->key, sizeof(hdr->key));
+        const bytes key = bytes_of(hdr->key);
+        out.insert(out.end(), key.begin(), key.end());
         const auto ischild = [&](void *other) { return row->llchildfilter(&hdr->key, other) != 0; };
         require(anyodd || std::count_if(objs.begin(), objs.end(), ischild) == hdr->_children,
                 "an object has other children than it counts");
@@ -160,7 +152,7 @@ void world::configure()
     add_address("eth0", "2001:db8::1/64");
     add(LBCMD_KEYTYPE_IFACE, stack::ifacekey("ppp0"), {}, bytes_of(ppp));
     add_address("ppp0", "10.9.0.1/32", "10.9.0.2");
-    require(vellcfg::apply(daemon{}, service_steps()).complete(), "the service was refused");
+    require(vellcfg::apply(stack_daemon{}, service_steps()).complete(), "the service was refused");
     // What no file may ask for: an algorithm whose table the port lacks, and a tunnel for IPv6.
     lbport_addable_t lacking{};
     lacking.selectalg = LBSEL_ALGORIGHM_HASH;

@@ -51,16 +51,9 @@ struct frame_t {
     int error = 0; // the receive fails with this
 };
 
-struct entry_t {
-    std::string name;
-    long eth = -1; // offsets in the buffer; -1 for none
-    long proto = -1;
-    int len = 0;
-    void *buffer = nullptr;
-};
-
 std::deque<frame_t> frames;
-std::vector<entry_t> entries;
+std::string entered;         // "name eth proto length" of each, offsets in the buffer; -1 for none
+std::vector<void *> buffers; // of each
 std::function<int(lx_pktbuf_t *)> answer;
 int inside = 0;
 
@@ -69,7 +62,9 @@ int note(const char *name, void *eth, void *proto, int len, void *opaque)
     EXPECT_EQ(inside, 1) << "the stack is entered by a thread that has announced itself";
     auto *pkt = static_cast<lx_pktbuf_t *>(opaque);
     const long at = eth == nullptr ? -1 : static_cast<lb_u8_t *>(eth) - pkt->buf;
-    entries.push_back({name, at, static_cast<lb_u8_t *>(proto) - pkt->buf, len, opaque});
+    entered += std::string(name) + " " + std::to_string(at) + " " +
+               std::to_string(static_cast<lb_u8_t *>(proto) - pkt->buf) + " " + std::to_string(len);
+    buffers.push_back(opaque);
     return answer ? answer(pkt) : static_cast<int>(LB_PACKETRC_CONSUMED);
 }
 
@@ -77,6 +72,7 @@ struct sent_t {
     int fd;
     std::string bytes;
     std::string to;
+    bool operator==(const sent_t &) const = default;
 };
 std::vector<sent_t> sent;
 
@@ -166,16 +162,16 @@ class lx_host : public testing::Test
     {
         stopping = 0;
         argforeground = 1;
-        frames.clear();
-        entries.clear();
         sent.clear();
         answer = nullptr;
         lbexeos_logmask = &mask_;
     }
-    // Runs a worker over the frames; what it printed.
+    // Runs a worker over the frames, from the beginning; what it printed.
     static std::string run(std::deque<frame_t> script)
     {
         frames = std::move(script);
+        entered.clear();
+        buffers.clear();
         testing::internal::CaptureStdout();
         lx_recv(7);
         return testing::internal::GetCapturedStdout();
@@ -214,56 +210,26 @@ TEST_F(lx_host, each_kind_of_frame_goes_its_way)
 {
     for (const row_t &row : rows) {
         SCOPED_TRACE(row.name);
-        entries.clear();
         stopping = 0;
         const std::string said = run({row.frame});
-        std::string entered;
-        for (const entry_t &e : entries) {
-            entered += e.name + " " + std::to_string(e.eth) + " " + std::to_string(e.proto) + " " +
-                       std::to_string(e.len);
-        }
         EXPECT_EQ(entered, row.entered);
         EXPECT_NE(said.find(row.said), std::string::npos) << said;
     }
 }
 
-TEST_F(lx_host, failed_receive_is_not_taken_for_the_frame_before)
+TEST_F(lx_host, failed_receive_is_not_taken_for_the_frame_before_and_nothing_comes_once_it_stops)
 {
     const std::string said = run({{}, {.error = ENOMEM}, {}});
-    EXPECT_EQ(entries.size(), 2U);
+    EXPECT_EQ(buffers.size(), 2U);
     EXPECT_NE(said.find("recv failed, errno=12\n"), std::string::npos);
     EXPECT_NE(said.find("link layer protocol 0 (0) dropped\n"), std::string::npos);
-}
-
-TEST_F(lx_host, nothing_is_said_or_entered_once_it_stops)
-{
+    EXPECT_EQ(run({{}}), ""); // it has stopped
+    EXPECT_EQ(entered, "");
+    stopping = 0;
     EXPECT_EQ(run({}), ""); // the interrupted receive
-    stopping = 1;
-    EXPECT_EQ(run({{}}), "");
-    EXPECT_TRUE(entries.empty());
 }
 
-// --- Who owns a buffer (leaks and double frees are AddressSanitizer's to see)
-// ---------------------
-
-TEST_F(lx_host, buffers_are_reused_until_the_stack_holds_one)
-{
-    answer = [](lx_pktbuf_t *pkt) -> int {
-        switch (entries.size()) {
-        case 1: os_packetfree(pkt); return LB_PACKETRC_CONSUMED; // the worker still owns it
-        case 2: return LB_PACKETRC_INTACT;
-        case 3: return LB_PACKETRC_HELD;
-        default: return LB_PACKETRC_CONSUMED;
-        }
-    };
-    run({{}, {}, {}, {}});
-    ASSERT_EQ(entries.size(), 4U);
-    EXPECT_EQ(entries[0].buffer, entries[1].buffer);
-    EXPECT_EQ(entries[1].buffer, entries[2].buffer);
-    EXPECT_NE(entries[2].buffer, entries[3].buffer);
-    os_packetfree(entries[2].buffer);
-    os_packetfree(nullptr);
-}
+// --- Who owns a buffer (leaks and double frees are AddressSanitizer's to see) --------------------
 
 TEST_F(lx_host, whoever_comes_second_has_the_buffer)
 {
@@ -275,6 +241,9 @@ TEST_F(lx_host, whoever_comes_second_has_the_buffer)
         int rc;
         bool back;
     } table[] = {
+        {"freed by an entry that says so", false, true, LB_PACKETRC_CONSUMED, true},
+        {"left to the host", false, false, LB_PACKETRC_INTACT, true},
+        {"held unmarked", false, false, LB_PACKETRC_HELD, false},
         {"marked and kept", true, false, LB_PACKETRC_HELD, false},
         {"marked and released", true, true, LB_PACKETRC_HELD, true},
         {"released unmarked", false, true, LB_PACKETRC_HELD, true},
@@ -285,9 +254,8 @@ TEST_F(lx_host, whoever_comes_second_has_the_buffer)
     for (const auto &each : table) {
         SCOPED_TRACE(each.name);
         stopping = 0;
-        entries.clear();
         answer = [&each](lx_pktbuf_t *pkt) -> int {
-            if (entries.size() > 1) {
+            if (buffers.size() > 1) {
                 return LB_PACKETRC_CONSUMED;
             }
             if (each.marked) {
@@ -299,13 +267,14 @@ TEST_F(lx_host, whoever_comes_second_has_the_buffer)
             return each.rc;
         };
         run({{}, {}});
-        ASSERT_EQ(entries.size(), 2U);
-        EXPECT_EQ(entries[0].buffer == entries[1].buffer, each.back);
+        ASSERT_EQ(buffers.size(), 2U);
+        EXPECT_EQ(buffers[0] == buffers[1], each.back);
         if (!each.back) {
-            os_packetfree(entries[0].buffer);
+            os_packetfree(buffers[0]);
         }
     }
     os_packethold(nullptr);
+    os_packetfree(nullptr);
 }
 
 TEST_F(lx_host, headroom)
@@ -326,29 +295,22 @@ TEST_F(lx_host, headroom)
 
 // --- Transmission --------------------------------------------------------------------------------
 
-unsigned char first[4] = {10, 0, 0, 1};
-unsigned char second[4] = {10, 0, 0, 2};
-char payload[] = "payload";
-
 TEST_F(lx_host, raw_sends_find_their_socket_and_remember_the_destination)
 {
-    os_xmitraw(payload, 7, nullptr, first, 4, nullptr);
+    char payload[] = "payload";
+    unsigned char one[] = {10, 0, 0, 1};
+    unsigned char two[] = {10, 0, 0, 2};
+    os_xmitraw(payload, 7, nullptr, one, 4, nullptr);
     os_xmitraw(payload, 6, nullptr, nullptr, 47, nullptr); // where the last one went
-    os_xmitraw(payload, 5, nullptr, second, 1, nullptr);
+    os_xmitraw(payload, 5, nullptr, two, 1, nullptr);
     os_xmitraw(payload, 4, nullptr, nullptr, 255, nullptr);
-    const std::string one(reinterpret_cast<char *>(first), 4);
-    const std::string two(reinterpret_cast<char *>(second), 4);
-    ASSERT_EQ(sent.size(), 4U);
-    EXPECT_EQ(sent[0].fd, rawfd_ipip);
-    EXPECT_EQ(sent[0].to, one);
-    EXPECT_EQ(sent[0].bytes, "payload");
-    EXPECT_EQ(sent[1].fd, rawfd_gre);
-    EXPECT_EQ(sent[1].to, one);
-    EXPECT_EQ(sent[2].fd, rawfd_icmp);
-    EXPECT_EQ(sent[2].to, two);
-    EXPECT_EQ(sent[3].fd, rawfd_nat);
-    EXPECT_EQ(sent[3].to, two);
-    EXPECT_EQ(sent[3].bytes, "payl");
+    const std::string to_one(one, one + 4);
+    const std::string to_two(two, two + 4);
+    const std::vector<sent_t> expected = {{rawfd_ipip, "payload", to_one},
+                                          {rawfd_gre, "payloa", to_one},
+                                          {rawfd_icmp, "paylo", to_two},
+                                          {rawfd_nat, "payl", to_two}};
+    EXPECT_EQ(sent, expected);
 }
 
 TEST_F(lx_host, frames_with_and_without_a_header)
@@ -369,13 +331,10 @@ TEST_F(lx_host, frames_with_and_without_a_header)
     char frame[] = "DSTMACSRCMAC\x08\x01the packet";
     os_packetxmit(frame, frame + 14, 10, &handle, nullptr);
     os_packetxmit(nullptr, frame + 14, 6, &handle, nullptr);
-    const std::string lo = std::to_string(if_nametoindex("lo"));
-    ASSERT_EQ(sent.size(), 2U);
-    EXPECT_EQ(sent[0].fd, psfd);
-    EXPECT_EQ(sent[0].bytes, std::string(frame, 24));
-    EXPECT_EQ(sent[0].to, lo + "/DSTMAC");
-    EXPECT_EQ(sent[1].bytes, "the pa");
-    EXPECT_EQ(sent[1].to, lo + "/");
+    const std::string lo = std::to_string(if_nametoindex("lo")) + "/";
+    const std::vector<sent_t> expected = {{psfd, std::string(frame, 24), lo + "DSTMAC"},
+                                          {psfd, "the pa", lo}};
+    EXPECT_EQ(sent, expected);
     close(psfd);
 }
 

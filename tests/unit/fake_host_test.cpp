@@ -3,7 +3,6 @@
 #include "lb_entry.h"
 
 #include <cerrno>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,13 +24,11 @@ class FakeHost : public FakeHostTest
         return all.size() == 1 ? all[0] : std::to_string(all.size()) + " faults";
     }
 
-    static lb_xmithandle_t handle_of(const char *name, int ipver = 4)
+    static void send(unsigned char *packet, int len, lb_osopaque_t opaque)
     {
         lb_xmithandle_t handle;
-        EXPECT_EQ(os_getxmithandle(name, static_cast<int>(std::strlen(name)), nullptr, ipver,
-                                   nullptr, nullptr, &handle),
-                  0);
-        return handle;
+        EXPECT_EQ(os_getxmithandle("eth0", 4, nullptr, 4, nullptr, nullptr, &handle), 0);
+        os_packetxmit(nullptr, packet, len, &handle, opaque);
     }
 };
 
@@ -50,9 +47,8 @@ TEST_F(FakeHost, MutexMisuseIsRecordedAndHarmless)
     EXPECT_EQ(fault(), "a mutex was unlocked by a thread that does not hold it");
     EXPECT_EQ(os_mutex_destroy(&lock), EBUSY);
     EXPECT_EQ(fault(), "a held mutex was destroyed");
-    lb_xmithandle_t handle = handle_of("eth0");
     unsigned char packet[20] = {};
-    os_packetxmit(nullptr, packet, sizeof(packet), &handle, nullptr);
+    send(packet, sizeof(packet), nullptr);
     EXPECT_EQ(fault(), "a frame was sent while a lock was held");
     ASSERT_EQ(os_mutex_unlock(&lock), 0);
     EXPECT_EQ(fake::live_mutexes(), 1);
@@ -71,12 +67,11 @@ TEST_F(FakeHost, DoubleFreesAndSendsBeyondTheFrameAreRecorded)
     os_packetfree(opaque);
     EXPECT_EQ(fault(), "a received frame was freed twice");
 
-    lb_xmithandle_t handle = handle_of("eth0");
     f.load(bytes.data(), bytes.size());
     fake::count_only(true); // the bytes that follow the frame are poisoned, so they are not copied
-    os_packetxmit(nullptr, f.bytes(), 61, &handle, opaque);
+    send(f.bytes(), 61, opaque);
     EXPECT_EQ(fault(), "sent 1 bytes beyond what was received");
-    os_packetxmit(nullptr, f.bytes(), 60, &handle, opaque);
+    send(f.bytes(), 60, opaque);
 }
 
 #if defined(__SANITIZE_ADDRESS__)

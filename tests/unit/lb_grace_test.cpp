@@ -3,10 +3,8 @@
 #include "lb_utils.h"
 #include "lb_words.h"
 
-#include <atomic>
-#include <memory>
+#include <array>
 #include <thread>
-#include <vector>
 
 #include "fake_fixture.h"
 #include "puppet.h"
@@ -59,100 +57,74 @@ class GraceTest : public FakeHostTest
     }
 };
 
-TEST_F(GraceTest, WhoIsInsideIsWaitedFor)
-{
-    puppet reader;
-    EXPECT_TRUE(lb_grace_passed(lb_grace_now())) << "nobody is inside";
-    reader.act([] { lb_grace_enter(); });
-    const lb_grace_t since = lb_grace_now();
-    EXPECT_FALSE(lb_grace_passed(since));
-    reader.act([] { lb_grace_enter(); });
-    reader.act([] { lb_grace_leave(); });
-    EXPECT_FALSE(lb_grace_passed(since)) << "it left one of two stays";
-    reader.act([] { lb_grace_leave(); });
-    EXPECT_TRUE(lb_grace_passed(since));
-}
-
-TEST_F(GraceTest, WhoCameLaterIsNotWaitedFor)
+TEST_F(GraceTest, WhoIsInsideIsWaitedForAndWhoCameLaterIsNot)
 {
     puppet early;
     puppet late;
-    early.act([] { lb_grace_enter(); });
+    EXPECT_TRUE(lb_grace_passed(lb_grace_now())) << "nobody is inside";
+    early.act(lb_grace_enter);
     const lb_grace_t since = lb_grace_now();
-    late.act([] { lb_grace_enter(); });
-    EXPECT_FALSE(lb_grace_passed(since));
-    early.act([] { lb_grace_leave(); });
+    late.act(lb_grace_enter);
+    early.act(lb_grace_enter);
+    early.act(lb_grace_leave);
+    EXPECT_FALSE(lb_grace_passed(since)) << "it left one of two stays";
+    early.act(lb_grace_leave);
     EXPECT_TRUE(lb_grace_passed(since)) << "the later one can't know the object";
     EXPECT_FALSE(lb_grace_passed(lb_grace_now()));
     // In and out again at once counts as having been outside.
-    late.act([] {
-        lb_grace_leave();
-        lb_grace_enter();
-    });
-    EXPECT_TRUE(lb_grace_passed(since));
-    late.act([] { lb_grace_leave(); });
-}
-
-TEST_F(GraceTest, SlotsAreGivenBackWhenThreadsEnd)
-{
-    for (int i = 0; i < 200; i++) {
-        std::thread([] { const lb_grace_inside inside; }).join();
-    }
-    EXPECT_EQ(fake::core_calls(), 0);
+    const lb_grace_t again = lb_grace_now();
+    late.act(lb_grace_leave);
+    late.act(lb_grace_enter);
+    EXPECT_TRUE(lb_grace_passed(again));
+    late.act(lb_grace_leave);
 }
 
 TEST_F(GraceTest, TooManyThreadsAreSafe)
 {
+    for (int i = 0; i < 200; i++) {
+        std::thread([] { const lb_grace_inside inside; }).join();
+    }
+    EXPECT_EQ(fake::core_calls(), 0) << "slots are given back when threads end";
     fake::core_expected(true);
-    std::vector<std::unique_ptr<puppet>> crowd;
-    for (int i = 0; i < 66; i++) {
-        crowd.push_back(std::make_unique<puppet>());
-        crowd.back()->act([] { lb_grace_enter(); });
+    std::array<puppet, 66> crowd;
+    for (puppet &each : crowd) {
+        each.act(lb_grace_enter);
     }
     EXPECT_GE(fake::core_calls(), 1);
     const lb_grace_t since = lb_grace_now();
-    for (std::size_t i = 0; i + 1 < crowd.size(); i++) {
-        crowd[i]->act([] { lb_grace_leave(); });
+    for (puppet &each : crowd) {
+        EXPECT_FALSE(lb_grace_passed(since)) << "the one without a slot is inside still";
+        each.act(lb_grace_leave);
     }
-    EXPECT_FALSE(lb_grace_passed(since)) << "the one without a slot is inside still";
-    crowd.back()->act([] { lb_grace_leave(); });
     EXPECT_TRUE(lb_grace_passed(since));
 }
 
 TEST_F(GraceTest, DeferredObjectsAreFreedOnceEveryoneWasOutside)
 {
     puppet reader;
-    reader.act([] { lb_grace_enter(); });
+    const auto expect_reaps = [](int expected) {
+        lb_grace_timer_entry();
+        EXPECT_EQ(reaps, expected);
+    };
+    reader.act(lb_grace_enter);
     defer_object();
-    lb_grace_timer_entry();
-    EXPECT_EQ(reaps, 0);
-    reader.act([] {
-        lb_grace_leave();
-        lb_grace_enter();
-    });
+    expect_reaps(0);
+    reader.act(lb_grace_leave);
+    reader.act(lb_grace_enter);
     defer_object(); // the reader is inside for this one
-    lb_grace_timer_entry();
-    EXPECT_EQ(reaps, 1);
+    expect_reaps(1);
     EXPECT_EQ(fake::live_allocations(), 1);
-    reader.act([] { lb_grace_leave(); });
-    lb_grace_timer_entry();
+    reader.act(lb_grace_leave);
+    expect_reaps(2);
     EXPECT_EQ(fake::live_allocations(), 0);
-}
-
-TEST_F(GraceTest, ARefusedReapStartsTheWaitAgain)
-{
+    // A refused reap starts the wait again.
     defer_object(2);
-    lb_grace_timer_entry();
-    EXPECT_EQ(reaps, 1) << "once a tick, though nobody is inside";
-    puppet reader;
-    reader.act([] { lb_grace_enter(); });
-    lb_grace_timer_entry();
-    EXPECT_EQ(reaps, 2) << "the reader came after the second wait began";
-    lb_grace_timer_entry();
-    EXPECT_EQ(reaps, 2) << "but was there when the third began";
-    reader.act([] { lb_grace_leave(); });
-    lb_grace_timer_entry();
-    EXPECT_EQ(reaps, 3);
+    expect_reaps(3); // once a tick, though nobody is inside
+    reader.act(lb_grace_enter);
+    expect_reaps(4); // the reader came after the second wait began
+    expect_reaps(4); // but was there when the third began
+    reader.act(lb_grace_leave);
+    expect_reaps(5);
 }
 
 TEST_F(GraceTest, AMutexThatFailsLosesNothing)

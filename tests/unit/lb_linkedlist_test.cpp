@@ -1,4 +1,6 @@
-// The linked list, against a naive reference and with every mutex call made to fail.
+// The linked list, against a naive reference and with every mutex call made to fail, and the hash
+// table made of such lists.
+#include "lb_hashtable.h"
 #include "lb_linkedlist.h"
 #include "lb_lockrank.h"
 
@@ -40,7 +42,7 @@ class ListTest : public FakeHostTest
     {
         FakeHostTest::SetUp();
         set_log_mask(LB_LOG_FAILURE | LB_LOG_EVENT);
-        ASSERT_EQ(lbll_initlist(&list_, offsetof(item, first), has_value, nullptr), 0);
+        start();
         ASSERT_EQ(lbll_initlist(&other_, offsetof(item, first), has_value, nullptr), 0);
         for (int i = 0; i < ITEMS; i++) {
             items_[i].value = i;
@@ -60,6 +62,13 @@ class ListTest : public FakeHostTest
         FakeHostTest::TearDown();
     }
 
+    void start() { ASSERT_EQ(lbll_initlist(&list_, offsetof(item, first), has_value, nullptr), 0); }
+    // The list, of which the next call of this kind will fail.
+    lbll_list_t *failing(fake::op op)
+    {
+        fake::fail(op, 1);
+        return &list_;
+    }
     void fill(int count)
     {
         for (int i = 0; i < count; i++) {
@@ -94,33 +103,24 @@ TEST_F(ListTest, RandomOperationsAgreeWithAReference)
         item *it = &items_[random() % ITEMS];
         const auto at = std::find(reference.begin(), reference.end(), it);
         const bool linked = at != reference.end();
-        switch (random() % 4) {
-        case 0:
+        const auto larger = std::find_if(reference.begin(), reference.end(),
+                                         [it](item *m) { return it->value < m->value; });
+        const unsigned which = random() % 4;
+        if (which == 0) {
             ASSERT_EQ(lbll_addnode_lhs(&list_, it), linked ? 2 : 0);
-            if (!linked) {
-                reference.push_front(it);
-            }
-            break;
-        case 1:
+        } else if (which == 1) {
             ASSERT_EQ(lbll_addnode_rhs(&list_, it), linked ? 2 : 0);
-            if (!linked) {
-                reference.push_back(it);
-            }
-            break;
-        case 2:
-            if (!linked) {
-                ASSERT_EQ(lbll_addnode_inorder(&list_, it, before_by_value), 0);
-                reference.insert(std::find_if(reference.begin(), reference.end(),
-                                              [it](item *m) { return it->value < m->value; }),
-                                 it);
-            }
-            break;
-        default:
-            if (linked) {
-                ASSERT_EQ(lbll_rmnode(&list_, it), 0);
-                reference.erase(at);
-                ASSERT_TRUE(zeroed(it->first));
-            }
+        } else if (linked) {
+            ASSERT_EQ(lbll_rmnode(&list_, it), 0);
+            reference.erase(at);
+        } else {
+            ASSERT_EQ(lbll_addnode_inorder(&list_, it, before_by_value), 0);
+        }
+        if (!linked) {
+            const auto place = which == 0   ? reference.begin()
+                               : which == 1 ? reference.end()
+                                            : larger;
+            reference.insert(place, it);
         }
         std::vector<int> want;
         for (const item *m : reference) {
@@ -150,19 +150,11 @@ TEST_F(ListTest, RemovingFromTheWrongListIsABrokenInvariant)
 TEST_F(ListTest, FiltersAnswerInBits)
 {
     fill(4);
-    struct calls {
-        int answer;
-        int count;
-    };
-    const auto filter = [](void *key, void *) {
-        auto *c = static_cast<calls *>(key);
-        c->count++;
-        return c->answer;
-    };
-    struct {
+    struct row_t {
         const char *name;
         int answer, capacity, stored, looked;
-    } const rows[] = {
+        int count = 0;
+    } rows[] = {
         {"no", 0, 4, 0, 4},
         {"yes", 1, 4, 4, 4},
         {"no and stop", 2, 4, 0, 1},
@@ -171,31 +163,41 @@ TEST_F(ListTest, FiltersAnswerInBits)
         {"no room", 1, 0, 0, 0},
         {"less than no room", 1, -1, 0, 0},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        calls c = {row.answer, 0};
+    const auto filter = [](void *key, void *) {
+        static_cast<row_t *>(key)->count++;
+        return static_cast<row_t *>(key)->answer;
+    };
+    for (row_t &row : rows) {
         void *out[4];
-        EXPECT_EQ(lbll_selectn(&list_, out, row.capacity, filter, &c), row.stored);
-        EXPECT_EQ(c.count, row.looked);
+        EXPECT_EQ(lbll_selectn(&list_, out, row.capacity, filter, &row), row.stored) << row.name;
+        EXPECT_EQ(row.count, row.looked) << row.name;
     }
     list_._select = filter;
-    calls c = {LBLL_FILTER_STOP, 0};
-    EXPECT_EQ(lbll_select1(&list_, &c), nullptr);
-    EXPECT_EQ(c.count, 4) << "select1 does not look at the stop bit";
+    row_t stop = {"", LBLL_FILTER_STOP, 0, 0, 0};
+    EXPECT_EQ(lbll_select1(&list_, &stop), nullptr);
+    EXPECT_EQ(stop.count, 4) << "select1 does not look at the stop bit";
 }
 
-TEST_F(ListTest, RetiringAList)
+TEST_F(ListTest, RetiringAListThatMayFail)
 {
     fill(3);
     EXPECT_EQ(lbll_rmlist(&list_), 1);
     EXPECT_EQ(values(), (std::vector<int>{0, 1, 2})) << "a refused removal leaves it usable";
-    EXPECT_EQ(lbll_cleanuplist(&list_), 0);
+    EXPECT_EQ(lbll_cleanuplist(failing(fake::op::unlock)), 0) << "a failed unlock is ignored";
     EXPECT_TRUE(zeroed(items_[0].first) && zeroed(items_[1].first) && zeroed(items_[2].first));
     EXPECT_EQ(lbll_cleanuplist(&list_), 1);
     EXPECT_EQ(lbll_rmlist(&list_), 1);
-    ASSERT_EQ(lbll_initlist(&list_, offsetof(item, first), has_value, nullptr), 0);
-    EXPECT_EQ(lbll_rmlist(&list_), 0);
     EXPECT_EQ(list_._select, nullptr);
+    start();
+    EXPECT_EQ(lbll_rmlist(&list_), 0);
+    start();
+    EXPECT_EQ(lbll_rmlist(failing(fake::op::mutex_destroy)), fake::INJECTED_RC);
+    start();
+    EXPECT_EQ(lbll_cleanuplist(failing(fake::op::mutex_destroy)), 1);
+    start();
+    EXPECT_EQ(lbll_cleanuplist(failing(fake::op::lock)), 1);
+    EXPECT_EQ(lbll_cleanuplist(&list_), 1) << "it stays retired";
+    EXPECT_EQ(os_mutex_destroy(&list_._osopaquelock), 0);
 }
 
 TEST_F(ListTest, MutexErrorsArePassedThrough)
@@ -203,45 +205,19 @@ TEST_F(ListTest, MutexErrorsArePassedThrough)
     fill(2);
     void *out[4];
     int key = 1;
-    for (const fake::op which : {fake::op::lock, fake::op::unlock}) {
-        const int done = which == fake::op::unlock ? 1 : 0; // the work was done before it failed
-        fake::fail(which, 1);
-        EXPECT_EQ(lbll_addnode_lhs(&list_, &items_[5]), fake::INJECTED_RC);
-        EXPECT_EQ(lbll_size(&list_), 2 + done);
-        fake::fail(which, 1);
-        EXPECT_EQ(lbll_addnode_rhs(&list_, &items_[6]), fake::INJECTED_RC);
-        fake::fail(which, 1);
-        EXPECT_EQ(lbll_addnode_inorder(&list_, &items_[7], before_by_value), fake::INJECTED_RC);
+    for (const fake::op op : {fake::op::lock, fake::op::unlock}) {
+        const int done = op == fake::op::unlock ? 1 : 0; // the work was done before it failed
+        EXPECT_EQ(lbll_addnode_lhs(failing(op), &items_[5]), fake::INJECTED_RC);
+        EXPECT_EQ(lbll_addnode_rhs(failing(op), &items_[6]), fake::INJECTED_RC);
+        EXPECT_EQ(lbll_addnode_inorder(failing(op), &items_[7], before_by_value),
+                  fake::INJECTED_RC);
         EXPECT_EQ(lbll_size(&list_), 2 + 3 * done);
-        fake::fail(which, 1);
-        EXPECT_EQ(lbll_select1(&list_, &key), nullptr);
-        fake::fail(which, 1);
-        EXPECT_EQ(lbll_selectn(&list_, out, 4, lbll_filter_true, nullptr), 0);
-        fake::fail(which, 1);
-        EXPECT_EQ(lbll_rmnode(&list_, &items_[1]), fake::INJECTED_RC);
+        EXPECT_EQ(lbll_select1(failing(op), &key), nullptr);
+        EXPECT_EQ(lbll_selectn(failing(op), out, 4, lbll_filter_true, nullptr), 0);
+        EXPECT_EQ(lbll_rmnode(failing(op), &items_[1]), fake::INJECTED_RC);
         EXPECT_EQ(lbll_size(&list_), 2 + 2 * done);
-        fake::fail(which, 1);
-        EXPECT_EQ(lbll_getnode_rhs(&list_), done != 0 ? &items_[7] : &items_[1]);
+        EXPECT_EQ(lbll_getnode_rhs(failing(op)), done != 0 ? &items_[7] : &items_[1]);
     }
-    EXPECT_EQ(_lbll_debug_consistencycheck(&list_), 0);
-}
-
-TEST_F(ListTest, FailuresWhileRetiring)
-{
-    fill(2);
-    fake::fail(fake::op::unlock, 1);
-    EXPECT_EQ(lbll_cleanuplist(&list_), 0) << "a failed unlock is ignored";
-    ASSERT_EQ(lbll_initlist(&list_, offsetof(item, first), has_value, nullptr), 0);
-    fake::fail(fake::op::mutex_destroy, 1);
-    EXPECT_EQ(lbll_rmlist(&list_), fake::INJECTED_RC);
-    ASSERT_EQ(lbll_initlist(&list_, offsetof(item, first), has_value, nullptr), 0);
-    fake::fail(fake::op::mutex_destroy, 1);
-    EXPECT_EQ(lbll_cleanuplist(&list_), 1);
-    ASSERT_EQ(lbll_initlist(&list_, offsetof(item, first), has_value, nullptr), 0);
-    fake::fail(fake::op::lock, 1);
-    EXPECT_EQ(lbll_cleanuplist(&list_), 1);
-    EXPECT_EQ(lbll_cleanuplist(&list_), 1) << "it stays retired";
-    EXPECT_EQ(os_mutex_destroy(&list_._osopaquelock), 0);
 }
 
 TEST_F(ListTest, TheCheckSeesEveryKindOfDamage)
@@ -257,6 +233,49 @@ TEST_F(ListTest, TheCheckSeesEveryKindOfDamage)
     list_._size = 4;
     EXPECT_EQ(_lbll_debug_consistencycheck(&list_), 1);
     list_._size = 3;
+}
+
+// --- The hash table over its buckets -------------------------------------------------------------
+
+class HashTest : public ListTest
+{
+  protected:
+    void SetUp() override
+    {
+        ListTest::SetUp();
+        const auto hash = [](void *key, void *obj) {
+            return static_cast<lb_u32_t>(key != nullptr ? *static_cast<int *>(key)
+                                                        : static_cast<item *>(obj)->value);
+        };
+        ASSERT_EQ(lbht_inittable(&table_, BUCKETS, buckets_, offsetof(item, first), hash, has_value,
+                                 nullptr),
+                  0);
+        for (int i = 0; i < ITEMS; i++) {
+            if (i % BUCKETS != BUCKETS - 1) { // one bucket stays empty
+                ASSERT_EQ(lbht_addnode(&table_, &items_[i]), 0);
+            }
+        }
+    }
+
+    static constexpr int BUCKETS = 8;
+    lbht_bucket_t buckets_[BUCKETS];
+    lbht_table_t table_;
+};
+
+TEST_F(HashTest, SelectsOverBucketsAndCleansThemUpThoughOneFails)
+{
+    const auto yes_and_stop = [](void *, void *) { return LBLL_FILTER_YES | LBLL_FILTER_STOP; };
+    void *out[64];
+    EXPECT_EQ(lbht_selectn(&table_, out, 64, yes_and_stop, nullptr), BUCKETS - 1);
+    EXPECT_EQ(lbht_selectn_nl(&table_, out, 3, yes_and_stop, nullptr), 3);
+    EXPECT_EQ(lbht_selectn(&table_, out, 0, yes_and_stop, nullptr), 0);
+    int key = 1; // the filter decides here, the key only names the bucket
+    EXPECT_EQ(lbht_selectn1b(&table_, out, 64, lbll_filter_true, &key), ITEMS / BUCKETS);
+    EXPECT_EQ(lbht_selectn1b(&table_, out, 64, yes_and_stop, &key), 1);
+
+    fake::fail(fake::op::mutex_destroy, 3);
+    EXPECT_EQ(lbht_rmtable(&table_), 1);
+    EXPECT_EQ(table_.numbuckets, 0);
 }
 
 #ifdef LB_LOCK_RANKS
