@@ -68,7 +68,7 @@ class fake_daemon
     // An answer code other than 0 refuses; `lie` edits answers.
     std::function<unsigned(const lbcmd_bufhdr_t &)> refuse{};
     std::function<void(lbcmd_buf_t &)> lie{};
-    // What a GET tells of an object, instead of what the stack has counted.
+    // What a GET tells of an object of the configuration, instead of what the stack has counted.
     std::vector<std::pair<lbcmd_key_t, vellb::bytes_t>> readings{};
     // Commands carried out so far, other than GET: "ADD port 10.0.0.1:80".
     std::vector<std::string> changes{};
@@ -78,14 +78,15 @@ class fake_daemon
     {
         static const char *const names[] = {"", "ADD ", "RM ", "GET ", "SET "};
         const bool get = b.hdr.action == LBCMD_ACTION_GET;
+        const auto keytype = static_cast<lbcmd_keytype_e>(b.hdr.keytype);
         const unsigned code = refuse ? refuse(b.hdr) : 0;
         b.hdr.answer_rc = static_cast<lb_u16_t>(code);
         if (code == 0 && lbcmd_entry(&b) == LBCMD_RC_SUCCESS && !get) {
-            const auto keytype = static_cast<lbcmd_keytype_e>(b.hdr.keytype);
             changes.push_back(names[b.hdr.action] + vellb::key_text(keytype, b.hdr.key));
         }
         for (const auto &[key, block] : readings) {
-            if (get && memcmp(&key, &b.hdr.key, sizeof(key)) == 0) {
+            if (get && keytype == LBCMD_KEYTYPE_CONFIG &&
+                memcmp(&key, &b.hdr.key, sizeof(key)) == 0) {
                 std::copy(block.begin(), block.end(), b._x + b.hdr.addsize + b.hdr.setsize);
             }
         }

@@ -3,7 +3,7 @@
 #pragma once
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
+#include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -15,7 +15,6 @@
 class vellbctl_test : public StackTest
 {
   protected:
-    using rows_t = std::initializer_list<std::pair<std::string, const char *>>;
     struct result_t {
         int status = -1;
         std::string out{};
@@ -44,63 +43,35 @@ class vellbctl_test : public StackTest
             ASSERT_EQ(got.status, 0) << line << ": " << got.err << got.out;
         }
     }
+    // The documents that a command prints, one a line.
+    std::vector<nlohmann::json> documents(const std::string &line)
+    {
+        std::istringstream lines(run(line + " --json").out);
+        std::vector<nlohmann::json> each;
+        for (std::string text; std::getline(lines, text);) {
+            each.push_back(nlohmann::json::parse(text));
+        }
+        return each;
+    }
     nlohmann::json json(const std::string &line)
     {
         return nlohmann::json::parse(run(line + " --json").out);
     }
 
-    // Lines that begin with "$ " are commands. What follows one is all that it says, lines broken
-    // before four spaces put together again; "[1]" is its status, if that is not 0.
-    void talk(const std::string &text)
+    static std::string content(const std::filesystem::path &path)
     {
-        std::istringstream lines(text);
-        std::string line;
-        std::string command;
-        std::string said;
-        const auto check = [&] {
-            if (!command.empty()) {
-                const result_t got = run(command);
-                EXPECT_EQ(got.out + got.err +
-                              (got.status == 0 ? "" : fmt::format("[{}]\n", got.status)),
-                          said)
-                    << command;
-            }
-        };
-        while (std::getline(lines, line)) {
-            if (line.starts_with("$ ")) {
-                check();
-                command = line.substr(2);
-                said.clear();
-            } else if (line.starts_with("    ")) {
-                said.back() = ' ';
-                said += line.substr(4) + "\n";
-            } else if (!command.empty()) {
-                said += line + "\n";
-            }
-        }
-        check();
+        std::ostringstream text;
+        text << std::ifstream(path).rdbuf();
+        return text.str();
     }
-    // Commands that are carried out, and what they warn of; "" for nothing.
-    void expect_warnings(rows_t rows)
+    // VELL_GOLDEN=write writes the file anew, to be read before it is committed.
+    static void expect_golden(const std::filesystem::path &path, const std::string &text)
     {
-        for (const auto &[line, warning] : rows) {
-            const result_t got = run(line);
-            EXPECT_EQ(got.status, 0) << line << ": " << got.err;
-            EXPECT_EQ(got.err.empty(), *warning == '\0') << line << ": " << got.err;
-            EXPECT_NE(got.err.find(warning), std::string::npos) << line << ": " << got.err;
+        const char *const mode = getenv("VELL_GOLDEN");
+        if (mode != nullptr && std::string(mode) == "write") {
+            std::ofstream(path) << text;
         }
-    }
-    // Commands that are not even sent, and why.
-    void expect_refused_words(rows_t rows)
-    {
-        for (const auto &[line, message] : rows) {
-            const result_t got = run(line);
-            const bool json = got.err.empty();
-            const std::string &text = json ? got.out : got.err;
-            EXPECT_EQ(got.status, 2) << line << ": " << text;
-            EXPECT_NE(text.find(message), std::string::npos) << line << ": " << text;
-            EXPECT_TRUE(json || text.find("usage: vellbctl") != text.npos) << line << ": " << text;
-        }
+        EXPECT_EQ(text, content(path)) << path;
     }
 
     fake_daemon daemon;
