@@ -183,6 +183,9 @@ complaint explain(const vellb::refused &error)
         told.message = object + " still has objects below it";
         told.hint =
             fmt::format("remove those first, or all at once: {} --recursive", command("rm"));
+        if (vellb::object_of(what.keytype, what.key) == object_e::EXECUTOR) {
+            told.hint = "remove its clusters and heartbeats first";
+        }
         break;
     case LBCMD_RC_FAILURE:
         told.message = fmt::format("the daemon could not {} {}",
