@@ -49,24 +49,19 @@ void run_command(world &stack, answers *counts)
 void run_commands(const std::uint8_t *data, std::size_t size)
 {
     world stack;
-    std::size_t at = 0;
     std::memset(&stack.buffer(), 0, sizeof(lbcmd_buf_t));
-    while (size - at >= COMMAND_RECORD) {
-        const std::uint8_t control = data[at];
-        const std::size_t wanted = static_cast<std::size_t>(data[at + 1] << 8 | data[at + 2]);
-        at += COMMAND_RECORD;
-        const std::size_t len = std::min({wanted, size - at, sizeof(lbcmd_buf_t)});
-        std::memcpy(static_cast<void *>(&stack.buffer()), data + at, len);
-        at += len;
-        if ((control & 1) != 0) {
+    for (record next; take_record(data, size, next);) {
+        std::memcpy(static_cast<void *>(&stack.buffer()), next.content.data(),
+                    std::min(next.content.size(), sizeof(lbcmd_buf_t)));
+        if ((next.control & 1) != 0) {
             stack.buffer().hdr.lbversion = LBCMD_VERSION;
         }
         run_command(stack, nullptr);
-        if ((control & 6) != 0) {
-            fake::advance_ms((control & 4) != 0 ? 5000 : 500);
+        if ((next.control & 6) != 0) {
+            fake::advance_ms((next.control & 4) != 0 ? 5000 : 500);
             (void)lb_timer_entry();
         }
-        if ((control & 8) != 0) {
+        if ((next.control & 8) != 0) {
             (void)fake::receive(packets::build(packets::packet{}));
         }
         (void)fake::take_sent();

@@ -16,11 +16,9 @@ using answers = std::map<std::string, std::uint64_t>;
 // Carries out the command in the world's buffer, checks the answer and counts it: "ADD 1".
 void run_command(world &stack, answers *counts);
 
-// One input of the fuzz target: records of a control byte, a length of two bytes (high first) and
-// as many bytes of the buffer's beginning; the rest of it is left over from the record before. The
-// control byte: bit 0 has the version set right, bit 1 has half a second pass behind the command,
-// bit 2 five seconds, bit 3 sends a frame.
-constexpr std::size_t COMMAND_RECORD = 3; // in front of the buffer's bytes
+// One input of the fuzz target: records with the beginning of a buffer each; the rest of it is left
+// over from the record before. The control byte: bit 0 has the version set right, bit 1 has half a
+// second pass behind the command, bit 2 five seconds, bit 3 sends a frame.
 void run_commands(const std::uint8_t *data, std::size_t size);
 
 } // namespace fuzz

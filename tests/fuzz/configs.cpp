@@ -1,9 +1,6 @@
 // The reader, and the reconciler behind it.
 #include "configs.h"
 
-#include <algorithm>
-#include <cctype>
-
 #include "stack_daemon.h"
 #include "vellcfg/apply.h"
 #include "vellcfg/check.h"
@@ -108,39 +105,6 @@ std::string run_config(const std::uint8_t *data, std::size_t size)
     }
     require(vellcfg::diff(made, made).empty(), "a difference from itself");
     return warnings.empty() ? "fine" : "warnings";
-}
-
-void mutate_text(rng &random, bytes &text, const bytes &other)
-{
-    static const std::string marks = ":-[]{},&*!'\"\n\t #0%\xFF";
-    for (auto i = 1 + random() % 2; i > 0 && !text.empty(); i--) {
-        const std::size_t at = random() % text.size();
-        const std::size_t length = std::min<std::size_t>(1 + random() % 40, text.size() - at);
-        const auto begin = text.begin() + static_cast<std::ptrdiff_t>(at);
-        const auto end = begin + static_cast<std::ptrdiff_t>(length);
-        switch (random() % 8) {
-        case 0: text[at] = static_cast<std::uint8_t>(marks[random() % marks.size()]); break;
-        case 1: text.erase(begin, end); break;
-        case 2: {
-            const bytes piece(begin, end);
-            text.insert(text.begin() + static_cast<std::ptrdiff_t>(random() % text.size()),
-                        piece.begin(), piece.end());
-            break;
-        }
-        case 3: {
-            const std::size_t from = random() % other.size();
-            const std::size_t to = std::min(other.size(), from + 1 + random() % 60);
-            text.insert(begin, other.begin() + static_cast<std::ptrdiff_t>(from),
-                        other.begin() + static_cast<std::ptrdiff_t>(to));
-            break;
-        }
-        default: // another number: most of these files can still be read
-            if (const auto digit = std::find_if(begin, text.end(), ::isdigit);
-                digit != text.end()) {
-                *digit = static_cast<std::uint8_t>('0' + random() % 10);
-            }
-        }
-    }
 }
 
 std::string run_answers(const std::uint8_t *data, std::size_t size)

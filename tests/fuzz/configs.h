@@ -3,7 +3,6 @@
 
 #include <string>
 
-#include "mutate.h"
 #include "world.h"
 
 namespace fuzz
@@ -12,9 +11,6 @@ namespace fuzz
 // Reads the input as a configuration: "errors", "warnings" or "fine". What was read must survive
 // being exported and read again.
 std::string run_config(const std::uint8_t *data, std::size_t size);
-
-// Changes one or two places: bytes, lines moved and doubled, pieces of `other`.
-void mutate_text(rng &random, bytes &text, const bytes &other);
 
 // Reads, compares and changes a small stack whose answers are edited on the way, 8 bytes an edit:
 // which answer (2 bytes), where (2 bytes), by what (1 byte), how often (1 byte), 2 unused. How it

@@ -269,25 +269,18 @@ reached frame_feeder::places() const
 void run_frames(world &stack, const std::uint8_t *data, std::size_t size)
 {
     frame_feeder feeder;
-    std::size_t at = 0;
-    while (size - at >= FRAME_RECORD) {
-        const std::uint8_t control = data[at];
-        const std::size_t wanted = static_cast<std::size_t>(data[at + 1] << 8 | data[at + 2]);
-        at += FRAME_RECORD;
-        if ((control & 3) == 3) {
-            fake::advance_ms(static_cast<std::int64_t>(wanted) * 100);
+    for (record next; take_record(data, size, next);) {
+        if ((next.control & 3) == 3) {
+            fake::advance_ms(static_cast<std::int64_t>(next.length) * 100);
             (void)lb_timer_entry();
             (void)fake::take_sent();
             continue;
         }
-        const std::size_t len = std::min(wanted, size - at);
-        bytes frame(data + at, data + at + len);
-        at += len;
-        const fake::link link = (control & 3) == 2 ? fake::link::slip : fake::link::ethernet;
-        if ((control & 4) != 0) {
-            mend_checksums(frame, link);
+        const fake::link link = (next.control & 3) == 2 ? fake::link::slip : fake::link::ethernet;
+        if ((next.control & 4) != 0) {
+            mend_checksums(next.content, link);
         }
-        feeder.feed(frame, link);
+        feeder.feed(next.content, link);
     }
     // The next input knows nothing of what this one's fragments left behind.
     fake::advance_s(2 * static_cast<std::int64_t>(LBFRAG_TIMEOUT_S));

@@ -33,11 +33,9 @@ class frame_feeder
     reached reached_{};
 };
 
-// One input of the fuzz target: records of a control byte, a length of two bytes (high first) and
-// as many bytes of frame. The control byte: bits 0 and 1 choose the link (2: SLIP, 3: no frame, but
-// the length is tenths of a second that pass); bit 2 has the IP and inner checksums mended.
-// Afterwards the stack must still forward.
-constexpr std::size_t FRAME_RECORD = 3; // in front of the frame
+// One input of the fuzz target: records with a frame each. The control byte: bits 0 and 1 choose
+// the link (2: SLIP, 3: no frame, but the length is tenths of a second that pass); bit 2 has the IP
+// and inner checksums mended. Afterwards the stack must still forward.
 void run_frames(world &stack, const std::uint8_t *data, std::size_t size);
 
 // Computes the checksums anew of what looks like IPv4 or IPv6, and of the TCP, UDP or ICMP within.

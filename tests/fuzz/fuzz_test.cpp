@@ -45,18 +45,16 @@ struct seed {
     bytes content;
 };
 
-// What stands behind the header of the first record of each input, unless its control byte says
-// that it is of another kind.
-std::vector<seed> first_records(const std::map<std::string, bytes> &inputs, std::size_t header,
-                                std::uint8_t otherkinds)
+// The first record of each input, unless its control byte says that it is of another kind.
+std::vector<seed> first_records(const std::map<std::string, bytes> &inputs, int otherkinds)
 {
     std::vector<seed> seeds;
     for (const auto &[name, input] : inputs) {
-        if (input.size() > header && (input[0] & otherkinds) == 0) {
-            const std::size_t end = header + packets::get16(input, 1);
-            seeds.push_back({name,
-                             {input.begin() + static_cast<long>(header),
-                              input.begin() + static_cast<long>(std::min(end, input.size()))}});
+        const std::uint8_t *data = input.data();
+        std::size_t size = input.size();
+        fuzz::record first;
+        if (fuzz::take_record(data, size, first) && (first.control & otherkinds) == 0) {
+            seeds.push_back({name, first.content});
         }
     }
     return seeds;
@@ -92,7 +90,7 @@ TEST(FuzzFrames, CorpusAndMutationsReachEveryEndAndHarmNothing)
     const auto corpus = replay("frames", [&stack](const std::uint8_t *data, std::size_t size) {
         fuzz::run_frames(stack, data, size);
     });
-    const std::vector<seed> seeds = first_records(corpus, fuzz::FRAME_RECORD, 3);
+    const std::vector<seed> seeds = first_records(corpus, 3);
     ASSERT_GT(seeds.size(), 100U);
     fuzz::frame_feeder feeder;
     lb_poke(lbexecutor->setable.log_mask, ~0ULL);
@@ -122,8 +120,7 @@ TEST(FuzzCommands, CorpusAndMutationsGetEveryAnswerAndHarmNothing)
     constexpr std::uint64_t PER_WORLD = 200;
     constexpr std::size_t ANSWERS = 17; // ADD five, RM and GET and SET four or three, others two
     fuzz::rng random(randoms::seed(1));
-    const std::vector<seed> seeds =
-        first_records(replay("commands", fuzz::run_commands), fuzz::COMMAND_RECORD, 0);
+    const std::vector<seed> seeds = first_records(replay("commands", fuzz::run_commands), 0);
     ASSERT_GT(seeds.size(), 50U);
     fuzz::answers answers;
     auto stack = std::make_unique<fuzz::world>();

@@ -2,7 +2,7 @@
 #include "mutate.h"
 
 #include <algorithm>
-#include <cstring>
+#include <cctype>
 
 namespace fuzz
 {
@@ -12,6 +12,7 @@ namespace
 
 constexpr std::size_t LARGEST_FRAME = 1600; // a little more than a buffer takes
 constexpr std::size_t LARGEST_COMMAND = 2048;
+constexpr std::size_t LARGEST_TEXT = 4096;
 
 std::size_t below(rng &random, std::size_t bound)
 {
@@ -83,6 +84,29 @@ void mutate_command(rng &random, bytes &command)
         } else { // the key
             command[4 + below(random, 56)] =
                 below(random, 2) == 0 ? interesting(random) : static_cast<std::uint8_t>(random());
+        }
+    }
+}
+
+void mutate_text(rng &random, bytes &text, const bytes &other)
+{
+    static const std::string marks = ":-[]{},&*!'\"\n\t #0%\xFF";
+    for (std::size_t left = 1 + below(random, 2); left > 0 && !text.empty(); left--) {
+        const auto place = text.begin() + static_cast<long>(below(random, text.size()));
+        const std::size_t kind = below(random, 8);
+        if (kind == 0) {
+            *place = static_cast<std::uint8_t>(marks[below(random, marks.size())]);
+        } else if (kind == 1) {
+            text.erase(place, place + std::min<long>(text.end() - place, 1 + random() % 40));
+        } else if (kind == 2) {
+            mutate_anywhere(random, text, LARGEST_TEXT);
+        } else if (kind == 3) {
+            const auto from = other.begin() + static_cast<long>(below(random, other.size()));
+            const bytes piece(from, from + std::min<long>(other.end() - from, 1 + random() % 60));
+            text.insert(place, piece.begin(), piece.end());
+        } else if (const auto digit = std::find_if(place, text.end(), ::isdigit);
+                   digit != text.end()) {
+            *digit = static_cast<std::uint8_t>('0' + random() % 10); // often it can still be read
         }
     }
 }

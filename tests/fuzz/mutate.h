@@ -13,5 +13,7 @@ using randoms::rng;
 void mutate_frame(rng &random, bytes &frame);
 // The same for a command buffer's beginning. The length stays below the buffer's.
 void mutate_command(rng &random, bytes &command);
+// One or two places of a text: marks, digits, cuts, pieces of `other`.
+void mutate_text(rng &random, bytes &text, const bytes &other);
 
 } // namespace fuzz

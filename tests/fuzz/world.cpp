@@ -113,6 +113,20 @@ void append_objects(bytes &out, lbll_list_t *list)
 
 } // namespace
 
+bool take_record(const std::uint8_t *&data, std::size_t &size, record &out)
+{
+    if (size < RECORD) {
+        return false;
+    }
+    out.control = data[0];
+    out.length = static_cast<std::size_t>(data[1] << 8 | data[2]);
+    const std::size_t end = std::min(size, RECORD + out.length);
+    out.content.assign(data + RECORD, data + end);
+    data += end;
+    size -= end;
+    return true;
+}
+
 world::world()
 {
     lbexeos_logmask = nullptr;

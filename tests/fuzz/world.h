@@ -30,6 +30,17 @@ constexpr const char *CLUSTER6 = "2001:db8::100";
 constexpr const char *RETURN6 = "2001:db8::200";
 constexpr lb_u32_t MTU = 600;
 
+// One record of an input: a control byte, a length of two bytes (high first) and as many bytes.
+struct record {
+    std::uint8_t control;
+    std::size_t length; // as it claims
+    bytes content;      // as far as there are any
+};
+constexpr std::size_t RECORD = 3; // in front of the content
+
+// Takes the first record off the input; false if it has none.
+bool take_record(const std::uint8_t *&data, std::size_t &size, record &out);
+
 class world : public stack::client
 {
   public:

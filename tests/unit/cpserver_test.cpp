@@ -30,18 +30,11 @@ vellb::interface iface(const char *name, const texts_t &addresses)
     return result;
 }
 
-vellb::cluster cluster(const char *text, const texts_t &return_addresses)
+vellcfg::service service(const std::string &text)
 {
-    vellb::cluster result;
-    result.address = stack::ip(text);
-    result.ports.resize(1);
-    for (const std::string &each : return_addresses) {
-        vellb::server server;
-        server.fixed.nat = !each.empty();
-        server.fixed.returnaddress = stack::ip(each);
-        result.ports[0].servers.push_back(server);
-    }
-    return result;
+    const auto read = vellcfg::read_texts({{"f", text}});
+    EXPECT_TRUE(read.errors.empty()) << text;
+    return read.wanted;
 }
 
 TEST(cpserver, interfaces_are_those_named_or_all_but_its_own_device)
@@ -49,28 +42,20 @@ TEST(cpserver, interfaces_are_those_named_or_all_but_its_own_device)
     const std::vector<vellb::interface> host{iface("eth0", {"10.0.0.2/24"}), iface("eth1", {}),
                                              iface("veldra", {})};
     const struct {
-        const char *name;
-        std::optional<texts_t> wanted;
+        const char *file; // of which eth7 is not there yet
         texts_t chosen;
     } rows[] = {
-        {"not said", std::nullopt, {"eth0", "eth1"}},
-        {"one not there yet", texts_t{"eth1", "eth7"}, {"eth1"}},
-        {"none", texts_t{}, {}},
-        {"its own device, named", texts_t{"veldra"}, {"veldra"}},
+        {"clusters: []", {"eth0", "eth1"}},
+        {"interfaces: [eth1, eth7]", {"eth1"}},
+        {"interfaces: []", {}},
+        {"interfaces: [veldra]", {"veldra"}},
     };
     for (const auto &row : rows) {
-        vellcfg::service service;
-        if (row.wanted) {
-            service.interfaces.emplace();
-            for (const std::string &each : *row.wanted) {
-                service.interfaces->push_back({{"f", 1, 1}, each});
-            }
-        }
         texts_t chosen;
-        for (const auto &each : vellcfg::used_interfaces(service, host)) {
+        for (const auto &each : vellcfg::used_interfaces(service(row.file), host)) {
             chosen.push_back(each.name);
         }
-        EXPECT_EQ(chosen, row.chosen) << row.name;
+        EXPECT_EQ(chosen, row.chosen) << row.file;
     }
 }
 
@@ -108,15 +93,15 @@ TEST_F(cpserver_apply, an_object_that_is_refused_holds_up_what_stands_on_it_and_
         const bool hit = key.port == 0 && key.cluster.nboaddr.v4[3] == 101;
         return hit && asked.action == LBCMD_ACTION_ADD ? LBCMD_RC_FAILURE : 0;
     };
-    const auto wanted = vellcfg::read_texts({{"f", R"(
+    const auto wanted = vellcfg::normalised(service(R"(
 interfaces: []
 clusters:
   - {address: 10.0.0.100, ports: [{port: 80, servers: [10.0.0.11]}]}
   - {address: 10.0.0.101, ports: [{port: 80, servers: [10.0.0.11]}]}
   - {address: 10.0.0.102, ports: [{port: 80, servers: [10.0.0.11]}]}
-)"}});
+)"));
     const vellb::client control(daemon.path());
-    const auto steps = diff(vellcfg::normalised(wanted.wanted), vellb::read_picture(control)).steps;
+    const auto steps = diff(wanted, vellb::read_picture(control)).steps;
     size_t seen = 0;
     const auto result = cpserver::apply_all(control, steps, [&](const vellcfg::progress &at) {
         seen += at.next != nullptr;
@@ -133,9 +118,22 @@ clusters:
 
 TEST(cpserver, guard_takes_clusters_and_return_addresses_but_never_the_hosts_own)
 {
-    const std::vector<vellb::cluster> wanted{cluster("10.0.0.100", {"10.0.0.50", "", "10.0.0.50"}),
-                                             cluster("2001:db8::1", {})};
-    const std::vector<vellb::cluster> leaving{cluster("10.0.0.100", {}), cluster("10.0.0.2", {})};
+    const auto clusters = [](const std::string &text) {
+        return vellcfg::normalised(service(text)).clusters;
+    };
+    const auto wanted = clusters(R"(
+clusters:
+  - address: 10.0.0.100
+    ports:
+      - port: 80
+        servers:
+          - {address: 10.1.0.1, forward: nat, return-address: 10.0.0.50, router-address: 10.0.0.9}
+          - 10.0.0.11
+          - {address: 10.1.0.2, forward: nat, return-address: 10.0.0.50, router-address: 10.0.0.9}
+  - {address: 2001:db8::1, ports: []}
+)");
+    const auto leaving =
+        clusters("clusters: [{address: 10.0.0.100, ports: []}, {address: 10.0.0.2, ports: []}]");
     texts_t owned;
     texts_t guarded;
     for (const lbip_addr_t &each : cpserver::guarded_addresses(

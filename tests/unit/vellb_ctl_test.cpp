@@ -66,12 +66,13 @@ TEST_P(vellbctl_talk, goes_as_written)
             text += line + "\n" + said(line.substr(1));
         }
     }
+    ASSERT_NE(text, "") << path;
     expect_golden(path, text);
 }
 
 INSTANTIATE_TEST_SUITE_P(all, vellbctl_talk,
-                         testing::Values("words.talk", "objects.talk", "surprises.talk",
-                                         "pair.talk", "pictures.talk"));
+                         testing::Values("words.talk", "texts.talk", "objects.talk",
+                                         "surprises.talk", "pair.talk", "pictures.talk"));
 
 TEST_F(vellbctl_test, help_and_completion)
 {
