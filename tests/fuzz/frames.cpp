@@ -10,7 +10,7 @@
 #include <algorithm>
 
 #include "fake_host.h"
-#include "packets6.h"
+#include "packets.h"
 
 namespace fuzz
 {

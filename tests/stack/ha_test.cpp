@@ -42,15 +42,15 @@ class HaStackTest : public HaFixture
     static bytes over_ipv6(const beat &b, const std::string &src, const std::string &dst)
     {
         const bytes like = build(b);
-        bytes frame = packets::build(packets::packet6{.src = src,
-                                                      .dst = dst,
-                                                      .sport = PORT,
-                                                      .dport = PORT,
-                                                      .proto = packets::UDP,
-                                                      .hops = 1,
-                                                      .payload = like.size() - HDR,
-                                                      .ethdst = packets::mac_of(2),
-                                                      .ethsrc = packets::mac_of(1)});
+        bytes frame = packets::build(packets::packet{.src = src,
+                                                     .dst = dst,
+                                                     .sport = PORT,
+                                                     .dport = PORT,
+                                                     .proto = packets::UDP,
+                                                     .ttl = 1,
+                                                     .payload = like.size() - HDR,
+                                                     .ethdst = packets::mac_of(2),
+                                                     .ethsrc = packets::mac_of(1)});
         std::copy(like.begin() + HDR, like.end(), frame.begin() + packets::IP6 + 8);
         packets::mend_transport(frame);
         return frame;
@@ -163,7 +163,7 @@ TEST_F(HaStackTest, Ipv6ClustersArePairedLikeOthers)
     EXPECT_TRUE(heard);
     EXPECT_EQ(ask(), LB_PACKETRC_CONSUMED);
     (void)fake::take_sent();
-    fake::receive(packets::build(packets::packet6{.sport = 5, .flags = FIN | ACK}));
+    fake::receive(packets::build(packets::packet{.version = 6, .sport = 5, .flags = FIN | ACK}));
     EXPECT_EQ(packets::mac_at(fake::take_sent().at(0).bytes, 0), packets::mac_of(0x11));
     const auto frames = beats_of_a_tick(); // and the end of the connection goes back
     ASSERT_EQ(numrecs(frames.at(0)), 1);

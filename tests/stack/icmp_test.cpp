@@ -3,7 +3,6 @@
 // the host. Frames are cut at every length; the fake host sees to it that nothing is read beyond.
 #include "lb_neigh.h"
 
-#include "packets6.h"
 #include "record_fixture.h"
 
 namespace
@@ -12,6 +11,7 @@ namespace
 using packets::bytes;
 using packets::ETH;
 using packets::icmp;
+using packets::padding;
 using packets::TCP;
 using packets::UDP;
 using packets::with;
@@ -27,35 +27,36 @@ packets::packet answer_of(std::uint8_t proto = TCP, std::uint16_t clientport = 4
     return {.src = C, .dst = client, .sport = port, .dport = clientport, .proto = proto};
 }
 
-bytes error_about(const packets::packet &quoted, std::uint8_t type = 3, std::uint8_t code = 1)
+// The same over IPv6, with these headers in front of the ports.
+packets::packet answer6_of(const std::vector<packets::ext> &exts, std::uint8_t proto = TCP)
 {
-    return packets::build(icmp{
-        .type = type, .code = code, .body = packets::quote(quoted), .outer = {.src = "192.0.2.1"}});
+    return {.src = C6, .dst = "fd00::9", .sport = 80, .dport = 40000, .proto = proto, .exts = exts};
+}
+
+// An error about it from a router; of type 0: it could not be delivered.
+bytes error_about(const packets::packet &quoted, std::uint8_t type = 0)
+{
+    const bool isv6 = packets::is_ipv6(quoted);
+    const std::uint8_t unreachable = isv6 ? 1 : 3;
+    return packets::build(icmp{.type = type != 0 ? type : unreachable,
+                               .body = packets::quote(quoted),
+                               .outer = {.src = isv6 ? "2001:db8:f::1" : "192.0.2.1"}});
 }
 
 bytes tunnel_error(std::uint8_t proto, std::uint8_t code, std::uint16_t mtu = 0,
-                   const std::string &farend = "10.0.0.11")
+                   const std::string &farend = "10.0.0.11", std::uint8_t type = 3)
 {
-    return packets::build(
-        icmp{.code = code,
-             .mtu = mtu,
-             .body = packets::quote(packets::packet{.dst = farend, .proto = proto}),
-             .outer = {.dst = "10.0.0.1"}});
+    return packets::build(icmp{.type = type,
+                               .code = code,
+                               .word = mtu,
+                               .body = packets::quote({.dst = farend, .proto = proto}),
+                               .outer = {.dst = "10.0.0.1"}});
 }
 
 // Cuts the ICMP message, which no headers but the IP header go before.
 bytes cut(const bytes &frame, std::size_t len, bool honest = true)
 {
     return packets::cut(frame, (packets::is_ipv6(frame) ? 40 : 20) + len, honest);
-}
-
-// An error about what a server answered over IPv6, with these headers in front of the ports.
-bytes error6(const std::vector<packets::ext> &exts, std::uint8_t type = 1, std::uint8_t proto = TCP)
-{
-    const packets::packet6 quoted = {
-        .src = C6, .dst = "fd00::9", .sport = 80, .dport = 40000, .proto = proto, .exts = exts};
-    return packets::build(packets::icmp6{
-        .type = type, .body = packets::quote(quoted), .outer = {.src = "2001:db8:f::1"}});
 }
 
 class IcmpTest : public RecordFixture
@@ -84,16 +85,17 @@ class IcmpTest : public RecordFixture
                 get_cluster(isv6 ? C6 : C).getable.icmpstats.*counter};
     }
     // The packet is dropped under the label, and counted in all three places.
-    void expect_dropped(const bytes &frame, const char *label, bool aserror = false)
+    void expect_dropped(const bytes &frame, const std::string &label)
     {
-        const auto counter = aserror ? &lb_proto_stats_t::err : &lb_proto_stats_t::discard;
+        const auto counter =
+            label == "badinput" ? &lb_proto_stats_t::err : &lb_proto_stats_t::discard;
         const bool isv6 = packets::is_ipv6(frame);
         const counts_s before = counted(counter, isv6);
         fake::log_clear();
         (void)fake::take_sent();
         EXPECT_EQ(fake::receive(frame), LB_PACKETRC_CONSUMED);
         EXPECT_TRUE(fake::take_sent().empty());
-        EXPECT_TRUE(fake::log_contains(std::string(" ") + label + "\n"));
+        EXPECT_TRUE(fake::log_contains(" " + label + "\n"));
         EXPECT_EQ(counted(counter, isv6),
                   (counts_s{before.ip + 1, before.icmp + 1, before.cluster + 1}));
     }
@@ -114,20 +116,11 @@ class IcmpTest : public RecordFixture
 
 TEST_F(IcmpTest, ErrorsReachTheServerOfEachAlgorithm)
 {
-    const struct {
-        const char *name;
-        lb_u8_t algorithm;
-        const char *nobody; // a client without a record
-    } rows[] = {
-        {"hash", LBSEL_ALGORIGHM_HASH, nullptr},
-        {"connection", LBSEL_ALGORIGHM_CONNECTION, "no-existing-record"},
-        {"affinity", LBSEL_ALGORIGHM_AFFINITY, "no-existing-record"},
-        {"both", LBSEL_ALGORIGHM_CONN_AFFIN, "no-existing-record"},
-    };
     lb_u16_t port = 1000;
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        ASSERT_ADDED(make_port(++port, row.algorithm, 0, row.algorithm));
+    for (const auto algorithm : {LBSEL_ALGORIGHM_HASH, LBSEL_ALGORIGHM_CONNECTION,
+                                 LBSEL_ALGORIGHM_AFFINITY, LBSEL_ALGORIGHM_CONN_AFFIN}) {
+        SCOPED_TRACE(algorithm);
+        ASSERT_ADDED(make_port(++port, algorithm, 0, algorithm));
         ASSERT_ADDED(make_servers(port));
         ASSERT_NE(tcp(SYN, 40000, "10.9.0.2", port), NOWHERE); // so that not all is at the first
         const int server = tcp(SYN, 40001, CLIENT, port);
@@ -137,12 +130,11 @@ TEST_F(IcmpTest, ErrorsReachTheServerOfEachAlgorithm)
                 EXPECT_EQ(sent_to(error_about(answer_of(proto, 40001, port), type)), server);
             }
         }
-        EXPECT_EQ(counts(server, port), records);
         const bytes stranger = error_about(answer_of(TCP, 40001, port, "10.9.0.3"));
-        if (row.nobody != nullptr) {
-            expect_dropped(stranger, row.nobody);
-        } else {
+        if (algorithm == LBSEL_ALGORIGHM_HASH) {
             EXPECT_EQ(sent_to(stranger), server); // by the client's port alone
+        } else {
+            expect_dropped(stranger, "no-existing-record");
         }
         EXPECT_EQ(counts(server, port), records);
     }
@@ -182,126 +174,111 @@ TEST_F(IcmpTest, AffinityIsFoundAcrossPorts)
     EXPECT_EQ(get_server(C, 80, "10.0.0.12").getable.ipstats.fwd, 1U);
 }
 
-TEST_F(IcmpTest, DropsWhatBelongsToNobody)
+// With a connection of each version.
+class IcmpErrorTest : public IcmpTest
 {
-    ASSERT_ADDED(make_port(80, LBSEL_ALGORIGHM_CONNECTION, 0, LBSEL_ALGORIGHM_AFFINITY));
-    ASSERT_ADDED(make_servers(80));
-    ASSERT_EQ(tcp(SYN), 11);
+  protected:
+    void SetUp() override
+    {
+        IcmpTest::SetUp();
+        ASSERT_ADDED(make_port(80, LBSEL_ALGORIGHM_CONNECTION, 0, LBSEL_ALGORIGHM_AFFINITY));
+        ASSERT_ADDED(make_servers(80));
+        ASSERT_EQ(tcp(SYN), 11);
+        ASSERT_ADDED(add_ifaddr("eth0", "2001:db8::1/64"));
+        make_service(C6, {"2001:db8::11", "2001:db8::12"}, LBSEL_ALGORIGHM_CONNECTION);
+        for (const std::uint16_t sport : {39999, 40000}) { // so that not all is at the first
+            server6_ = sent_to(packets::build({.src = "fd00::9", .sport = sport}));
+        }
+    }
+    int server6_ = NOWHERE;
+};
+
+TEST_F(IcmpErrorTest, DropsWhatBelongsToNobody)
+{
     packets::packet later = answer_of();
     later.fragoff = 185;
-    packets::packet fragment = {.src = "192.0.2.1", .fragoff = 185};
+    const packets::packet fragment = {.src = "192.0.2.1", .fragoff = 185};
     const bytes good = error_about(answer_of());
+    const bytes good6 = error_about(answer6_of({}));
     const std::size_t quoted = ETH + 20 + 8;
+    const std::size_t quoted6 = packets::IP6 + 8;
     const struct {
         const char *name;
         bytes frame;
         const char *label;
-        bool aserror;
     } rows[] = {
-        {"another port", error_about(answer_of(TCP, 40000, 81)), "icmp-no-port-match", false},
-        {"another client port", error_about(answer_of(TCP, 40001)), "no-existing-record", false},
-        {"an algorithm without its table", error_about(answer_of(UDP)), "no-existing-record",
-         false},
-        {"quoted ICMP", error_about(answer_of(1)), "proto", false},
-        {"quoted later fragment", error_about(later), "proto", false},
-        {"quoted version 6", with(good, quoted, 0x65), "badinput", true},
-        {"quoted header of 16", with(good, quoted, 0x44), "badinput", true},
-        {"quoted header too long", with(good, quoted, 0x46), "badinput", true},
+        {"another port", error_about(answer_of(TCP, 40000, 81)), "icmp-no-port-match"},
+        {"another client port", error_about(answer_of(TCP, 40001)), "no-existing-record"},
+        {"an algorithm without its table", error_about(answer_of(UDP)), "no-existing-record"},
+        {"quoted ICMP", error_about(answer_of(1)), "proto"},
+        {"quoted later fragment", error_about(later), "proto"},
+        {"quoted version 6", with(good, quoted, 0x65), "badinput"},
+        {"quoted header of 16", with(good, quoted, 0x44), "badinput"},
+        {"quoted header too long", with(good, quoted, 0x46), "badinput"},
         {"timestamp request", packets::build(icmp{.type = 13, .body = bytes(12)}),
-         "icmp-unhandled-type", false},
-        {"echo reply", packets::build(icmp{.type = 0}), "icmp-unhandled-type", false},
+         "icmp-unhandled-type"},
+        {"echo reply", packets::build(icmp{.type = 0}), "icmp-unhandled-type"},
         {"a later fragment", packets::build(icmp{.type = 8, .outer = fragment}),
-         "icmp-unhandled-type", false},
+         "icmp-unhandled-type"},
+        {"later fragment6", error_about(answer6_of({packets::fragment(1, 0x10)})), "proto"},
+        {"ICMPv6", error_about(answer6_of({}, packets::ICMP6)), "proto"},
+        {"nothing", error_about(answer6_of({}, packets::NONEXT)), "proto"},
+        {"chain that does not end", with(with(good6, quoted6 + 6, 60), quoted6 + 41, 255), "proto"},
+        {"version 4", with(good6, quoted6, 0x45), "badinput"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        expect_dropped(row.frame, row.label, row.aserror);
+        expect_dropped(row.frame, row.label);
     }
     EXPECT_EQ(sent_to(good), 11);
     EXPECT_EQ(counts(11), "1 0 0 1");
 }
 
-TEST_F(IcmpTest, CutAnywhereNothingIsReadBeyondTheEnd)
+TEST_F(IcmpErrorTest, QuotesOverIPv6AreChainsOfHeaders)
 {
-    ASSERT_ADDED(make_port(80, LBSEL_ALGORIGHM_CONNECTION));
-    ASSERT_ADDED(make_server(80, 11));
-    ASSERT_EQ(tcp(SYN), 11);
+    for (const std::uint8_t type : {1, 2, 3, 4}) {
+        EXPECT_EQ(sent_to(error_about(answer6_of({}), type)), server6_);
+    }
+    const packets::ext all[] = {padding(packets::HOPOPTS), padding(packets::ROUTING, 2),
+                                padding(packets::DSTOPTS), packets::fragment(1, 1)};
+    EXPECT_EQ(sent_to(error_about(answer6_of({all, all + 4}))), server6_);
+    EXPECT_EQ(get_executor().getable.icmpv6stats.fwd, 5U);
+    EXPECT_NE(sent_to(packets::build(icmp{
+                  .type = 128, .outer = {.version = 6, .exts = {padding(packets::DSTOPTS, 3)}}})),
+              NOWHERE);
+}
+
+TEST_F(IcmpErrorTest, CutAnywhereNothingIsReadBeyondTheEnd)
+{
     packets::packet quoted = answer_of();
     quoted.options = 8;
-    constexpr std::size_t WHOLE = 8 + 28 + 8;
-    const bytes error = error_about(quoted);
-    const bytes tunnel = tunnel_error(47, 3);
-    ASSERT_EQ(error.size(), ETH + 20 + WHOLE);
-    for (std::size_t len = 0; len < WHOLE; len++) {
-        SCOPED_TRACE(len);
-        expect_dropped(cut(error, len), "badinput", true);
-        expect_dropped(cut(error, len, false), "badinput", true);
-        // What the total length leaves out is not the message's, though it was received.
-        bytes padded = cut(error, len);
-        padded.insert(padded.end(), error.begin() + static_cast<long>(padded.size()), error.end());
-        expect_dropped(padded, "badinput", true);
+    const struct {
+        const char *name;
+        bytes frame;
+        std::size_t from, needed; // bytes of the ICMP message
+    } rows[] = {
+        {"IPv4", error_about(quoted), 0, 8 + 28 + 8},
+        {"IPv6", error_about(answer6_of({})), 8, 8 + 44}, // the ports
+    };
+    for (const auto &row : rows) {
+        for (std::size_t len = row.from; len < row.needed; len++) {
+            SCOPED_TRACE(row.name + (" " + std::to_string(len)));
+            expect_dropped(cut(row.frame, len), "badinput");
+            expect_dropped(cut(row.frame, len, false), "badinput");
+            // What the length leaves out is not the message's, though it was received.
+            bytes padded = cut(row.frame, len);
+            const bytes rest = packets::part(row.frame, padded.size(), row.frame.size());
+            padded.insert(padded.end(), rest.begin(), rest.end());
+            expect_dropped(padded, "badinput");
+        }
+        EXPECT_NE(sent_to(cut(row.frame, row.needed)), NOWHERE);
     }
+    const bytes tunnel = tunnel_error(47, 3);
     for (std::size_t len = 0; len < tunnel.size() - ETH - 20; len++) {
         EXPECT_EQ(fake::receive(cut(tunnel, len)), LB_PACKETRC_INTACT) << len;
         EXPECT_EQ(fake::receive(cut(tunnel, len, false)), LB_PACKETRC_INTACT) << len;
     }
     EXPECT_FALSE(fake::log_contains("unreachable"));
-}
-
-TEST_F(IcmpTest, QuotesOverIPv6AreChainsOfHeaders)
-{
-    using packets::padding;
-    ASSERT_ADDED(add_ifaddr("eth0", "2001:db8::1/64"));
-    ASSERT_ADDED(add_cluster(C6));
-    ASSERT_ADDED(add_port(C6, 80, LBSEL_ALGORIGHM_CONNECTION));
-    for (const std::uint8_t last : {11, 12}) {
-        const std::string server = "2001:db8::" + std::to_string(last);
-        ASSERT_ADDED(add_server(C6, 80, server));
-        fake::receive(packets::advertisement(server, last));
-    }
-    for (const std::uint16_t sport : {39999, 40000}) { // so that not all is at the first
-        fake::receive(packets::build(packets::packet6{.src = "fd00::9", .sport = sport}));
-    }
-    const int server = fake::take_sent().back().bytes[5];
-    for (const std::uint8_t type : {1, 2, 3, 4}) {
-        EXPECT_EQ(sent_to(error6({}, type)), server);
-    }
-    EXPECT_EQ(sent_to(error6({padding(packets::HOPOPTS), padding(packets::ROUTING, 2),
-                              padding(packets::DSTOPTS)})),
-              server);
-    EXPECT_EQ(sent_to(error6({packets::fragment(1, 1)})), server);
-    EXPECT_EQ(get_executor().getable.icmpv6stats.fwd, 6U);
-    packets::icmp6 echo = {.type = 128};
-    echo.outer.exts = {padding(packets::DSTOPTS, 3)};
-    EXPECT_NE(sent_to(packets::build(echo)), NOWHERE);
-
-    constexpr const char *UNPARSED = "Error parsing ipv6 extension headers\n";
-    const bytes good = error6({});
-    const std::size_t quoted = packets::IP6 + 8;
-    const struct {
-        const char *name;
-        bytes frame;
-        const char *label;
-        const char *message;
-    } rows[] = {
-        {"later fragment", error6({packets::fragment(1, 0x10)}), "proto",
-         "Original packet is fragmented and this is not the first fragment\n"},
-        {"ICMPv6", error6({}, 1, packets::ICMP6), "proto", ""},
-        {"nothing", error6({}, 1, packets::NONEXT), "proto", UNPARSED},
-        {"chain that does not end", with(with(good, quoted + 6, 60), quoted + 41, 255), "proto",
-         UNPARSED},
-        {"version 4", with(good, quoted, 0x45), "badinput", ""},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        expect_dropped(row.frame, row.label, std::string(row.label) == "badinput");
-        EXPECT_TRUE(fake::log_contains(row.message));
-    }
-    for (std::size_t len = 8; len < 8 + 44; len++) { // the quoted ports are its last bytes
-        SCOPED_TRACE(len);
-        expect_dropped(cut(good, len), "badinput", true);
-    }
-    EXPECT_EQ(sent_to(cut(good, 8 + 44)), server);
 }
 
 TEST_F(IcmpTest, EchoGoesRoundPortsAndServers)
@@ -319,8 +296,7 @@ TEST_F(IcmpTest, EchoGoesRoundPortsAndServers)
         EXPECT_EQ(sent_to(ping), server);
     }
     EXPECT_TRUE(fake::log_contains(" FORWARD to 10.0.0.12 icmp-fwd\n"));
-    packets::packet first;
-    first.fragoff = 0x2000;
+    const packets::packet first = {.fragoff = 0x2000};
     EXPECT_NE(sent_to(packets::build(icmp{.type = 8, .body = bytes(32), .outer = first})), NOWHERE);
 }
 
@@ -330,11 +306,8 @@ TEST_F(IcmpTest, TunnelErrorsChangeTheFarEndAndStayWithTheHost)
     ASSERT_ADDED(make_server(80, 11));
     const lbneigh_obj_t *neigh = server_object(11)->neigh;
     const bytes unreachable = tunnel_error(4, 3);
-    bytes exceeded = unreachable;
-    exceeded[ETH + 20] = 11;
-    packets::mend_transport(exceeded);
     const std::size_t quoted = ETH + 20 + 8;
-    packets::packet later = {.dst = "10.0.0.1", .fragoff = 1};
+    const packets::packet later = {.dst = "10.0.0.1", .fragoff = 1};
     enum outcome { LEARNT, DISCARDED, ERROR, NOTFORUS };
     const struct {
         const char *name;
@@ -347,7 +320,7 @@ TEST_F(IcmpTest, TunnelErrorsChangeTheFarEndAndStayWithTheHost)
         {"fragmentation needed, IPIP", tunnel_error(4, 4, 1300), LEARNT, 1300, true},
         {"an old router's", tunnel_error(4, 4, 0), LEARNT, 0, true},
         {"bad checksum", with(unreachable, ETH + 20 + 7, 1), ERROR, 1500, true},
-        {"time exceeded", exceeded, NOTFORUS, 1500, true},
+        {"time exceeded", tunnel_error(4, 3, 0, "10.0.0.11", 11), NOTFORUS, 1500, true},
         {"about TCP", tunnel_error(6, 3), DISCARDED, 1500, true},
         {"far end unknown", tunnel_error(47, 3, 0, "10.0.0.99"), NOTFORUS, 1500, true},
         {"27 bytes", cut(unreachable, 27), DISCARDED, 1500, true},
@@ -355,8 +328,7 @@ TEST_F(IcmpTest, TunnelErrorsChangeTheFarEndAndStayWithTheHost)
         {"quoted version 6", with(unreachable, quoted, 0x65), ERROR, 1500, true},
         {"quoted header too long", with(unreachable, quoted, 0x48), ERROR, 1500, true},
         {"a later fragment",
-         packets::build(
-             icmp{.body = packets::quote(packets::packet{.dst = "10.0.0.11"}), .outer = later}),
+         packets::build(icmp{.body = packets::quote({.dst = "10.0.0.11"}), .outer = later}),
          NOTFORUS, 1500, true},
         {"port unreachable, IPIP", unreachable, LEARNT, 1500, false},
     };
@@ -380,9 +352,6 @@ TEST_F(IcmpTest, TunnelErrorsChangeTheFarEndAndStayWithTheHost)
         }
         EXPECT_EQ(lb_peek(neigh->encapmtu), row.mtu);
         EXPECT_EQ(lb_peek(neigh->encapreachable), row.reachable ? 1 : 0);
-        EXPECT_EQ(fake::log_contains(" server marked as unreachable\n"), !row.reachable);
-        EXPECT_EQ(fake::log_contains(" reset server encapmtu to " + std::to_string(row.mtu) + "\n"),
-                  row.mtu != 1500);
     }
     EXPECT_TRUE(fake::take_sent().empty());
 }

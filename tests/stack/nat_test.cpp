@@ -2,7 +2,7 @@
 // becomes of everything else that is sent to a return address, how long a connection keeps its
 // port, and how long a return address lives.
 #include "nat_fixture.h"
-#include "packets6.h"
+#include "packets.h"
 
 namespace
 {
@@ -312,7 +312,7 @@ TEST_F(NatTest, BothWaysInFragmentsOfAnyOrderOfEitherVersion)
     fake::receive(packets::advertisement("2001:db8::254", 254));
     fake::receive(packets::advertisement("2001:db8:1::254", 0xFE));
     ASSERT_TRUE(segment(SYN, 40000));
-    fake::receive(packets::build(packets::packet6{.src = CLIENT6}));
+    fake::receive(packets::build(packets::packet{.src = CLIENT6}));
 
     // Translation is no hop: what may go no further goes.
     packets::packet request = {
@@ -320,13 +320,13 @@ TEST_F(NatTest, BothWaysInFragmentsOfAnyOrderOfEitherVersion)
     packets::packet reply = answer(1025);
     reply.ttl = 1;
     reply.payload = 3001;
-    const packets::packet6 request6 = {.src = CLIENT6, .hops = 1, .flags = ACK, .payload = 3001};
-    const packets::packet6 reply6 = {.src = SERVER6,
-                                     .dst = "2001:db8:1::200",
-                                     .sport = 80,
-                                     .dport = 1025,
-                                     .hops = 1,
-                                     .payload = 3001};
+    const packets::packet request6 = {.src = CLIENT6, .ttl = 1, .flags = ACK, .payload = 3001};
+    const packets::packet reply6 = {.src = SERVER6,
+                                    .dst = "2001:db8:1::200",
+                                    .sport = 80,
+                                    .dport = 1025,
+                                    .ttl = 1,
+                                    .payload = 3001};
     const struct {
         const char *becomes;
         bytes whole;
@@ -337,9 +337,9 @@ TEST_F(NatTest, BothWaysInFragmentsOfAnyOrderOfEitherVersion)
         {"10.0.0.100 80 > 10.9.0.1 40000", packets::build(reply),
          packets::fragments(packets::build(reply))},
         {"2001:db8:1::200 1025 > 2001:db8:2::11 80", packets::build(request6),
-         packets::fragments6(request6, 0xABCD1234)},
+         packets::fragments(packets::build(request6), 1500, 0xABCD1234)},
         {"2001:db8::100 80 > fd00::9 40000", packets::build(reply6),
-         packets::fragments6(reply6, 0xABCD1234)},
+         packets::fragments(packets::build(reply6), 1500, 0xABCD1234)},
     };
     for (const auto &row : rows) {
         const bool isv6 = packets::is_ipv6(row.whole);

@@ -25,7 +25,7 @@ inline bytes whole(const std::string &src, std::uint16_t id, std::size_t payload
                                   .proto = packets::UDP,
                                   .id = id,
                                   .payload = payload});
-    for (std::size_t i = packets::ETH + 28; i < frame.size(); i++) {
+    for (std::size_t i = packets::upper_of(frame).at + 8; i < frame.size(); i++) {
         frame[i] = static_cast<std::uint8_t>(i * 7 + id * 31U + frame[packets::ETH + 15] + i / 256);
     }
     packets::mend_transport(frame);
@@ -41,33 +41,35 @@ class receiver
     {
         for (const fake::sent_frame &frame : sent) {
             const bytes &b = frame.bytes;
-            if (packets::get16(b, 12) != 0x0800) {
+            if (packets::get16(b, 12) == 0x0806 || packets::upper_of(b).proto != packets::UDP) {
                 continue;
             }
-            auto &[server, pieces] =
-                got_[{packets::ip_at(b, packets::ETH + 12), packets::get16(b, packets::ETH + 4)}];
+            const packets::piece piece = packets::piece_of(b);
+            auto &[server, pieces] = got_[{packets::src_of(b), piece.id}];
             if (!pieces.empty()) {
                 EXPECT_EQ(server, packets::mac_at(b, 0)) << "pieces went to two servers";
             }
             server = packets::mac_at(b, 0);
-            const std::size_t at = (packets::get16(b, packets::ETH + 6) & 0x1FFFU) * 8;
-            EXPECT_TRUE(pieces.emplace(at, b).second) << "the piece at " << at << " came twice";
+            EXPECT_TRUE(
+                pieces.emplace(piece.offset, packets::part(b, piece.begin, b.size())).second)
+                << "the piece at " << piece.offset << " came twice";
         }
     }
-    // Whether all of the datagram has come, byte by byte.
-    [[nodiscard]] bool has(const bytes &datagram) const
+    // Whether all of the datagram has come, byte by byte. One of IPv6 has the identification that
+    // it was cut with.
+    [[nodiscard]] bool has(const bytes &datagram, std::uint32_t id6 = 0) const
     {
-        const auto found = got_.find({packets::ip_at(datagram, packets::ETH + 12),
-                                      packets::get16(datagram, packets::ETH + 4)});
+        const std::uint32_t id = id6 != 0 ? id6 : packets::piece_of(datagram).id;
+        const auto found = got_.find({packets::src_of(datagram), id});
         if (found == got_.end()) {
             return false;
         }
         bytes body;
         for (const auto &[at, piece] : found->second.second) {
             body.resize(at); // a gap stays zero
-            body.insert(body.end(), piece.begin() + packets::ETH + 20, piece.end());
+            body.insert(body.end(), piece.begin(), piece.end());
         }
-        return body == bytes(datagram.begin() + packets::ETH + 20, datagram.end());
+        return body == packets::part(datagram, packets::upper_of(datagram).at, datagram.size());
     }
     [[nodiscard]] std::size_t pieces() const
     {
@@ -80,7 +82,7 @@ class receiver
 
   private:
     using delivery = std::pair<packets::mac, std::map<std::size_t, bytes>>;
-    std::map<std::pair<std::string, std::uint16_t>, delivery> got_;
+    std::map<std::pair<std::string, std::uint32_t>, delivery> got_;
 };
 
 } // namespace datagrams

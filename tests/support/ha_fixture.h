@@ -7,7 +7,7 @@
 #include "lb_replication.h"
 
 #include "nat_fixture.h"
-#include "packets6.h"
+#include "packets.h"
 
 class HaFixture : public NatFixture
 {
@@ -78,12 +78,9 @@ class HaFixture : public NatFixture
     }
     static void put_addr(packets::bytes &frame, std::size_t at, const std::string &text)
     {
-        if (text.find(':') != std::string::npos) {
-            frame.at(at) = 6;
-            packets::set_at(frame, at + 8, packets::to_ip6(text));
-        } else if (!text.empty()) {
-            frame.at(at) = 4;
-            packets::set_at(frame, at + 8, packets::to_ip4(text));
+        if (!text.empty()) {
+            frame.at(at) = text.find(':') != std::string::npos ? 6 : 4;
+            packets::set_at(frame, at + 8, packets::to_ip(text));
         }
     }
     static packets::bytes build(const beat &b)

@@ -214,6 +214,35 @@ class StackTest : public FakeHostTest, protected stack::client
         return set(LBCMD_KEYTYPE_IFACE, stack::ifacekey(name), setable);
     }
 
+    // --- What many tests begin with --------------------------------------------------------------
+
+    // An interface on 10.0.0.0/24 and 2001:db8::/64.
+    void make_eth0()
+    {
+        ASSERT_ADDED(add_interface("eth0"));
+        ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
+        ASSERT_ADDED(add_ifaddr("eth0", "2001:db8::1/64"));
+    }
+    // A neighbour tells the last byte of its hardware address, by ARP or by neighbour discovery.
+    static void meet(const std::string &ip, std::uint8_t last)
+    {
+        fake::receive(ip.find(':') != std::string::npos ? packets::advertisement(ip, last)
+                                                        : packets::arp_reply(ip, last));
+        (void)fake::take_sent();
+    }
+    // A cluster whose port 80 has servers, which are met: their hardware addresses end like theirs.
+    void make_service(const std::string &cluster, const std::vector<std::string> &servers,
+                      lb_u8_t algorithm = LBSEL_ALGORIGHM_HASH)
+    {
+        ASSERT_ADDED(add_cluster(cluster));
+        ASSERT_ADDED(add_port(cluster, 80, algorithm));
+        for (const std::string &server : servers) {
+            ASSERT_ADDED(add_server(cluster, 80, server));
+            meet(server, static_cast<std::uint8_t>(
+                             std::stoi(server.substr(server.find_last_of(".:") + 1))));
+        }
+    }
+
   private:
     template <class Block> static void take(const lb_u8_t *&at, lb_u16_t size, Block &block)
     {

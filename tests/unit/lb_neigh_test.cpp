@@ -1,15 +1,13 @@
-// The neighbour table: its state machine by table, its cadence on the fake clock, what it learns
-// and answers, and routes that appear and go away.
+// The neighbour table: its cadence on the fake clock, routes that appear and go away, and what of
+// ARP is announced and answered.
 #include "lb_neigh.h"
 
-#include <algorithm>
-
-#include "packets.h"
 #include "stack_fixture.h"
 
 namespace
 {
 
+using packets::build;
 using packets::bytes;
 
 constexpr packets::mac OWN = {2, 0, 0, 0, 0, 1};
@@ -22,8 +20,7 @@ class NeighTest : public StackTest
     void SetUp() override
     {
         StackTest::SetUp();
-        ASSERT_ADDED(add_interface("eth0", stack::ethernet(1)));
-        ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
+        make_eth0();
     }
 
     void TearDown() override
@@ -49,17 +46,7 @@ class NeighTest : public StackTest
         const lbip_addr_t addr = stack::ip(ip);
         lbneigh_rmnode(&addr);
     }
-    static lbneigh_obj_t *find(const std::string &ip = PEER_IP)
-    {
-        const lbip_addr_t addr = stack::ip(ip);
-        return lbneigh_lookup(&addr);
-    }
-
-    static int answer(packets::mac hw = PEER, const std::string &ip = PEER_IP)
-    {
-        return fake::receive(packets::build(packets::arp{
-            .op = 2, .srchw = hw, .srcip = ip, .tgthw = OWN, .tgtip = "10.0.0.1", .ethdst = OWN}));
-    }
+    static void answer(const std::string &ip = PEER_IP) { meet(ip, PEER[5]); }
 
     // The queries sent since the last call, as "b" (broadcast) or "u" (unicast to the peer).
     static std::string queries()
@@ -93,65 +80,9 @@ class NeighTest : public StackTest
     std::vector<std::string> added_;
 };
 
-// --- State machine -------------------------------------------------------------------------------
-
-constexpr int OK = LBNEIGH_STATE_RXOK, U0 = LBNEIGH_STATE_TXU0, B1 = LBNEIGH_STATE_TXB1,
-              B2 = LBNEIGH_STATE_TXB2, B3 = LBNEIGH_STATE_TXB3, DEAD = LBNEIGH_STATE_DEAD,
-              NOIF = LBNEIGH_STATEMOD_NOIFACE, ERR = LBNEIGH_STATEMOD_ERROR,
-              DOWN = LBNEIGH_STATEMOD_SERVERSDOWN;
-
-TEST_F(NeighTest, Transitions)
-{
-    lbneigh_obj_t *entry = add();
-    ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(answer(), LB_PACKETRC_INTACT);
-    (void)queries();
-    const lb_timeval_t now = fake::now();
-    const struct {
-        const char *name;
-        int old, vector;
-        bool ripe;
-        int next;
-        const char *sends;
-    } rows[] = {
-        {"not ripe", OK, LBNEIGH_VECTOR_TIMER, false, OK, ""},
-        {"verify", OK, LBNEIGH_VECTOR_TIMER, true, U0, "u"},
-        {"first broadcast", U0, LBNEIGH_VECTOR_TIMER, true, B1, "b"},
-        {"second", B1, LBNEIGH_VECTOR_TIMER, true, B2, "b"},
-        {"third", B2, LBNEIGH_VECTOR_TIMER, true, B3, "b"},
-        {"dies", B3, LBNEIGH_VECTOR_TIMER, true, DEAD | DOWN, "b"},
-        {"stays dead", DEAD | DOWN, LBNEIGH_VECTOR_TIMER, true, DEAD | DOWN, "b"},
-        {"unused state never ripens", 7, LBNEIGH_VECTOR_TIMER, true, 7, ""},
-        {"answer", B3, LBNEIGH_VECTOR_RX, false, OK, ""},
-        {"answer of the dead", DEAD | DOWN, LBNEIGH_VECTOR_RX, false, OK, ""},
-        {"answer without handle", ERR | U0, LBNEIGH_VECTOR_RX, false, ERR | U0, ""},
-        {"answer without interface", NOIF | U0, LBNEIGH_VECTOR_RX, false, NOIF | U0, ""},
-        {"no handle", OK, LBNEIGH_VECTOR_TXERR, false, ERR | U0, ""},
-        {"no handle for the dead", DEAD | DOWN, LBNEIGH_VECTOR_TXERR, false, ERR | U0, ""},
-        {"no interface", B2, LBNEIGH_VECTOR_NOIFACE, false, NOIF | U0, ""},
-        {"handle again", ERR | NOIF | B2, LBNEIGH_VECTOR_TXOK, false, B2, ""},
-        {"handle again keeps the mark", DEAD | DOWN | ERR, LBNEIGH_VECTOR_TXOK, false, DEAD | DOWN,
-         ""},
-        {"interface again", ERR | NOIF | U0, LBNEIGH_VECTOR_HAVEIFACE, false, ERR | U0, ""},
-        {"unknown vector", ERR | U0, 99, false, ERR, ""},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        const lb_timeval_t then = row.ripe ? lb_timeval_t{now.secs - 100, 0} : now;
-        lb_poke(entry->lastrx, then);
-        lb_poke(entry->lasttx, then);
-        lb_poke(entry->state, static_cast<lb_u8_t>(row.old));
-        _lbneigh_nextstate(entry, row.vector);
-        EXPECT_EQ(int(lb_peek(entry->state)), row.next);
-        EXPECT_EQ(queries(), row.sends);
-    }
-    lb_poke(entry->Collocated, 1);
-    for (int vector = 0; vector < 8; vector++) {
-        lb_poke(entry->state, static_cast<lb_u8_t>(ERR | DEAD));
-        _lbneigh_nextstate(entry, vector);
-        EXPECT_EQ(lb_peek(entry->state), OK) << "collocated, vector " << vector;
-    }
-}
+constexpr int OK = LBNEIGH_STATE_RXOK, U0 = LBNEIGH_STATE_TXU0,
+              DEAD = LBNEIGH_STATE_DEAD | LBNEIGH_STATEMOD_SERVERSDOWN,
+              NOIF = LBNEIGH_STATEMOD_NOIFACE, ERR = LBNEIGH_STATEMOD_ERROR;
 
 // --- Cadence -------------------------------------------------------------------------------------
 
@@ -162,33 +93,16 @@ TEST_F(NeighTest, SilentNeighbourIsVerifiedQueriedDeclaredDeadAndComesBack)
     answer();
     EXPECT_EQ(lb_peek(entry->state), OK);
     EXPECT_EQ(cadence(80), "10u 11b 12b 13b 14b 44b 74b ");
-    EXPECT_EQ(lb_peek(entry->state), DEAD | DOWN);
+    EXPECT_EQ(lb_peek(entry->state), DEAD);
     answer();
     EXPECT_EQ(lb_peek(entry->state), OK);
     EXPECT_EQ(cadence(11), "9u 10b 11b ") << "verified 15 s after the last query";
-}
-
-TEST_F(NeighTest, OwnQueriesOfANeighbourCountAsAnswers)
-{
-    lbneigh_obj_t *entry = add();
-    answer();
-    (void)queries();
-    std::string seen;
-    for (int round = 0; round < 6; round++) {
-        seen += cadence(5) + "| ";
-        const int rc = fake::receive(
-            packets::build(packets::arp{.srchw = PEER, .srcip = PEER_IP, .tgtip = "10.0.0.77"}));
-        EXPECT_EQ(rc, LB_PACKETRC_INTACT) << "a question to somebody else";
-    }
-    EXPECT_EQ(seen, "| | 5u | | | 5u | ") << "verified only 15 s after the last query";
-    EXPECT_EQ(lb_peek(entry->state), OK);
 }
 
 TEST_F(NeighTest, ClockStepsNeitherHangNorKill)
 {
     lbneigh_obj_t *entry = add();
     answer();
-    (void)queries();
     fake::advance_s(-100000);
     EXPECT_EQ(cadence(12), "10.5u 11.5b ")
         << "ten seconds after the tick that noticed the step back";
@@ -212,8 +126,6 @@ TEST_F(NeighTest, EveryRipeEntryIsVisitedOnceATick)
     EXPECT_EQ(fake::log_count("no interface for ip, hope for resolution later"), 260);
 }
 
-// --- Learning ------------------------------------------------------------------------------------
-
 // --- Routes --------------------------------------------------------------------------------------
 
 TEST_F(NeighTest, NoInterfaceAndThenOneAppears)
@@ -222,7 +134,7 @@ TEST_F(NeighTest, NoInterfaceAndThenOneAppears)
     EXPECT_EQ(queries(), "");
     EXPECT_EQ(lb_peek(entry->state), NOIF | U0);
     tick(2);
-    answer(PEER, "10.9.0.11");
+    answer("10.9.0.11");
     EXPECT_EQ(lb_peek(entry->state), NOIF | U0) << "answers count for nothing without a way";
     EXPECT_EQ(queries(), "");
     EXPECT_EQ(lb_peekptr(entry->route), nullptr);
@@ -233,7 +145,7 @@ TEST_F(NeighTest, NoInterfaceAndThenOneAppears)
     ASSERT_EQ(sent.size(), 1U);
     EXPECT_EQ(sent[0].ifname, "eth1");
     EXPECT_EQ(packets::ip_at(sent[0].bytes, packets::ETH + 14), "10.9.0.1");
-    answer(PEER, "10.9.0.11");
+    answer("10.9.0.11");
     EXPECT_EQ(lb_peek(entry->state), OK);
     ASSERT_NE(lb_peekptr(entry->route), nullptr);
 }
@@ -259,9 +171,13 @@ TEST_F(NeighTest, ARouteIsReplacedOnlyWhenItDiffers)
 
 TEST_F(NeighTest, AHandleThatCannotBeHadIsAskedForEverySecond)
 {
-    fake::set_interface_unknown("eth0");
     lbneigh_obj_t *entry = add();
-    EXPECT_EQ(lb_peek(entry->state), ERR | U0);
+    tick(4);
+    EXPECT_EQ(lb_peek(entry->state), DEAD);
+    (void)queries();
+    fake::set_interface_unknown("eth0");
+    EXPECT_EQ(cadence(30), "");
+    EXPECT_EQ(lb_peek(entry->state), ERR | U0) << "unreachable rather than dead";
     answer();
     EXPECT_EQ(lb_peek(entry->state), ERR | U0);
     fake::log_clear();
@@ -273,7 +189,7 @@ TEST_F(NeighTest, AHandleThatCannotBeHadIsAskedForEverySecond)
     EXPECT_EQ(lb_peek(entry->state), OK);
 }
 
-TEST_F(NeighTest, NothingIsAskedOnAnInterfaceWithoutArp)
+TEST_F(NeighTest, NothingIsAskedWithoutArpNorOfThisHost)
 {
     lbifin_setable_t silent = stack::ethernet(2);
     silent.arp = LBIFIN_YN_NO;
@@ -289,12 +205,21 @@ TEST_F(NeighTest, NothingIsAskedOnAnInterfaceWithoutArp)
         EXPECT_EQ(lb_peek(entry->state), OK) << ip;
         ASSERT_NE(lb_peekptr(entry->route), nullptr) << ip;
     }
-    EXPECT_EQ(packets::to_text({find("10.7.0.2")->route->srcip.nboaddr.v4[0], 7, 0, 1}),
-              "10.7.0.1");
+    lbneigh_obj_t *own = add();
+    (void)queries();
+    lb_poke(own->Collocated, 1);
+    tick(40);
+    EXPECT_EQ(lb_peek(own->state), OK);
     EXPECT_EQ(queries(), "");
 }
 
 // --- Answering and announcing --------------------------------------------------------------------
+
+bytes with16(bytes frame, std::size_t at, std::uint16_t value)
+{
+    packets::put16(frame, at, value);
+    return frame;
+}
 
 TEST_F(NeighTest, AClusterIsAnnouncedAndAnsweredForOnItsInterface)
 {
@@ -307,43 +232,58 @@ TEST_F(NeighTest, AClusterIsAnnouncedAndAnsweredForOnItsInterface)
     }
     const auto announced = fake::take_sent(); // of three, the one whose interface does ARP
     ASSERT_EQ(announced.size(), 1U);
-    EXPECT_EQ(announced[0].bytes, packets::build(packets::arp{
-                                      .srchw = OWN, .srcip = "10.0.0.100", .tgtip = "10.0.0.100"}));
+    EXPECT_EQ(announced[0].bytes,
+              build(packets::arp{.srchw = OWN, .srcip = "10.0.0.100", .tgtip = "10.0.0.100"}));
+    const packets::arp request, probe = {.srcip = "0.0.0.0"}, direct = {.ethdst = OWN};
+    const bytes frame = build(request);
+    bytes padded = frame;
+    padded.resize(60); // the smallest Ethernet frame
+    constexpr std::size_t ARP = packets::ETH;
     const struct {
         const char *name;
-        packets::arp request;
-        bool answered;
+        bytes frame;
+        const packets::arp *answered = nullptr; // or left to the host
     } rows[] = {
-        {"a probe for it", {.srcip = "0.0.0.0", .tgtip = "10.0.0.100"}, true},
-        {"asked directly", {.tgtip = "10.0.0.100", .ethdst = OWN}, true},
-        {"a cluster on an interface without ARP", {.tgtip = "10.8.0.100"}, false},
-        {"a cluster that no interface carries", {.tgtip = "10.6.0.100"}, false},
-        {"an asker with a group address",
-         {.srchw = packets::BROADCAST, .tgtip = "10.0.0.100"},
-         false},
-        {"a reply, not a request", {.op = 2, .tgtip = "10.0.0.100"}, false},
+        {"a request", padded, &request},
+        {"a probe", build(probe), &probe},
+        {"asked directly", build(direct), &direct},
+        {"a cluster on an interface without ARP", build(packets::arp{.tgtip = "10.8.0.100"})},
+        {"a cluster that no interface carries", build(packets::arp{.tgtip = "10.6.0.100"})},
+        {"an asker with a group address", build(packets::arp{.srchw = packets::BROADCAST})},
+        {"a reply, not a request", build(packets::arp{.op = 2})},
+        {"hardware type 6", with16(frame, ARP, 6)},
+        {"for IPv6", with16(frame, ARP + 2, 0x86DD)},
+        {"hardware length 5", with16(frame, ARP + 4, 0x0504)},
+        {"protocol length 2", with16(frame, ARP + 4, 0x0602)},
+        {"lengths beyond the frame", with16(frame, ARP + 4, 0xFFFF)},
+        {"a frame that is cut", packets::part(frame, 0, frame.size() - 1)},
+        {"RARP", with16(frame, ARP + 6, 3)},
+        {"operation 256 (bytes swapped)", with16(frame, ARP + 6, 0x0100)},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        EXPECT_EQ(fake::receive(packets::build(row.request)),
-                  row.answered ? LB_PACKETRC_CONSUMED : LB_PACKETRC_INTACT);
+        const bool answered = row.answered != nullptr;
+        const auto before = get_executor().getable.arpstats;
+        EXPECT_EQ(fake::receive(row.frame), answered ? LB_PACKETRC_CONSUMED : LB_PACKETRC_INTACT);
+        const auto after = get_executor().getable.arpstats;
+        EXPECT_EQ(after.in, before.in + 1);
+        EXPECT_EQ(after.gen, before.gen + (answered ? 1 : 0));
         const auto sent = fake::take_sent();
-        ASSERT_EQ(sent.size(), row.answered ? 1U : 0U);
-        if (row.answered) {
+        ASSERT_EQ(sent.size(), answered ? 1U : 0U);
+        if (answered) {
             const packets::arp expected{.op = 2,
                                         .srchw = OWN,
-                                        .srcip = row.request.tgtip,
-                                        .tgthw = row.request.srchw,
-                                        .tgtip = row.request.srcip,
-                                        .ethdst = row.request.srchw};
-            EXPECT_EQ(sent[0].bytes, packets::build(expected));
+                                        .srcip = row.answered->tgtip,
+                                        .tgthw = row.answered->srchw,
+                                        .tgtip = row.answered->srcip,
+                                        .ethdst = row.answered->srchw};
+            EXPECT_EQ(sent[0].bytes, build(expected));
             EXPECT_EQ(sent[0].ifname, "eth0");
         }
     }
     fake::set_interface_unknown("eth0");
     ASSERT_ADDED(add_cluster("10.0.0.101"));
-    EXPECT_EQ(fake::receive(packets::build(packets::arp{})), LB_PACKETRC_INTACT)
-        << "no handle to answer on";
+    EXPECT_EQ(fake::receive(build(packets::arp{})), LB_PACKETRC_INTACT) << "no handle to answer on";
 }
 
 } // namespace
