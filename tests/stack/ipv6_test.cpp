@@ -61,9 +61,7 @@ class Ipv6Test : public StackTest
     // The frame that was sent for a received one; empty unless it is the only one.
     static bytes forwarded(const bytes &frame)
     {
-        (void)fake::take_sent();
-        EXPECT_EQ(fake::receive(frame), LB_PACKETRC_CONSUMED);
-        const auto sent = fake::take_sent();
+        const auto sent = sent_for(frame);
         return sent.size() == 1 && sent[0].how == fake::via::packet ? sent[0].bytes : bytes();
     }
     int make_natserver(const std::string &cluster, const std::string &server,

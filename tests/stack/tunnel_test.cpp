@@ -45,15 +45,6 @@ class TunnelTest : public StackTest
         return add_server(CLUSTER, 80, server, setable);
     }
 
-    // What the stack sends about one frame from a client.
-    static std::vector<fake::sent_frame> send(const bytes &frame,
-                                              fake::link link = fake::link::ethernet)
-    {
-        (void)fake::take_sent();
-        EXPECT_EQ(fake::receive(frame, link), LB_PACKETRC_CONSUMED);
-        return fake::take_sent();
-    }
-
     lb_proto_stats_t counted(const char *server)
     {
         return get_server(CLUSTER, 80, server).getable.ipstats;
@@ -92,30 +83,30 @@ TEST_F(TunnelTest, ThePacketTravelsInsideUnchanged)
         bytes frame = packet(100);
         frame.resize(frame.size() + 9); // padding stays behind
         const bytes bare = packets::part(frame, ETH, frame.size());
-        for (const auto &sent : {send(frame), send(bare, fake::link::slip)}) {
+        for (const auto &sent : {sent_for(frame), sent_for(bare, fake::link::slip)}) {
             ASSERT_EQ(sent.size(), 1U);
             expect_tunnelled(sent[0], m, packet(100));
         }
         packets::put16(frame, ETH + 2, 200); // more than came
         packets::mend_ip(frame);
-        EXPECT_TRUE(send(frame).empty());
+        EXPECT_TRUE(sent_for(frame).empty());
         EXPECT_EQ(counted(DISTANT).err, 1U);
 
         // What is too long for the tunnel.
         const auto largest = static_cast<std::size_t>(1500 - m.overhead);
-        EXPECT_EQ(send(packet(largest, DF)).size(), 1U);
-        const auto marked = send(packet(1500, DF));
+        EXPECT_EQ(sent_for(packet(largest, DF)).size(), 1U);
+        const auto marked = sent_for(packet(1500, DF));
         ASSERT_EQ(marked.size(), 1U) << "the error alone";
         expect_toolong(marked[0], 1500 - m.overhead);
         EXPECT_EQ(counted(DISTANT).err, 2U);
-        const auto unmarked = send(packet(1500));
+        const auto unmarked = sent_for(packet(1500));
         ASSERT_EQ(unmarked.size(), 2U) << "the error, and the packet all the same";
         expect_toolong(unmarked[0], 1500 - m.overhead);
         expect_tunnelled(unmarked[1], m, packet(1500));
         EXPECT_EQ(counted(DISTANT).fwd, 4U);
         EXPECT_EQ(get_server(CLUSTER, 80, DISTANT).getable.icmpstats.gen, 2U);
         ASSERT_ADDED(set_server(CLUSTER, 80, DISTANT, [](auto &s) { s.encapmtu = 10; }));
-        const auto narrow = send(packet(100, DF));
+        const auto narrow = sent_for(packet(100, DF));
         ASSERT_EQ(narrow.size(), 1U);
         expect_toolong(narrow[0], 0);
         ASSERT_ADDED(rm_server(CLUSTER, 80, DISTANT));
@@ -141,7 +132,7 @@ TEST_F(TunnelTest, WhenAPacketIsEncapsulated)
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         ASSERT_ADDED(add_tunnel(row.server, row.encapflags));
-        const auto sent = send(packet(100));
+        const auto sent = sent_for(packet(100));
         ASSERT_EQ(sent.size(), row.protocol < 0 ? 0U : 1U);
         if (row.protocol >= 0) {
             EXPECT_EQ(sent[0].protocol, row.protocol);
@@ -189,7 +180,7 @@ TEST_F(CollocatedTest, PacketsLeaveThroughTheOneTunDevice)
     packets::mend_ip(expected, 0);
     frame.resize(frame.size() + 9); // padding stays behind
     const bytes bare = packets::part(frame, ETH, frame.size());
-    for (const auto &sent : {send(frame), send(bare, fake::link::slip)}) {
+    for (const auto &sent : {sent_for(frame), sent_for(bare, fake::link::slip)}) {
         ASSERT_EQ(sent.size(), 1U);
         EXPECT_EQ(sent[0].how, fake::via::tun);
         EXPECT_EQ(sent[0].tunfd, fake::tun_requests()[0].result);
@@ -202,10 +193,10 @@ TEST_F(CollocatedTest, WithoutATunDeviceNothingIsSent)
     ASSERT_ADDED(add_tunnel(LOCAL, 0));
     fake::fail(fake::op::tun_alloc, 1);
     (void)set_collocated(LOCAL);
-    EXPECT_TRUE(send(packet(100)).empty()) << "above all not to descriptor 0";
+    EXPECT_TRUE(sent_for(packet(100)).empty()) << "above all not to descriptor 0";
     EXPECT_EQ(counted(LOCAL).err, 1U);
     ASSERT_ADDED(set_collocated(LOCAL)); // the next SET tries again
-    EXPECT_EQ(send(packet(100)).size(), 1U);
+    EXPECT_EQ(sent_for(packet(100)).size(), 1U);
 }
 
 } // namespace

@@ -32,6 +32,27 @@ using cluster_view = view<lbclu_addable_t, lbclu_setable_t, lbclu_getable_t>;
 using port_view = view<lbport_addable_t, lbport_setable_t, lbport_getable_t>;
 using server_view = view<lbsrv_addable_t, lbsrv_setable_t, lbsrv_getable_t>;
 
+// Which of the counters went up, by name: "in fwd", or "in fwd+2".
+inline std::string counted(const lb_proto_stats_t &before, const lb_proto_stats_t &after)
+{
+    const std::pair<const char *, lb_u64_t> counters[] = {
+        {"in", after.in - before.in},
+        {"gen", after.gen - before.gen},
+        {"fwd", after.fwd - before.fwd},
+        {"notforus", after.notforus - before.notforus},
+        {"discard", after.discard - before.discard},
+        {"err", after.err - before.err},
+    };
+    std::string out;
+    for (const auto &[name, more] : counters) {
+        if (more != 0) {
+            out += (out.empty() ? "" : " ") + std::string(name);
+            out += more > 1 ? "+" + std::to_string(more) : "";
+        }
+    }
+    return out;
+}
+
 } // namespace stack
 
 class StackTest : public FakeHostTest, protected stack::client
@@ -161,25 +182,26 @@ class StackTest : public FakeHostTest, protected stack::client
     }
 
     // Reads the settable block, changes it and writes it back, as a careful client does.
-    int set_executor(const std::function<void(lbexe_setable_t &)> &change)
+    template <class Block>
+    int change(const lbcmd_key_t &key, Block setable, const std::function<void(Block &)> &with)
     {
-        lbexe_setable_t setable = get_executor().setable;
-        change(setable);
-        return set(LBCMD_KEYTYPE_CONFIG, stack::cfgkey(), setable);
+        with(setable);
+        return set(LBCMD_KEYTYPE_CONFIG, key, setable);
+    }
+    int set_executor(const std::function<void(lbexe_setable_t &)> &with)
+    {
+        return change(stack::cfgkey(), get_executor().setable, with);
     }
     int set_port(const std::string &cluster, lb_u16_t port,
-                 const std::function<void(lbport_setable_t &)> &change)
+                 const std::function<void(lbport_setable_t &)> &with)
     {
-        lbport_setable_t setable = get_port(cluster, port).setable;
-        change(setable);
-        return set(LBCMD_KEYTYPE_CONFIG, stack::cfgkey(cluster, port), setable);
+        return change(stack::cfgkey(cluster, port), get_port(cluster, port).setable, with);
     }
     int set_server(const std::string &cluster, lb_u16_t port, const std::string &server,
-                   const std::function<void(lbsrv_setable_t &)> &change)
+                   const std::function<void(lbsrv_setable_t &)> &with)
     {
-        lbsrv_setable_t setable = get_server(cluster, port, server).setable;
-        change(setable);
-        return set(LBCMD_KEYTYPE_CONFIG, stack::cfgkey(cluster, port, server), setable);
+        return change(stack::cfgkey(cluster, port, server),
+                      get_server(cluster, port, server).setable, with);
     }
     int set_client_gateway(const std::string &gateway)
     {
@@ -222,6 +244,23 @@ class StackTest : public FakeHostTest, protected stack::client
         ASSERT_ADDED(add_interface("eth0"));
         ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
         ASSERT_ADDED(add_ifaddr("eth0", "2001:db8::1/64"));
+    }
+    // What the stack sends about a frame that is its own.
+    static std::vector<fake::sent_frame> sent_for(const stack::bytes &frame,
+                                                  fake::link link = fake::link::ethernet)
+    {
+        (void)fake::take_sent();
+        EXPECT_EQ(fake::receive(frame, link), LB_PACKETRC_CONSUMED);
+        return fake::take_sent();
+    }
+    // The host gets the frame as it came, and nothing is sent.
+    static void expect_left_to_host(const stack::bytes &frame)
+    {
+        (void)fake::take_sent();
+        fake::frame buffer{};
+        EXPECT_EQ(fake::receive_into(buffer, frame.data(), frame.size()), LB_PACKETRC_INTACT);
+        EXPECT_TRUE(std::equal(frame.begin(), frame.end(), buffer.bytes()));
+        EXPECT_TRUE(fake::take_sent().empty());
     }
     // A neighbour tells the last byte of its hardware address, by ARP or by neighbour discovery.
     static void meet(const std::string &ip, std::uint8_t last)

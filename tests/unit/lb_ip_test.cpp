@@ -1,11 +1,6 @@
-// Helpers for addresses: equality, validity, hashing, and subnets against a bit-by-bit
-// reference.
+// Helpers for addresses: equality, validity, subnets.
 #include "lb_ip.h"
-#include "lb_log.h"
 
-#include <random>
-
-#include "fake_fixture.h"
 #include "stack_fixture.h"
 
 namespace
@@ -38,30 +33,24 @@ TEST_F(IpTest, EqualityLooksAtVersionAndAddressAlone)
 
 TEST_F(IpTest, Validity)
 {
-    lbip_addr_t odd = stack::ip("10.0.0.1");
-    odd.version = 5;
-    lbip_addr_t unversioned = stack::ip("10.0.0.1");
-    unversioned.version = 0;
     const struct {
-        const char *name;
-        lbip_addr_t addr;
+        const char *addr;
+        int version;
         int valid;
     } rows[] = {
-        {"IPv4", stack::ip("0.0.0.1"), LBIP_VALID_YES},
-        {"0.0.0.0", stack::ip("0.0.0.0"), LBIP_VALID_NO},
-        {"IPv6, last byte only", stack::ip("::1"), LBIP_VALID_YES},
-        {"IPv6, first byte only", stack::ip("ff00::"), LBIP_VALID_YES},
-        {"::", stack::ip("::"), LBIP_VALID_NO},
-        {"unset", {}, LBIP_VALID_EMPTY},
-        {"an address without a version", unversioned, LBIP_VALID_NO},
-        {"version 5", odd, LBIP_VALID_NO},
+        {"0.0.0.1", 4, LBIP_VALID_YES}, {"0.0.0.0", 4, LBIP_VALID_NO},
+        {"::1", 6, LBIP_VALID_YES},     {"ff00::", 6, LBIP_VALID_YES},
+        {"::", 6, LBIP_VALID_NO},       {"0.0.0.0", 0, LBIP_VALID_EMPTY},
+        {"10.0.0.1", 0, LBIP_VALID_NO}, {"10.0.0.1", 5, LBIP_VALID_NO},
     };
     for (const auto &row : rows) {
-        EXPECT_EQ(lbip_isaddrvalid(&row.addr), row.valid) << row.name;
+        lbip_addr_t addr = stack::ip(row.addr);
+        addr.version = static_cast<lb_u8_t>(row.version);
+        EXPECT_EQ(lbip_isaddrvalid(&addr), row.valid) << row.addr << " of version " << row.version;
     }
 }
 
-TEST_F(IpTest, SubnetsByName)
+TEST_F(IpTest, Subnets)
 {
     set_log_mask(0);
     const struct {
@@ -70,46 +59,28 @@ TEST_F(IpTest, SubnetsByName)
     } rows[] = {
         {"10.1.2.3", "10.1.0.0", 0}, // no prefix is none
         {"10.1.2.3", "2001:db8::/16", 0},
+        {"10.1.2.3", "10.1.2.3/32", 1},
+        {"10.1.2.2", "10.1.2.3/32", 0},
+        {"10.1.2.2", "10.1.2.3/31", 1},
+        {"10.1.255.3", "10.1.0.0/17", 0},
+        {"10.1.127.3", "10.1.0.0/17", 1},
+        {"127.0.0.1", "64.0.0.0/1", 1},
+        {"128.0.0.1", "64.0.0.0/1", 0},
         {"10.1.2.3", "10.1.2.3/200", 1},
-        {"2001:db8::1", "2001:db8::2/255", 0},
+        {"2001:db8::1", "2001:db8::2/126", 1},
+        {"2001:db8::1", "2001:db8::2/127", 0},
+        {"2001:db8::3", "2001:db8::2/127", 1},
+        {"2001:db8::3", "2001:db8::2/128", 0},
+        {"2001:db8::3", "2001:db8::2/255", 0},
+        {"2001:db8:0:1::1", "2001:db8::/63", 1},
+        {"2001:db8:0:1::1", "2001:db8::/64", 0},
+        {"8000::1", "::1/1", 0},
+        {"4000::1", "::1/1", 1},
     };
     for (const auto &row : rows) {
         const lbip_addr_t ip = stack::ip(row.ip);
         const lbip_addr_t net = stack::ip(row.net);
         EXPECT_EQ(lbip_onnetof(&ip, &net), row.on) << row.ip << " on " << row.net;
-    }
-}
-
-bool same_bits(const lbip_addr_t &a, const lbip_addr_t &b, int bits)
-{
-    for (int i = 0; i < bits; i++) {
-        const int mask = 0x80 >> i % 8;
-        if ((a.nboaddr.v6[i / 8] & mask) != (b.nboaddr.v6[i / 8] & mask)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-TEST_F(IpTest, SubnetsAgreeWithAReferenceBitByBit)
-{
-    set_log_mask(0);
-    const unsigned seed = std::random_device()();
-    SCOPED_TRACE(seed);
-    std::mt19937 random(seed);
-    for (int round = 0; round < 20000; round++) {
-        lbip_addr_t net = {};
-        net.version = round % 2 != 0 ? 4 : 6;
-        const unsigned width = net.version == 4 ? 32 : 128;
-        net.prefix = static_cast<lb_u8_t>(1 + random() % width);
-        for (unsigned i = 0; i < width / 8; i++) {
-            net.nboaddr.v6[i] = static_cast<lb_u8_t>(random());
-        }
-        lbip_addr_t ip = net;
-        const unsigned bit = random() % width; // one bit, inside the prefix or behind it
-        ip.nboaddr.v6[bit / 8] ^= static_cast<lb_u8_t>(0x80 >> bit % 8);
-        ASSERT_EQ(lbip_onnetof(&ip, &net), same_bits(ip, net, net.prefix))
-            << "prefix " << int(net.prefix) << " bit " << bit;
     }
 }
 
