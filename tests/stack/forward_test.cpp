@@ -10,17 +10,7 @@
 namespace
 {
 
-using packets::bytes;
-using packets::cut;
-using packets::DSTOPTS;
-using packets::ETH;
-using packets::fragment;
-using packets::HOPOPTS;
-using packets::padding;
-using packets::ROUTING;
-using packets::TCP;
-using packets::UDP;
-using packets::with;
+using namespace packets;
 
 constexpr const char *CLUSTER = "10.0.0.100";
 
@@ -41,31 +31,18 @@ class ForwardTest : public StackTest
     }
 };
 
-bytes with16(bytes frame, std::size_t at, std::uint16_t value)
-{
-    packets::put16(frame, at, value);
-    return frame;
-}
-
-bytes with_total(const bytes &frame, std::uint16_t total)
-{
-    bytes out = with16(frame, ETH + 2, total);
-    packets::mend_ip(out);
-    return out;
-}
-
 bytes packet(const packets::packet &p = {})
 {
-    return packets::build(p);
+    return build(p);
 }
 
 bytes packet6(packets::packet p = {})
 {
     p.version = 6;
-    return packets::build(p);
+    return build(p);
 }
 
-bytes chain(const std::vector<packets::ext> &exts, std::uint8_t proto = TCP)
+bytes chain(const std::vector<ext> &exts, std::uint8_t proto = TCP)
 {
     return packet6({.proto = proto, .exts = exts});
 }
@@ -73,13 +50,13 @@ bytes chain(const std::vector<packets::ext> &exts, std::uint8_t proto = TCP)
 // What a server gets of a frame that is forwarded to it: without what is behind the packet.
 bytes one_hop_later(bytes frame)
 {
-    const bool isv6 = packets::is_ipv6(frame);
-    frame.resize(ETH + (isv6 ? 40U : 0U) + packets::get16(frame, ETH + (isv6 ? 4 : 2)));
-    packets::set_at(frame, 0, packets::mac_of(11));
-    packets::set_at(frame, 6, packets::mac_of(1));
+    const bool isv6 = is_ipv6(frame);
+    frame.resize(ETH + (isv6 ? 40U : 0U) + get16(frame, ETH + (isv6 ? 4 : 2)));
+    set_at(frame, 0, mac_of(11));
+    set_at(frame, 6, mac_of(1));
     frame[ETH + (isv6 ? 7 : 8)]--;
     if (!isv6) {
-        packets::mend_ip(frame);
+        mend_ip(frame);
     }
     return frame;
 }
@@ -91,8 +68,8 @@ constexpr std::string_view FORWARDED = "in fwd", INTACT = "in notforus", DISCARD
 TEST_F(ForwardTest, WhatBecomesOfAPacket)
 {
     constexpr std::uint16_t MF = 0x2000;
-    const std::vector<packets::ext> full(180,
-                                         padding(DSTOPTS)); // 1500 bytes with what TCP begins with
+    const std::vector<ext> full(180,
+                                padding(DSTOPTS)); // 1500 bytes with what TCP begins with
     const struct {
         const char *name;
         bytes frame;
@@ -150,7 +127,7 @@ TEST_F(ForwardTest, WhatBecomesOfAPacket)
         {"another host6", packet6({.dst = "2001:db8::101"}), INTACT, "notforus"},
         {"our own address6", packet6({.dst = "2001:db8::1"}), INTACT, "notforus"},
         {"port6 that is not configured", packet6({.dport = 81}), DISCARDED, "not a lb port"},
-        {"nothing follows", chain({padding(HOPOPTS)}, packets::NONEXT), DISCARDED, "proto"},
+        {"nothing follows", chain({padding(HOPOPTS)}, NONEXT), DISCARDED, "proto"},
         {"unknown header", chain({padding(DSTOPTS)}, 50), DISCARDED, "proto"},
         {"unknown to another", packet6({.dst = "2001:db8::101", .proto = 50}), DISCARDED, "proto"},
         {"the other version's ICMP", packet6({.proto = 1}), DISCARDED, "proto"},
@@ -172,7 +149,7 @@ TEST_F(ForwardTest, WhatBecomesOfAPacket)
         SCOPED_TRACE(row.name);
         fake::log_clear();
         (void)fake::take_sent();
-        const bool isv6 = packets::get16(row.frame, 12) == 0x86DD;
+        const bool isv6 = get16(row.frame, 12) == 0x86DD;
         const auto before = stats(isv6);
         const auto freed = fake::unheld_frees();
         EXPECT_EQ(fake::receive(row.frame),
@@ -185,7 +162,7 @@ TEST_F(ForwardTest, WhatBecomesOfAPacket)
         ASSERT_EQ(sent.size(), row.expected == FORWARDED ? 1U : 0U);
         if (row.expected == FORWARDED) {
             if (!isv6) {
-                packets::mend_ip(sent[0].bytes); // some came with a sum that was none
+                mend_ip(sent[0].bytes); // some came with a sum that was none
             }
             EXPECT_EQ(sent[0].bytes, one_hop_later(row.frame));
         }
@@ -229,7 +206,7 @@ TEST_F(ForwardTest, AnyHeaderSumIsKeptRight)
     std::mt19937 random(seed);
     for (int round = 0; round < 2000; round++) {
         packets::packet p;
-        p.src = packets::to_text({198, static_cast<std::uint8_t>(random()), 100, 7});
+        p.src = to_text({198, static_cast<std::uint8_t>(random()), 100, 7});
         p.proto = random() % 2 != 0 ? TCP : UDP;
         p.ttl = static_cast<std::uint8_t>(2 + random() % 254);
         p.id = static_cast<std::uint16_t>(random());
@@ -242,8 +219,8 @@ TEST_F(ForwardTest, AnyHeaderSumIsKeptRight)
         auto sent = sent_for({frame.begin() + (slip ? ETH : 0), frame.end()},
                              slip ? fake::link::slip : fake::link::ethernet);
         ASSERT_EQ(sent.size(), 1U);
-        ASSERT_EQ(packets::checksum(sent[0].bytes, ETH, ETH + 20 + p.options), 0);
-        packets::mend_ip(sent[0].bytes); // 0 has two representations in one's complement
+        ASSERT_EQ(checksum(sent[0].bytes, ETH, ETH + 20 + p.options), 0);
+        mend_ip(sent[0].bytes); // 0 has two representations in one's complement
         ASSERT_EQ(sent[0].bytes, expected);
         ASSERT_EQ(sent[0].ifname, "eth0");
     }
@@ -258,7 +235,7 @@ TEST_F(ForwardTest, APointToPointInterfaceSendsBareIp)
     const auto sent = sent_for(packet());
     ASSERT_EQ(sent.size(), 1U);
     EXPECT_FALSE(sent[0].has_eth);
-    EXPECT_EQ(sent[0].bytes, packets::part(expected, ETH, expected.size()));
+    EXPECT_EQ(sent[0].bytes, part(expected, ETH, expected.size()));
 }
 
 // --- What the client is told ---------------------------------------------------------------------
@@ -283,7 +260,7 @@ TEST_F(ForwardTest, TheClientIsToldWhatCannotGoOn)
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        const bool isv6 = packets::is_ipv6(row.frame);
+        const bool isv6 = is_ipv6(row.frame);
         const auto before = get_executor().getable;
         const auto sent = sent_for(row.frame);
         const auto after = get_executor().getable;
@@ -291,14 +268,13 @@ TEST_F(ForwardTest, TheClientIsToldWhatCannotGoOn)
         EXPECT_EQ(stack::counted(before.icmpv6stats, after.icmpv6stats), isv6 ? "gen" : "");
         ASSERT_EQ(sent.size(), 1U);
         EXPECT_EQ(sent[0].how, isv6 ? fake::via::raw6 : fake::via::raw4);
-        EXPECT_EQ(sent[0].protocol, isv6 ? packets::ICMP6 : packets::ICMP);
-        EXPECT_EQ(isv6 ? packets::ip6_at(sent[0].dest, 0) : packets::ip_at(sent[0].dest, 0),
-                  packets::src_of(row.frame));
+        EXPECT_EQ(sent[0].protocol, isv6 ? ICMP6 : ICMP);
+        EXPECT_EQ(isv6 ? ip6_at(sent[0].dest, 0) : ip_at(sent[0].dest, 0), src_of(row.frame));
         const bytes &icmp = sent[0].bytes;
         ASSERT_EQ(icmp.size(), 8 + row.quoted);
-        EXPECT_EQ(packets::get16(icmp, 0), row.typecode);
-        EXPECT_EQ(packets::get32(icmp, 4), row.word);
-        EXPECT_TRUE(isv6 || packets::checksum(icmp, 0, icmp.size()) == 0);
+        EXPECT_EQ(get16(icmp, 0), row.typecode);
+        EXPECT_EQ(get32(icmp, 4), row.word);
+        EXPECT_TRUE(isv6 || checksum(icmp, 0, icmp.size()) == 0);
         EXPECT_TRUE(std::equal(icmp.begin() + 8, icmp.end(), row.frame.begin() + ETH));
     }
     const auto executor = get_executor().getable;
@@ -331,7 +307,7 @@ TEST_F(ForwardTest, EveryTruncationSendsNoMoreThanCame)
         chain({padding(DSTOPTS)}, UDP),
     };
     for (const bytes &whole : frames) {
-        const std::size_t header = packets::is_ipv6(whole) ? 40 : 28;
+        const std::size_t header = is_ipv6(whole) ? 40 : 28;
         for (std::size_t len = 1; len <= whole.size() - ETH; len++) {
             for (const bool honest : {true, false}) {
                 const auto freed = fake::unheld_frees();
@@ -348,7 +324,7 @@ TEST_F(ForwardTest, AWarmRoadAllocatesNothing)
 {
     fake::count_only(true);
     const bytes frames[] = {packet(), packet({.proto = UDP}), packet({.dst = "10.0.0.101"}),
-                            packet({.dport = 81}), packets::build(packets::arp{})};
+                            packet({.dport = 81}), build(arp{})};
     fake::frame buffer;
     for (const auto &frame : frames) {
         fake::receive_into(buffer, frame.data(), frame.size());

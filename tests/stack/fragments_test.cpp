@@ -13,7 +13,7 @@ namespace
 {
 
 using datagrams::whole;
-using packets::bytes;
+using namespace packets;
 
 constexpr const char *C = "10.0.0.100";
 constexpr std::uint16_t ID = 0x1234;
@@ -51,7 +51,7 @@ class FragmentTest : public StackTest
     // The pieces of a client's datagram, and how many of a list of frames reach a server.
     static std::vector<bytes> parts(const std::string &src = "10.0.0.50", std::uint16_t id = ID)
     {
-        return packets::fragments(whole(src, id));
+        return fragments(whole(src, id));
     }
     std::size_t sent_of(const std::vector<bytes> &frames) { return send_all(frames).pieces(); }
     lb_u32_t discarded() { return get_executor().getable.ipv4stats.discard; }
@@ -75,7 +75,7 @@ TEST_F(FragmentTest, ComeWholeAtOneServerInAnyOrder)
         SCOPED_TRACE(row.name);
         fake::log_clear();
         const bytes datagram = whole("10.0.0.50", ++id);
-        const std::vector<bytes> inorder = packets::fragments(datagram);
+        const std::vector<bytes> inorder = fragments(datagram);
         ASSERT_EQ(inorder.size(), row.order.size());
         std::vector<bytes> frames;
         for (const std::size_t i : row.order) {
@@ -94,7 +94,7 @@ TEST_F(FragmentTest, ComeWholeAtOneServerInAnyOrder)
 TEST_F(FragmentTest, HundredsWaitForOneFirst)
 {
     const bytes datagram = whole("10.0.0.50", ID, 7200);
-    std::vector<bytes> frames = packets::fragments(datagram, 44);
+    std::vector<bytes> frames = fragments(datagram, 44);
     ASSERT_GT(frames.size(), 2U * LB_SNAPSHOT_MAX);
     std::reverse(frames.begin(), frames.end());
     EXPECT_TRUE(send_all(frames).has(datagram));
@@ -108,7 +108,7 @@ TEST_F(FragmentTest, OfIPv6AreKnownByTheirWholeIdentification)
     const bytes datagram = whole("2001:db8::50", ID);
     std::vector<bytes> frames;
     for (const std::uint32_t id : IDS) {
-        const std::vector<bytes> more = packets::fragments(datagram, 1500, id);
+        const std::vector<bytes> more = fragments(datagram, 1500, id);
         frames.insert(frames.end(), more.begin(), more.end());
     }
     std::reverse(frames.begin(), frames.end());
@@ -200,10 +200,10 @@ TEST_F(FragmentTest, FollowTheLastFirstFragmentWhileItsServerIsThere)
     const std::int64_t allocations = fake::live_allocations();
     (void)worker_.receive(p[0]); // the servers take turns
     EXPECT_EQ(fake::live_allocations(), allocations) << "one record for one key";
-    const packets::mac server = packets::mac_at(fake::take_sent().at(0).bytes, 0);
+    const mac server = mac_at(fake::take_sent().at(0).bytes, 0);
     tick(4);
     (void)worker_.receive(p[1]);
-    EXPECT_EQ(packets::mac_at(fake::take_sent().at(0).bytes, 0), server);
+    EXPECT_EQ(mac_at(fake::take_sent().at(0).bytes, 0), server);
     for (const char *each : {"10.0.0.11", "10.0.0.12"}) {
         ASSERT_ADDED(rm_server(C, 80, each));
     }

@@ -8,55 +8,49 @@
 namespace
 {
 
-using packets::bytes;
-using packets::ETH;
-using packets::icmp;
-using packets::padding;
-using packets::TCP;
-using packets::UDP;
-using packets::with;
+using namespace packets;
 
 constexpr const char *C = "10.0.0.100";
 constexpr const char *C6 = "2001:db8::100";
 constexpr const char *CLIENT = "10.9.0.1";
 
 // What a server answered to the client, which an error quotes.
-packets::packet answer_of(std::uint8_t proto = TCP, std::uint16_t clientport = 40000,
-                          std::uint16_t port = 80, const std::string &client = CLIENT)
+packet answer_of(std::uint8_t proto = TCP, std::uint16_t clientport = 40000,
+                 std::uint16_t port = 80, const std::string &client = CLIENT)
 {
     return {.src = C, .dst = client, .sport = port, .dport = clientport, .proto = proto};
 }
 
 // The same over IPv6, with these headers in front of the ports.
-packets::packet answer6_of(const std::vector<packets::ext> &exts, std::uint8_t proto = TCP)
+packet answer6_of(const std::vector<ext> &exts, std::uint8_t proto = TCP)
 {
     return {.src = C6, .dst = "fd00::9", .sport = 80, .dport = 40000, .proto = proto, .exts = exts};
 }
 
 // An error about it from a router; of type 0: it could not be delivered.
-bytes error_about(const packets::packet &quoted, std::uint8_t type = 0)
+bytes error_about(const packet &quoted, std::uint8_t type = 0)
 {
-    const bool isv6 = packets::is_ipv6(quoted);
+    const bool isv6 = is_ipv6(quoted);
     const std::uint8_t unreachable = isv6 ? 1 : 3;
-    return packets::build(icmp{.type = type != 0 ? type : unreachable,
-                               .body = packets::quote(quoted),
-                               .outer = {.src = isv6 ? "2001:db8:f::1" : "192.0.2.1"}});
+    return build(icmp{.type = type != 0 ? type : unreachable,
+                      .body = quote(quoted),
+                      .outer = {.src = isv6 ? "2001:db8:f::1" : "192.0.2.1"}});
 }
 
 bytes tunnel_error(std::uint8_t proto, std::uint8_t code, std::uint16_t mtu = 0,
                    const std::string &farend = "10.0.0.11", std::uint8_t type = 3)
 {
-    return packets::build(icmp{.type = type,
-                               .code = code,
-                               .word = mtu,
-                               .body = packets::quote({.dst = farend, .proto = proto}),
-                               .outer = {.dst = "10.0.0.1"}});
+    return build(icmp{.type = type,
+                      .code = code,
+                      .word = mtu,
+                      .body = quote({.dst = farend, .proto = proto}),
+                      .outer = {.dst = "10.0.0.1"}});
 }
 
 // Cuts the ICMP message, which no headers but the IP header go before.
 bytes cut(const bytes &frame, std::size_t len, bool honest = true)
 {
-    return packets::cut(frame, (packets::is_ipv6(frame) ? 40 : 20) + len, honest);
+    return packets::cut(frame, (is_ipv6(frame) ? 40 : 20) + len, honest);
 }
 
 class IcmpTest : public RecordFixture
@@ -86,7 +80,7 @@ class IcmpTest : public RecordFixture
     {
         const auto counter =
             label == "badinput" ? &lb_proto_stats_t::err : &lb_proto_stats_t::discard;
-        const bool isv6 = packets::is_ipv6(frame);
+        const bool isv6 = is_ipv6(frame);
         const auto before = counted(counter, isv6);
         fake::log_clear();
         EXPECT_TRUE(sent_for(frame).empty());
@@ -180,7 +174,7 @@ class IcmpErrorTest : public IcmpTest
         ASSERT_ADDED(add_ifaddr("eth0", "2001:db8::1/64"));
         make_service(C6, {"2001:db8::11", "2001:db8::12"}, LBSEL_ALGORIGHM_CONNECTION);
         for (const std::uint16_t sport : {39999, 40000}) { // so that not all is at the first
-            server6_ = sent_to(packets::build({.src = "fd00::9", .sport = sport}));
+            server6_ = sent_to(build({.src = "fd00::9", .sport = sport}));
         }
     }
     int server6_ = NOWHERE;
@@ -188,13 +182,13 @@ class IcmpErrorTest : public IcmpTest
 
 TEST_F(IcmpErrorTest, DropsWhatBelongsToNobody)
 {
-    packets::packet later = answer_of();
+    packet later = answer_of();
     later.fragoff = 185;
-    const packets::packet fragment = {.src = "192.0.2.1", .fragoff = 185};
+    const packet tail = {.src = "192.0.2.1", .fragoff = 185};
     const bytes good = error_about(answer_of());
     const bytes good6 = error_about(answer6_of({}));
     const std::size_t quoted = ETH + 20 + 8;
-    const std::size_t quoted6 = packets::IP6 + 8;
+    const std::size_t quoted6 = IP6 + 8;
     const struct {
         const char *name;
         bytes frame;
@@ -208,14 +202,12 @@ TEST_F(IcmpErrorTest, DropsWhatBelongsToNobody)
         {"quoted version 6", with(good, quoted, 0x65), "badinput"},
         {"quoted header of 16", with(good, quoted, 0x44), "badinput"},
         {"quoted header too long", with(good, quoted, 0x46), "badinput"},
-        {"timestamp request", packets::build(icmp{.type = 13, .body = bytes(12)}),
-         "icmp-unhandled-type"},
-        {"echo reply", packets::build(icmp{.type = 0}), "icmp-unhandled-type"},
-        {"a later fragment", packets::build(icmp{.type = 8, .outer = fragment}),
-         "icmp-unhandled-type"},
-        {"later fragment6", error_about(answer6_of({packets::fragment(1, 0x10)})), "proto"},
-        {"ICMPv6", error_about(answer6_of({}, packets::ICMP6)), "proto"},
-        {"nothing", error_about(answer6_of({}, packets::NONEXT)), "proto"},
+        {"timestamp request", build(icmp{.type = 13, .body = bytes(12)}), "icmp-unhandled-type"},
+        {"echo reply", build(icmp{.type = 0}), "icmp-unhandled-type"},
+        {"a later fragment", build(icmp{.type = 8, .outer = tail}), "icmp-unhandled-type"},
+        {"later fragment6", error_about(answer6_of({fragment(1, 0x10)})), "proto"},
+        {"ICMPv6", error_about(answer6_of({}, ICMP6)), "proto"},
+        {"nothing", error_about(answer6_of({}, NONEXT)), "proto"},
         {"chain that does not end", with(with(good6, quoted6 + 6, 60), quoted6 + 41, 255), "proto"},
         {"version 4", with(good6, quoted6, 0x45), "badinput"},
     };
@@ -232,18 +224,17 @@ TEST_F(IcmpErrorTest, QuotesOverIPv6AreChainsOfHeaders)
     for (const std::uint8_t type : {1, 2, 3, 4}) {
         EXPECT_EQ(sent_to(error_about(answer6_of({}), type)), server6_);
     }
-    const packets::ext all[] = {padding(packets::HOPOPTS), padding(packets::ROUTING, 2),
-                                padding(packets::DSTOPTS), packets::fragment(1, 1)};
+    const ext all[] = {padding(HOPOPTS), padding(ROUTING, 2), padding(DSTOPTS), fragment(1, 1)};
     EXPECT_EQ(sent_to(error_about(answer6_of({all, all + 4}))), server6_);
     EXPECT_EQ(get_executor().getable.icmpv6stats.fwd, 5U);
-    EXPECT_NE(sent_to(packets::build(icmp{
-                  .type = 128, .outer = {.version = 6, .exts = {padding(packets::DSTOPTS, 3)}}})),
-              NOWHERE);
+    EXPECT_NE(
+        sent_to(build(icmp{.type = 128, .outer = {.version = 6, .exts = {padding(DSTOPTS, 3)}}})),
+        NOWHERE);
 }
 
 TEST_F(IcmpErrorTest, CutAnywhereNothingIsReadBeyondTheEnd)
 {
-    packets::packet quoted = answer_of();
+    packet quoted = answer_of();
     quoted.options = 8;
     const struct {
         const char *name;
@@ -260,7 +251,7 @@ TEST_F(IcmpErrorTest, CutAnywhereNothingIsReadBeyondTheEnd)
             expect_dropped(cut(row.frame, len, false), "badinput");
             // What the length leaves out is not the message's, though it was received.
             bytes padded = cut(row.frame, len);
-            const bytes rest = packets::part(row.frame, padded.size(), row.frame.size());
+            const bytes rest = part(row.frame, padded.size(), row.frame.size());
             padded.insert(padded.end(), rest.begin(), rest.end());
             expect_dropped(padded, "badinput");
         }
@@ -276,7 +267,7 @@ TEST_F(IcmpErrorTest, CutAnywhereNothingIsReadBeyondTheEnd)
 
 TEST_F(IcmpTest, EchoGoesRoundPortsAndServers)
 {
-    const bytes ping = packets::build(icmp{.type = 8, .body = bytes(32, 'x')});
+    const bytes ping = build(icmp{.type = 8, .body = bytes(32, 'x')});
     expect_dropped(ping, "icmp-no-ports");
     ASSERT_ADDED(make_port(80, LBSEL_ALGORIGHM_CONNECTION));
     expect_dropped(ping, "icmp-no-servers");
@@ -289,8 +280,8 @@ TEST_F(IcmpTest, EchoGoesRoundPortsAndServers)
         EXPECT_EQ(sent_to(ping), server);
     }
     EXPECT_TRUE(fake::log_contains(" FORWARD to 10.0.0.12 icmp-fwd\n"));
-    const packets::packet first = {.fragoff = 0x2000};
-    EXPECT_NE(sent_to(packets::build(icmp{.type = 8, .body = bytes(32), .outer = first})), NOWHERE);
+    const packet first = {.fragoff = 0x2000};
+    EXPECT_NE(sent_to(build(icmp{.type = 8, .body = bytes(32), .outer = first})), NOWHERE);
 }
 
 TEST_F(IcmpTest, TunnelErrorsChangeTheFarEndAndStayWithTheHost)
@@ -300,7 +291,7 @@ TEST_F(IcmpTest, TunnelErrorsChangeTheFarEndAndStayWithTheHost)
     const lbneigh_obj_t *neigh = server_object(11)->neigh;
     const bytes unreachable = tunnel_error(4, 3);
     const std::size_t quoted = ETH + 20 + 8;
-    const packets::packet later = {.dst = "10.0.0.1", .fragoff = 1};
+    const packet later = {.dst = "10.0.0.1", .fragoff = 1};
     constexpr const char *LEARNT = "in", *DISCARDED = "in discard", *ERROR = "in err",
                          *NOTFORUS = "in notforus";
     const struct {
@@ -321,8 +312,7 @@ TEST_F(IcmpTest, TunnelErrorsChangeTheFarEndAndStayWithTheHost)
         {"7 bytes", cut(unreachable, 7), ERROR, 1500, true},
         {"quoted version 6", with(unreachable, quoted, 0x65), ERROR, 1500, true},
         {"quoted header too long", with(unreachable, quoted, 0x48), ERROR, 1500, true},
-        {"a later fragment",
-         packets::build(icmp{.body = packets::quote({.dst = "10.0.0.11"}), .outer = later}),
+        {"a later fragment", build(icmp{.body = quote({.dst = "10.0.0.11"}), .outer = later}),
          NOTFORUS, 1500, true},
         {"port unreachable, IPIP", unreachable, LEARNT, 1500, false},
     };

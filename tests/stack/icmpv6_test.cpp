@@ -10,22 +10,16 @@
 namespace
 {
 
-using packets::bytes;
-using packets::ETH;
-using packets::icmp;
-using packets::IP6;
-using packets::mac;
-using packets::neighbour;
-using packets::with;
+using namespace packets;
 
 constexpr const char *C = "2001:db8::100";
 constexpr const char *OWN = "2001:db8::1";
 constexpr const char *ASKER = "2001:db8::50";
 constexpr const char *SERVER = "2001:db8::11";
 constexpr const char *RETURN = "2001:db8::1:2:3";
-constexpr mac OWNHW = packets::mac_of(1);
-constexpr mac ASKERHW = packets::mac_of(0x50);
-constexpr mac SERVERHW = packets::mac_of(11);
+constexpr mac OWNHW = mac_of(1);
+constexpr mac ASKERHW = mac_of(0x50);
+constexpr mac SERVERHW = mac_of(11);
 
 bytes solicitation(const std::string &src, std::uint8_t option = 1, mac hw = ASKERHW,
                    const std::string &target = C)
@@ -49,19 +43,18 @@ bytes sent_by_us(std::uint8_t type, std::uint32_t flags, const std::string &src,
 }
 bytes answer_to(const std::string &asker, const mac &hw, const std::string &target = C)
 {
-    return sent_by_us(packets::ADVERTISEMENT, 0x60000000, target, asker, hw, target);
+    return sent_by_us(ADVERTISEMENT, 0x60000000, target, asker, hw, target);
 }
 bytes announcement()
 {
-    return sent_by_us(packets::ADVERTISEMENT, 0x20000000, C, "ff02::1", {0x33, 0x33, 0, 0, 0, 1},
-                      C);
+    return sent_by_us(ADVERTISEMENT, 0x20000000, C, "ff02::1", {0x33, 0x33, 0, 0, 0, 1}, C);
 }
 
 bytes advertisement(const mac &hw = SERVERHW, std::uint8_t option = 2,
                     const std::string &target = SERVER, const std::string &src = SERVER,
                     const mac &ethsrc = SERVERHW)
 {
-    return build(neighbour{.type = packets::ADVERTISEMENT,
+    return build(neighbour{.type = ADVERTISEMENT,
                            .target = target,
                            .option = option,
                            .hw = hw,
@@ -74,7 +67,7 @@ bytes cut(const bytes &whole, std::size_t len, bool honest = true)
 {
     bytes frame = packets::cut(whole, 40 + len, honest);
     if (honest && len >= 4) {
-        packets::mend_transport(frame);
+        mend_transport(frame);
     }
     return frame;
 }
@@ -104,7 +97,7 @@ class Icmpv6Test : public StackTest
     static mac known(const std::string &addr = SERVER)
     {
         const lbeth_addr_align_t eaddr = lb_peek(neigh(addr)->eaddr);
-        return packets::mac_at({eaddr.b, eaddr.b + 6}, 0);
+        return mac_at({eaddr.b, eaddr.b + 6}, 0);
     }
     static lb_proto_stats_t stats() { return lbexecutor->getable.icmpv6stats; }
 
@@ -135,7 +128,7 @@ TEST_F(Icmpv6Test, SolicitationsForAClusterAreAnswered)
     ASSERT_ADDED(add_server(C, 80, "2001:db8:2::11", lbsrv_setable_t{}, nat));
     (void)fake::take_sent();
     neighbour behind;
-    behind.outer.exts = {packets::padding(packets::HOPOPTS), packets::padding(packets::DSTOPTS, 1)};
+    behind.outer.exts = {padding(HOPOPTS), padding(DSTOPTS, 1)};
     neighbour bare = behind;
     bare.option = 0;
     bytes padded = solicitation(ASKER, 0);
@@ -145,8 +138,8 @@ TEST_F(Icmpv6Test, SolicitationsForAClusterAreAnswered)
         bytes frame, answer;
     } rows[] = {
         {"with its address", solicitation(ASKER), answer_to(ASKER, ASKERHW)},
-        {"another address than the frame's", solicitation(ASKER, 1, packets::mac_of(0x51)),
-         answer_to(ASKER, packets::mac_of(0x51))},
+        {"another address than the frame's", solicitation(ASKER, 1, mac_of(0x51)),
+         answer_to(ASKER, mac_of(0x51))},
         {"for a return address", solicitation(ASKER, 1, ASKERHW, RETURN),
          answer_to(ASKER, ASKERHW, RETURN)},
         {"link-local", solicitation("fe80::50"), answer_to("fe80::50", ASKERHW)},
@@ -158,7 +151,7 @@ TEST_F(Icmpv6Test, SolicitationsForAClusterAreAnswered)
         {"no option, a neighbour not met", solicitation("2001:db8::12", 0),
          answer_to("2001:db8::12", ASKERHW)},
         {"detection of duplicates", solicitation("::", 0), announcement()},
-        {"detection with a nonce", solicitation("::", 14, packets::BROADCAST), announcement()},
+        {"detection with a nonce", solicitation("::", 14, BROADCAST), announcement()},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
@@ -181,8 +174,8 @@ TEST_F(Icmpv6Test, SolicitationsThatAreNotAnswered)
     const bytes good = solicitation(ASKER);
     bytes lying = good; // its checksum is right for a byte that is not there
     lying.push_back(0);
-    packets::mend_length(lying);
-    packets::mend_transport(lying);
+    mend_length(lying);
+    mend_transport(lying);
     lying.pop_back();
     constexpr const char *NOTHING = "in", *DISCARD = "in discard", *ERROR = "in err";
     const struct {
@@ -193,15 +186,14 @@ TEST_F(Icmpv6Test, SolicitationsThatAreNotAnswered)
         {"another target", solicitation(ASKER, 1, ASKERHW, "2001:db8::77"), NOTHING},
         {"no ARP", solicitation(ASKER, 1, ASKERHW, "2001:db8:8::100"), NOTHING},
         {"no interface", solicitation(ASKER, 1, ASKERHW, "2001:db8:9::100"), NOTHING},
-        {"a group's address", solicitation(ASKER, 1, packets::BROADCAST), NOTHING},
+        {"a group's address", solicitation(ASKER, 1, BROADCAST), NOTHING},
         {"no address", solicitation(ASKER, 1, mac{}), NOTHING},
         {"checksum off by one", with(good, IP6 + 3, static_cast<std::uint8_t>(good[IP6 + 3] + 1)),
          DISCARD},
         {"checksum 0", with(with(good, IP6 + 2, 0), IP6 + 3, 0), DISCARD},
         {"longer than it came", lying, DISCARD},
         {"cut, and mended", cut(good, 23, true), ERROR},
-        {"a router's", packets::build(icmp{.type = 134, .body = bytes(8), .outer = {.dst = C}}),
-         DISCARD},
+        {"a router's", build(icmp{.type = 134, .body = bytes(8), .outer = {.dst = C}}), DISCARD},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
@@ -234,17 +226,17 @@ TEST_F(Icmpv6Test, ANeighbourIsAskedAndVerified)
     constexpr const char *PEER = "2001:db8::1:2:3";
     ASSERT_ADDED(rm_server(C, 80, SERVER));
     ASSERT_ADDED(add_server(C, 80, PEER));
-    expect_sent(sent_by_us(packets::SOLICITATION, 0, OWN, "ff02::1:ff02:3",
+    expect_sent(sent_by_us(SOLICITATION, 0, OWN, "ff02::1:ff02:3",
                            {0x33, 0x33, 0xFF, 0x02, 0x00, 0x03}, PEER));
     fake::receive(advertisement(SERVERHW, 2, PEER));
     EXPECT_EQ(lb_peek(neigh(PEER)->state), LBNEIGH_STATE_RXOK);
     tick(10);
-    expect_sent(sent_by_us(packets::SOLICITATION, 0, OWN, PEER, SERVERHW, PEER));
+    expect_sent(sent_by_us(SOLICITATION, 0, OWN, PEER, SERVERHW, PEER));
 }
 
 TEST_F(Icmpv6Test, WhatIsLearntAndWhatIsNot)
 {
-    constexpr mac OTHERHW = packets::mac_of(0x12);
+    constexpr mac OTHERHW = mac_of(0x12);
     const bytes other = advertisement(OTHERHW);
     const struct {
         const char *name;
@@ -256,7 +248,7 @@ TEST_F(Icmpv6Test, WhatIsLearntAndWhatIsNot)
         {"solicitation", solicitation(SERVER, 1, OTHERHW, "2001:db8::77"), OTHERHW},
         {"no option", advertisement(OTHERHW, 0, SERVER, SERVER, OTHERHW), SERVERHW},
         {"about another", advertisement(OTHERHW, 2, ASKER), SERVERHW},
-        {"a group's address", advertisement(packets::BROADCAST), SERVERHW},
+        {"a group's address", advertisement(BROADCAST), SERVERHW},
         {"no address", advertisement(mac{}), SERVERHW},
         {"bad checksum", with(other, IP6 + 3, static_cast<std::uint8_t>(other[IP6 + 3] + 1)),
          SERVERHW},
@@ -279,14 +271,13 @@ TEST_F(Icmpv6Test, WhatIsLearntAndWhatIsNot)
 TEST_F(Icmpv6Test, TheHostKeepsItsOwn)
 {
     const lb_proto_stats_t before = stats();
-    expect_left_to_host(packets::build(icmp{.type = 128, .outer = {.dst = OWN}}));
-    expect_left_to_host(
-        packets::build(icmp{.type = 1, .body = packets::quote({.src = C}), .outer = {.dst = OWN}}));
+    expect_left_to_host(build(icmp{.type = 128, .outer = {.dst = OWN}}));
+    expect_left_to_host(build(icmp{.type = 1, .body = quote({.src = C}), .outer = {.dst = OWN}}));
     EXPECT_EQ(stats().discard, before.discard);
-    const packets::packet later = {.dst = C, .exts = {packets::fragment(1, 0x10)}};
-    expect_left_to_host(packets::build(icmp{.type = 128, .body = bytes(32), .outer = later}));
+    const packet later = {.dst = C, .exts = {fragment(1, 0x10)}};
+    expect_left_to_host(build(icmp{.type = 128, .body = bytes(32), .outer = later}));
     EXPECT_EQ(stats().discard - before.discard, 1U);
-    expect_left_to_host(packets::build({.dst = "10.0.0.1", .proto = packets::ICMP6}));
+    expect_left_to_host(build({.dst = "10.0.0.1", .proto = ICMP6}));
     EXPECT_EQ(stats().in - before.in, 3U) << "ICMPv6 in IPv4 is none";
 }
 
@@ -299,7 +290,7 @@ TEST_F(Icmpv6Test, ErrorsGoToNobodyButHosts)
         EXPECT_EQ(lbicmpv6_timeexceeded(&to, 1, data.data(), 60), 0);
         const auto sent = fake::take_sent();
         ASSERT_EQ(sent.size(), address == ASKER ? 2U : 0U) << address;
-        EXPECT_TRUE(sent.empty() || packets::get32(sent[0].bytes, 4) == 0x10000U + 1280U);
+        EXPECT_TRUE(sent.empty() || get32(sent[0].bytes, 4) == 0x10000U + 1280U);
     }
 }
 

@@ -8,15 +8,7 @@
 namespace
 {
 
-using packets::bytes;
-using packets::DSTOPTS;
-using packets::ETH;
-using packets::ext;
-using packets::HOPOPTS;
-using packets::IP6;
-using packets::mac_of;
-using packets::packet;
-using packets::padding;
+using namespace packets;
 
 constexpr const char *C = "2001:db8::100";
 constexpr const char *S = "2001:db8::11";
@@ -48,7 +40,7 @@ class Ipv6Test : public StackTest
         stop_stack();
         std::map<std::string, int> joined;
         for (const fake::membership &m : fake::memberships()) {
-            int &count = joined[m.ifname + " " + packets::ip6_at(m.ip6, 0)];
+            int &count = joined[m.ifname + " " + ip6_at(m.ip6, 0)];
             count += m.join ? 1 : -1;
             EXPECT_TRUE(count == 0 || count == 1) << m.ifname;
         }
@@ -83,10 +75,9 @@ class Ipv6Test : public StackTest
         if (f.empty()) {
             return "";
         }
-        const std::size_t at = packets::upper_of(f).at;
-        return packets::src_of(f) + " " + std::to_string(packets::get16(f, at)) + " > " +
-               packets::dst_of(f) + " " + std::to_string(packets::get16(f, at + 2)) + " " +
-               std::to_string(packets::transport_residue(f));
+        const std::size_t at = upper_of(f).at;
+        return src_of(f) + " " + std::to_string(get16(f, at)) + " > " + dst_of(f) + " " +
+               std::to_string(get16(f, at + 2)) + " " + std::to_string(transport_residue(f));
     }
 };
 
@@ -121,15 +112,15 @@ TEST_F(Ipv6Test, AResetByteByByte)
                               .payload = 0,
                               .ethdst = mac_of(254),
                               .ethsrc = mac_of(1)});
-    packets::put16(want, IP6 + 14, 0); // window
-    packets::mend_transport(want);
+    put16(want, IP6 + 14, 0); // window
+    mend_transport(want);
     EXPECT_EQ(reset(1), want);
     lbifin_setable_t bare = stack::ethernet(1);
     bare.isPTP = LBIFIN_YN_YES;
     ASSERT_ADDED(set_interface("eth0", bare));
-    packets::put16(want, IP6 + 2, 2);
-    packets::mend_transport(want);
-    EXPECT_EQ(reset(2), packets::part(want, ETH, want.size())) << "point to point: without a frame";
+    put16(want, IP6 + 2, 2);
+    mend_transport(want);
+    EXPECT_EQ(reset(2), part(want, ETH, want.size())) << "point to point: without a frame";
     ASSERT_ADDED(set_executor([](lbexe_setable_t &b) { b.clientgateway_ipv6 = {}; }));
     EXPECT_EQ(reset(3), bytes()) << "no gateway";
 }
@@ -142,7 +133,7 @@ TEST_F(Ipv6Test, BothWaysWithHeadersInFrontAndOddLengths)
     packet request = {.src = CLIENT, .dport = 443};
     packet answer = {.src = NATSERVER, .dst = R, .sport = 443, .dport = 1025, .ttl = 1};
     for (const std::vector<ext> &exts :
-         {std::vector<ext>{}, {padding(HOPOPTS), padding(DSTOPTS)}, {packets::fragment(5, 0)}}) {
+         {std::vector<ext>{}, {padding(HOPOPTS), padding(DSTOPTS)}, {fragment(5, 0)}}) {
         for (const std::size_t payload : {0, 1, 700}) {
             request.exts = answer.exts = exts;
             request.payload = answer.payload = payload;
@@ -150,7 +141,7 @@ TEST_F(Ipv6Test, BothWaysWithHeadersInFrontAndOddLengths)
                       "2001:db8:1::200 1025 > 2001:db8:2::11 443 0");
             const bytes sent = forwarded(build(answer));
             EXPECT_EQ(ends(sent), "2001:db8::100 443 > 2001:db8:9::1 40000 0");
-            EXPECT_EQ(packets::mac_at(sent, 0), mac_of(254));
+            EXPECT_EQ(mac_at(sent, 0), mac_of(254));
         }
     }
     bytes lying = build(answer);
@@ -209,7 +200,7 @@ TEST_F(Ipv6Test, APacketNeverLeavesHalfWayToTheOtherVersion)
         ASSERT_EQ(sent.size(), row.goes ? frame.size() : 0U);
         if (row.goes) {
             EXPECT_EQ(sent[5], 21);
-            EXPECT_EQ(packets::get16(sent, 12), packets::get16(frame, 12));
+            EXPECT_EQ(get16(sent, 12), get16(frame, 12));
         }
         EXPECT_EQ(rm_server(row.cluster, 443, row.server), LBCMD_RC_SUCCESS);
     }
@@ -262,7 +253,7 @@ TEST_F(Ipv6Test, GroupsAreJoinedWhereTheAddressIsReachedInWhateverOrder)
         std::string changes;
         const auto all = fake::memberships();
         for (; seen < all.size(); seen++) {
-            const std::string ip = packets::ip6_at(all[seen].ip6, 0);
+            const std::string ip = ip6_at(all[seen].ip6, 0);
             changes += (all[seen].join ? "+" : "-") + all[seen].ifname + " " +
                        ip.substr(ip.size() - 3) + " ";
         }

@@ -6,8 +6,7 @@
 namespace
 {
 
-using packets::bytes;
-using packets::ETH;
+using namespace packets;
 
 constexpr const char *CLUSTER = "10.0.0.100";
 constexpr const char *DISTANT = "192.0.2.11";
@@ -54,14 +53,14 @@ class TunnelTest : public StackTest
 // A client's packet of `len` bytes from its IP header on.
 bytes packet(std::size_t len, std::uint16_t fragoff = 0)
 {
-    return packets::build(packets::packet{.fragoff = fragoff, .payload = len - 40});
+    return build(packets::packet{.fragoff = fragoff, .payload = len - 40});
 }
 
 void expect_tunnelled(const fake::sent_frame &sent, const method &m, const bytes &frame)
 {
     EXPECT_EQ(sent.how, fake::via::raw4);
     EXPECT_EQ(sent.protocol, m.protocol);
-    EXPECT_EQ(packets::ip_at(sent.dest, 0), DISTANT);
+    EXPECT_EQ(ip_at(sent.dest, 0), DISTANT);
     bytes expected = m.header;
     expected.insert(expected.end(), frame.begin() + ETH, frame.end());
     EXPECT_EQ(sent.bytes, expected);
@@ -70,9 +69,9 @@ void expect_tunnelled(const fake::sent_frame &sent, const method &m, const bytes
 void expect_toolong(const fake::sent_frame &sent, int mtu)
 {
     EXPECT_EQ(sent.protocol, 1);
-    EXPECT_EQ(packets::ip_at(sent.dest, 0), "10.0.0.50");
-    EXPECT_EQ(packets::get16(sent.bytes, 0), 0x0304);
-    EXPECT_EQ(packets::get16(sent.bytes, 6), mtu);
+    EXPECT_EQ(ip_at(sent.dest, 0), "10.0.0.50");
+    EXPECT_EQ(get16(sent.bytes, 0), 0x0304);
+    EXPECT_EQ(get16(sent.bytes, 6), mtu);
 }
 
 TEST_F(TunnelTest, ThePacketTravelsInsideUnchanged)
@@ -82,14 +81,12 @@ TEST_F(TunnelTest, ThePacketTravelsInsideUnchanged)
         ASSERT_ADDED(add_tunnel(DISTANT, m.type | LBSRV_ENCAPFLAG_ENCAPSULATE));
         bytes frame = packet(100);
         frame.resize(frame.size() + 9); // padding stays behind
-        const bytes bare = packets::part(frame, ETH, frame.size());
+        const bytes bare = part(frame, ETH, frame.size());
         for (const auto &sent : {sent_for(frame), sent_for(bare, fake::link::slip)}) {
             ASSERT_EQ(sent.size(), 1U);
             expect_tunnelled(sent[0], m, packet(100));
         }
-        packets::put16(frame, ETH + 2, 200); // more than came
-        packets::mend_ip(frame);
-        EXPECT_TRUE(sent_for(frame).empty());
+        EXPECT_TRUE(sent_for(with_total(frame, 200)).empty()) << "more than came";
         EXPECT_EQ(counted(DISTANT).err, 1U);
 
         // What is too long for the tunnel.
@@ -175,11 +172,11 @@ TEST_F(CollocatedTest, PacketsLeaveThroughTheOneTunDevice)
     EXPECT_EQ(fake::tun_requests()[0].flags, 1);
 
     bytes frame = packet(100);
-    bytes expected = packets::part(frame, ETH, frame.size());
+    bytes expected = part(frame, ETH, frame.size());
     expected[8]--;
-    packets::mend_ip(expected, 0);
+    mend_ip(expected, 0);
     frame.resize(frame.size() + 9); // padding stays behind
-    const bytes bare = packets::part(frame, ETH, frame.size());
+    const bytes bare = part(frame, ETH, frame.size());
     for (const auto &sent : {sent_for(frame), sent_for(bare, fake::link::slip)}) {
         ASSERT_EQ(sent.size(), 1U);
         EXPECT_EQ(sent[0].how, fake::via::tun);

@@ -77,7 +77,7 @@ inline std::string ip_at(const bytes &b, std::size_t at)
     return to_text({b.at(at), b.at(at + 1), b.at(at + 2), b.at(at + 3)});
 }
 
-template <class Bytes> std::string ip6_at(const Bytes &b, std::size_t at)
+inline std::string ip6_at(const bytes &b, std::size_t at)
 {
     (void)b.at(at + 15);
     char text[INET6_ADDRSTRLEN];
@@ -326,6 +326,20 @@ inline bytes with(bytes frame, std::size_t at, std::uint8_t value)
     return frame;
 }
 
+inline bytes with16(bytes frame, std::size_t at, std::uint16_t value)
+{
+    put16(frame, at, value);
+    return frame;
+}
+
+// An IPv4 packet that says it has another length.
+inline bytes with_total(const bytes &frame, std::uint16_t total)
+{
+    bytes out = with16(frame, ETH + 2, total);
+    mend_ip(out);
+    return out;
+}
+
 inline bytes part(const bytes &b, std::size_t from, std::size_t to)
 {
     return {b.begin() + static_cast<long>(from), b.begin() + static_cast<long>(to)};
@@ -454,8 +468,7 @@ inline bytes arp_reply(const std::string &ip, std::uint8_t last)
 // length.
 inline bool parse(const bytes &f, arp &out)
 {
-    const bytes fixed = {8, 6, 0, 1, 8, 0, 6, 4};
-    if (f.size() != ETH + 28 || !std::equal(fixed.begin(), fixed.end(), f.begin() + 12)) {
+    if (f.size() != ETH + 28) {
         return false;
     }
     out.ethdst = mac_at(f, 0);
@@ -464,7 +477,7 @@ inline bool parse(const bytes &f, arp &out)
     out.srcip = ip_at(f, ETH + 14);
     out.tgthw = mac_at(f, ETH + 18);
     out.tgtip = ip_at(f, ETH + 24);
-    return mac_at(f, 6) == out.srchw;
+    return build(out) == f;
 }
 
 // --- Neighbour discovery (RFC 4861, 4.3 and 4.4) -------------------------------------------------

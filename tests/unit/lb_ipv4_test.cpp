@@ -7,8 +7,7 @@
 namespace
 {
 
-using packets::bytes;
-using packets::ETH;
+using namespace packets;
 
 // A packet object over the IP part of a frame, as the entry makes it.
 lbpbuf_obj_t over(bytes &frame)
@@ -16,7 +15,7 @@ lbpbuf_obj_t over(bytes &frame)
     lbpbuf_obj_t pkt = {};
     pkt.p.raw = frame.data() + ETH;
     pkt.buflen = static_cast<lb_s32_t>(frame.size()) - ETH;
-    if (packets::is_ipv6(frame)) {
+    if (is_ipv6(frame)) {
         pkt.ipfuncs = &lbipv6_funcs;
         (void)_lbipv6_getproto(pkt.p.v6, pkt.buflen, &pkt.ulp.raw, &pkt);
     } else {
@@ -26,26 +25,12 @@ lbpbuf_obj_t over(bytes &frame)
     return pkt;
 }
 
-bytes with_total(bytes frame, std::uint16_t total)
-{
-    packets::put16(frame, ETH + 2, total);
-    packets::mend_ip(frame);
-    return frame;
-}
-
-bytes with_payload(bytes frame, std::uint16_t payload)
-{
-    packets::put16(frame, ETH + 4, payload);
-    return frame;
-}
-
 using IpLayerTest = StackTest;
 
 TEST_F(IpLayerTest, NothingIsDoneToPacketsWhoseLengthsLie)
 {
-    const bytes v4 = packets::build(packets::packet{});
-    const bytes v6 =
-        packets::build(packets::packet{.version = 6, .exts = {packets::fragment(7, 0)}});
+    const bytes v4 = build(packet{});
+    const bytes v6 = build(packet{.version = 6, .exts = {fragment(7, 0)}});
     const struct {
         const char *name;
         bytes frame;
@@ -53,17 +38,17 @@ TEST_F(IpLayerTest, NothingIsDoneToPacketsWhoseLengthsLie)
         {"total beyond the frame", with_total(v4, 200)},
         {"total below the header", with_total(v4, 19)},
         {"no room for a TCP header", with_total(v4, 39)},
-        {"cut within the TCP header", packets::cut(v4, 39, false)},
-        {"no payload", with_payload(v6, 0)},
-        {"payload within the headers", with_payload(v6, 7)},
-        {"no room for a TCP header over IPv6", with_payload(v6, 8 + 19)},
-        {"one byte more than came", with_payload(v6, 61)},
+        {"cut within the TCP header", cut(v4, 39, false)},
+        {"no payload", with16(v6, ETH + 4, 0)},
+        {"payload within the headers", with16(v6, ETH + 4, 7)},
+        {"no room for a TCP header over IPv6", with16(v6, ETH + 4, 8 + 19)},
+        {"one byte more than came", with16(v6, ETH + 4, 61)},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         bytes frame = row.frame;
         lbpbuf_obj_t pkt = over(frame);
-        const lbip_addr_t other = stack::ip(packets::is_ipv6(frame) ? "10.0.0.1" : "2001:db8::1");
+        const lbip_addr_t other = stack::ip(is_ipv6(frame) ? "10.0.0.1" : "2001:db8::1");
         EXPECT_EQ(pkt.ipfuncs->setsaddr(&pkt, &other), -1) << "an address of the other version";
         EXPECT_EQ(pkt.ipfuncs->setdaddr(&pkt, &other), -1) << "an address of the other version";
         EXPECT_EQ(pkt.ipfuncs->tcpchksum(&pkt), -1);
@@ -73,7 +58,7 @@ TEST_F(IpLayerTest, NothingIsDoneToPacketsWhoseLengthsLie)
 
 TEST_F(IpLayerTest, AResetNeedsAGatewayAndSequenceNumbersAndHasAnIdentificationOfItsOwn)
 {
-    const bytes request = packets::build(packets::packet{.flags = 0x10});
+    const bytes request = build(packet{.flags = 0x10});
     const auto reset = [](bytes frame) {
         lbpbuf_obj_t pkt = over(frame);
         const lb_grace_inside inside;
@@ -85,14 +70,14 @@ TEST_F(IpLayerTest, AResetNeedsAGatewayAndSequenceNumbersAndHasAnIdentificationO
     make_eth0();
     tick(1);
     (void)fake::take_sent();
-    EXPECT_EQ(reset(packets::cut(request, 39, false)), -1) << "short TCP header";
+    EXPECT_EQ(reset(cut(request, 39, false)), -1) << "short TCP header";
     EXPECT_EQ(reset(with_total(request, 39)), -1) << "a total length that ends within it";
     EXPECT_EQ(fake::sent_count(), 1U) << "only the query for the gateway";
     EXPECT_EQ(reset(request), 0);
     EXPECT_EQ(reset(request), 0);
     const auto sent = fake::take_sent();
     ASSERT_EQ(sent.size(), 2U);
-    EXPECT_EQ(packets::get16(sent[1].bytes, ETH + 4), packets::get16(sent[0].bytes, ETH + 4) + 1);
+    EXPECT_EQ(get16(sent[1].bytes, ETH + 4), get16(sent[0].bytes, ETH + 4) + 1);
 }
 
 } // namespace

@@ -7,11 +7,10 @@
 namespace
 {
 
-using packets::build;
-using packets::bytes;
+using namespace packets;
 
-constexpr packets::mac OWN = {2, 0, 0, 0, 0, 1};
-constexpr packets::mac PEER = {2, 0, 0, 0, 0, 0x11};
+constexpr mac OWN = {2, 0, 0, 0, 0, 1};
+constexpr mac PEER = {2, 0, 0, 0, 0, 0x11};
 constexpr const char *PEER_IP = "10.0.0.11";
 
 class NeighTest : public StackTest
@@ -35,15 +34,12 @@ class NeighTest : public StackTest
     // The queries sent since the last call, as "b" (broadcast) or "u" (unicast to the peer).
     static std::string queries()
     {
+        const auto query = [](const mac &to) {
+            return build(arp{.srchw = OWN, .srcip = "10.0.0.1", .tgtip = PEER_IP, .ethdst = to});
+        };
         std::string out;
-        for (const auto &frame : fake::take_sent()) {
-            packets::arp arp;
-            EXPECT_TRUE(packets::parse(frame.bytes, arp));
-            EXPECT_EQ(arp.op, 1);
-            EXPECT_EQ(arp.srchw, OWN);
-            EXPECT_EQ(arp.srcip, "10.0.0.1");
-            EXPECT_EQ(arp.tgthw, packets::mac{});
-            out += arp.ethdst == packets::BROADCAST ? 'b' : arp.ethdst == PEER ? 'u' : '?';
+        for (const auto &sent : fake::take_sent()) {
+            out += sent.bytes == query(BROADCAST) ? 'b' : sent.bytes == query(PEER) ? 'u' : '?';
         }
         return out;
     }
@@ -126,7 +122,7 @@ TEST_F(NeighTest, NoInterfaceAndThenOneAppears)
     const auto sent = fake::take_sent();
     ASSERT_EQ(sent.size(), 1U);
     EXPECT_EQ(sent[0].ifname, "eth1");
-    EXPECT_EQ(packets::ip_at(sent[0].bytes, packets::ETH + 14), "10.9.0.1");
+    EXPECT_EQ(ip_at(sent[0].bytes, ETH + 14), "10.9.0.1");
     answer("10.9.0.11");
     EXPECT_EQ(lb_peek(entry->state), OK);
     ASSERT_NE(lb_peekptr(entry->route), nullptr);
@@ -197,12 +193,6 @@ TEST_F(NeighTest, NothingIsAskedWithoutArpNorOfThisHost)
 
 // --- Answering and announcing --------------------------------------------------------------------
 
-bytes with16(bytes frame, std::size_t at, std::uint16_t value)
-{
-    packets::put16(frame, at, value);
-    return frame;
-}
-
 TEST_F(NeighTest, AClusterIsAnnouncedAndAnsweredForOnItsInterface)
 {
     lbifin_setable_t silent = stack::ethernet(2);
@@ -215,32 +205,32 @@ TEST_F(NeighTest, AClusterIsAnnouncedAndAnsweredForOnItsInterface)
     const auto announced = fake::take_sent(); // of three, the one whose interface does ARP
     ASSERT_EQ(announced.size(), 1U);
     EXPECT_EQ(announced[0].bytes,
-              build(packets::arp{.srchw = OWN, .srcip = "10.0.0.100", .tgtip = "10.0.0.100"}));
-    const packets::arp request, probe = {.srcip = "0.0.0.0"}, direct = {.ethdst = OWN};
+              build(arp{.srchw = OWN, .srcip = "10.0.0.100", .tgtip = "10.0.0.100"}));
+    const arp request, probe = {.srcip = "0.0.0.0"}, direct = {.ethdst = OWN};
     const bytes frame = build(request);
     bytes padded = frame;
     padded.resize(60); // the smallest Ethernet frame
-    constexpr std::size_t ARP = packets::ETH;
+
     const struct {
         const char *name;
         bytes frame;
-        const packets::arp *answered = nullptr; // or left to the host
+        const arp *answered = nullptr; // or left to the host
     } rows[] = {
         {"a request", padded, &request},
         {"a probe", build(probe), &probe},
         {"asked directly", build(direct), &direct},
-        {"a cluster on an interface without ARP", build(packets::arp{.tgtip = "10.8.0.100"})},
-        {"a cluster that no interface carries", build(packets::arp{.tgtip = "10.6.0.100"})},
-        {"an asker with a group address", build(packets::arp{.srchw = packets::BROADCAST})},
-        {"a reply, not a request", build(packets::arp{.op = 2})},
-        {"hardware type 6", with16(frame, ARP, 6)},
-        {"for IPv6", with16(frame, ARP + 2, 0x86DD)},
-        {"hardware length 5", with16(frame, ARP + 4, 0x0504)},
-        {"protocol length 2", with16(frame, ARP + 4, 0x0602)},
-        {"lengths beyond the frame", with16(frame, ARP + 4, 0xFFFF)},
-        {"a frame that is cut", packets::part(frame, 0, frame.size() - 1)},
-        {"RARP", with16(frame, ARP + 6, 3)},
-        {"operation 256 (bytes swapped)", with16(frame, ARP + 6, 0x0100)},
+        {"a cluster on an interface without ARP", build(arp{.tgtip = "10.8.0.100"})},
+        {"a cluster that no interface carries", build(arp{.tgtip = "10.6.0.100"})},
+        {"an asker with a group address", build(arp{.srchw = BROADCAST})},
+        {"a reply, not a request", build(arp{.op = 2})},
+        {"hardware type 6", with16(frame, ETH, 6)},
+        {"for IPv6", with16(frame, ETH + 2, 0x86DD)},
+        {"hardware length 5", with16(frame, ETH + 4, 0x0504)},
+        {"protocol length 2", with16(frame, ETH + 4, 0x0602)},
+        {"lengths beyond the frame", with16(frame, ETH + 4, 0xFFFF)},
+        {"a frame that is cut", part(frame, 0, frame.size() - 1)},
+        {"RARP", with16(frame, ETH + 6, 3)},
+        {"operation 256 (bytes swapped)", with16(frame, ETH + 6, 0x0100)},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
@@ -250,12 +240,12 @@ TEST_F(NeighTest, AClusterIsAnnouncedAndAnsweredForOnItsInterface)
         } else {
             const auto sent = sent_for(row.frame);
             ASSERT_EQ(sent.size(), 1U);
-            const packets::arp expected{.op = 2,
-                                        .srchw = OWN,
-                                        .srcip = row.answered->tgtip,
-                                        .tgthw = row.answered->srchw,
-                                        .tgtip = row.answered->srcip,
-                                        .ethdst = row.answered->srchw};
+            const arp expected{.op = 2,
+                               .srchw = OWN,
+                               .srcip = row.answered->tgtip,
+                               .tgthw = row.answered->srchw,
+                               .tgtip = row.answered->srcip,
+                               .ethdst = row.answered->srchw};
             EXPECT_EQ(sent[0].bytes, build(expected));
             EXPECT_EQ(sent[0].ifname, "eth0");
         }
@@ -264,7 +254,7 @@ TEST_F(NeighTest, AClusterIsAnnouncedAndAnsweredForOnItsInterface)
     }
     fake::set_interface_unknown("eth0");
     ASSERT_ADDED(add_cluster("10.0.0.101"));
-    EXPECT_EQ(fake::receive(build(packets::arp{})), LB_PACKETRC_INTACT) << "no handle to answer on";
+    EXPECT_EQ(fake::receive(build(arp{})), LB_PACKETRC_INTACT) << "no handle to answer on";
 }
 
 } // namespace
