@@ -13,21 +13,18 @@ TEST_F(IpTest, EqualityLooksAtVersionAndAddressAlone)
     lbip_addr_t rest = stack::ip("10.0.0.1");
     rest.nboaddr.v6[9] = 7; // behind an IPv4 address
     const struct {
-        const char *name;
         lbip_addr_t a, b;
         int equal;
     } rows[] = {
-        {"prefix is ignored", stack::ip("10.0.0.1/24"), stack::ip("10.0.0.1"), 1},
-        {"one bit", stack::ip("10.0.0.1"), stack::ip("10.0.0.0"), 0},
-        {"bytes behind an IPv4 address", rest, stack::ip("10.0.0.1"), 1},
-        {"first bytes of an IPv6 address", stack::ip("2001:db8:a::1"), stack::ip("2001:db8:b::1"),
-         0},
-        {"last byte of an IPv6 address", stack::ip("2001:db8::1"), stack::ip("2001:db8::2"), 0},
-        {"same bytes, other version", stack::ip("0.0.0.0"), stack::ip("::"), 0},
-        {"both unset", {}, {}, 1},
+        {stack::ip("10.0.0.1/24"), rest, 1},
+        {stack::ip("10.0.0.1"), stack::ip("10.0.0.0"), 0},
+        {stack::ip("2001:db8:a::1"), stack::ip("2001:db8:b::1"), 0},
+        {stack::ip("2001:db8::1"), stack::ip("2001:db8::2"), 0},
+        {stack::ip("0.0.0.0"), stack::ip("::"), 0},
+        {{}, {}, 1},
     };
     for (const auto &row : rows) {
-        EXPECT_EQ(lbip_isaddrequal(&row.a, &row.b), row.equal) << row.name;
+        EXPECT_EQ(lbip_isaddrequal(&row.a, &row.b), row.equal) << &row - rows;
     }
 }
 
