@@ -90,6 +90,8 @@ TEST_F(NeighTest, ClockStepsNeitherHangNorKill)
     answer();
     EXPECT_EQ(lb_peek(entry->state), OK);
     EXPECT_EQ(cadence(10), "10u ");
+    fake::advance_s(-100000);
+    EXPECT_EQ(cadence(2), "1.5b ");
 }
 
 TEST_F(NeighTest, EveryRipeEntryIsVisitedOnceATick)
@@ -118,7 +120,11 @@ TEST_F(NeighTest, NoInterfaceAndThenOneAppears)
     EXPECT_EQ(lb_peekptr(entry->route), nullptr);
     ASSERT_ADDED(add_interface("eth1", stack::ethernet(2)));
     ASSERT_ADDED(add_ifaddr("eth1", "10.9.0.1/24"));
+    fake::set_interface_unknown("eth1");
     tick_once();
+    EXPECT_EQ(lb_peek(entry->state), ERR | U0);
+    fake::set_interface_unknown("eth1", false);
+    tick(1);
     const auto sent = fake::take_sent();
     ASSERT_EQ(sent.size(), 1U);
     EXPECT_EQ(sent[0].ifname, "eth1");
