@@ -33,9 +33,9 @@ enum class kind { executor, cluster, port, server, collection, interface, addres
 struct object {
     kind what;
     lbcmd_key_t key;
-    int parent; // -1: a root, always there
-    bool present = false;
-    std::vector<int> children{}; // in the order of their ADD
+    object *parent; // null: a root, always there
+    bool present = parent == nullptr;
+    std::vector<object *> children{}; // in the order of their ADD
 
     [[nodiscard]] lbcmd_keytype_e tree() const
     {
@@ -68,18 +68,6 @@ packets::bytes random_arp(rng &random)
     a.srcip = below(random, 4) == 0 ? "10.0.0.254" : any(random, SERVERS);
     a.tgtip = any(random, CLUSTERS);
     return packets::build(a);
-}
-
-void keep_time(rng &random)
-{
-    switch (below(random, 40)) {
-    case 0: fake::advance_ms(-5000); break;
-    case 1: fake::advance_ms(31000); break;
-    case 2: fake::advance_ms(-3600000); break;
-    case 3: fake::advance_ms(3600000); break;
-    default: fake::advance_ms(500); break;
-    }
-    EXPECT_EQ(lb_timer_entry(), 0);
 }
 
 stack::bytes addable_of(rng &random, kind what)
@@ -165,12 +153,12 @@ class EverythingAtOnceTest : public Stress<StackTest>
     void SetUp() override
     {
         Stress::SetUp();
-        const int executor = declare(kind::executor, stack::cfgkey(), -1);
-        const int collection = declare(kind::collection, stack::ifacekey(), -1);
+        object *executor = declare(kind::executor, stack::cfgkey(), nullptr);
+        object *collection = declare(kind::collection, stack::ifacekey(), nullptr);
         for (const std::string &cluster : CLUSTERS) {
-            const int c = declare(kind::cluster, stack::cfgkey(cluster), executor);
+            object *c = declare(kind::cluster, stack::cfgkey(cluster), executor);
             for (const lb_u16_t port : PORTS) {
-                const int p = declare(kind::port, stack::cfgkey(cluster, port), c);
+                object *p = declare(kind::port, stack::cfgkey(cluster, port), c);
                 for (const std::string &server : SERVERS) {
                     declare(kind::server, stack::cfgkey(cluster, port, server), p);
                 }
@@ -178,26 +166,19 @@ class EverythingAtOnceTest : public Stress<StackTest>
         }
         for (std::size_t i = 0; i < INTERFACES.size(); i++) {
             const std::string net = "10.0." + std::to_string(i);
-            const int ifin = declare(kind::interface, stack::ifacekey(INTERFACES[i]), collection);
+            object *ifin = declare(kind::interface, stack::ifacekey(INTERFACES[i]), collection);
             declare(kind::address, stack::ifacekey(INTERFACES[i], net + ".1/24"), ifin);
             declare(kind::address, stack::ifacekey(INTERFACES[i], net + ".2/16"), ifin);
         }
     }
 
-    [[nodiscard]] std::size_t size() const { return objects_.size(); }
-
     void random_command(rng &random)
     {
-        const int which = below(random, static_cast<int>(objects_.size()));
-        const object &o = objects_[static_cast<std::size_t>(which)];
+        object &o = *objects_[random() % objects_.size()];
         switch (below(random, 6)) {
         case 0:
-        case 1: command_add(random, which); break;
-        case 2:
-            if (o.parent >= 0) {
-                command_rm(which);
-            }
-            break;
+        case 1: command_add(random, o); break;
+        case 2: command_rm(o); break;
         case 3:
             ASSERT_EQ(command(LBCMD_ACTION_SET, o.tree(), o.key, {}, setable_of(random, o.what)),
                       o.present ? LBCMD_RC_SUCCESS : LBCMD_RC_OBJNOTFOUND);
@@ -205,7 +186,37 @@ class EverythingAtOnceTest : public Stress<StackTest>
         default: command_get(o); break;
         }
     }
-
+    void command_add(rng &random, object &o)
+    {
+        int expected = LBCMD_RC_SUCCESS;
+        if (o.parent == nullptr) {
+            expected = LBCMD_RC_NOPARENT;
+        } else if (o.present) {
+            expected = LBCMD_RC_ALREADYEXISTS;
+        } else if (!o.parent->present) {
+            expected = LBCMD_RC_PARENTDNE;
+        }
+        ASSERT_EQ(add(o.tree(), o.key, addable_of(random, o.what), setable_of(random, o.what)),
+                  expected);
+        if (expected == LBCMD_RC_SUCCESS) {
+            o.present = true;
+            o.parent->children.push_back(&o);
+        }
+    }
+    void command_rm(object &o)
+    {
+        if (o.parent == nullptr) {
+            return;
+        }
+        const int expected = !o.present            ? LBCMD_RC_OBJNOTFOUND
+                             : !o.children.empty() ? LBCMD_RC_HASCHILD
+                                                   : LBCMD_RC_SUCCESS;
+        ASSERT_EQ(rm(o.tree(), o.key), expected);
+        if (expected == LBCMD_RC_SUCCESS) {
+            o.present = false;
+            std::erase(o.parent->children, &o);
+        }
+    }
     // What GET tells of an object against the model.
     void command_get(const object &o)
     {
@@ -214,28 +225,10 @@ class EverythingAtOnceTest : public Stress<StackTest>
         const auto listed = children();
         ASSERT_EQ(listed.size(), o.children.size());
         for (std::size_t i = 0; i < listed.size(); i++) {
-            const lbcmd_key_t &key = objects_[static_cast<std::size_t>(o.children[i])].key;
-            EXPECT_EQ(std::memcmp(&listed[i], &key, sizeof(key)), 0) << "in the order of ADD";
+            EXPECT_EQ(std::memcmp(&listed[i], &o.children[i]->key, sizeof(lbcmd_key_t)), 0)
+                << "in the order of ADD";
         }
     }
-
-    void get_all()
-    {
-        for (const object &o : objects_) {
-            command_get(o);
-        }
-    }
-
-    void remove_all_objects()
-    {
-        for (std::size_t i = objects_.size(); i-- > 0;) {
-            if (objects_[i].present && objects_[i].parent >= 0) {
-                command_rm(static_cast<int>(i)); // children stand behind their parents
-            }
-        }
-        EXPECT_EQ(set_client_gateway(""), LBCMD_RC_SUCCESS);
-    }
-
     void expect_forwards()
     {
         fake::count_only(false);
@@ -246,51 +239,17 @@ class EverythingAtOnceTest : public Stress<StackTest>
         ASSERT_ADDED(add_server("10.0.0.100", 80, "10.0.0.11"));
         fake::receive(packets::arp_reply("10.0.0.11", 0x11));
         (void)fake::take_sent();
-        EXPECT_EQ(fake::receive(packets::build(packets::packet{})), LB_PACKETRC_CONSUMED);
-        const auto sent = fake::take_sent();
-        ASSERT_EQ(sent.size(), 1U);
-        EXPECT_EQ(packets::mac_at(sent[0].bytes, 0), packets::mac_of(0x11));
+        fake::receive(packets::build(packets::packet{}));
+        EXPECT_EQ(packets::mac_at(fake::take_sent().at(0).bytes, 0), packets::mac_of(0x11));
     }
+
+    std::vector<std::unique_ptr<object>> objects_; // children stand behind their parents
 
   private:
-    int declare(kind what, const lbcmd_key_t &key, int parent)
+    object *declare(kind what, const lbcmd_key_t &key, object *parent)
     {
-        objects_.push_back({what, key, parent, parent < 0});
-        return static_cast<int>(objects_.size()) - 1;
+        return objects_.emplace_back(new object{what, key, parent}).get();
     }
-
-    void command_add(rng &random, int which)
-    {
-        object &o = objects_[static_cast<std::size_t>(which)];
-        int expected = LBCMD_RC_ALREADYEXISTS;
-        if (o.parent < 0) {
-            expected = LBCMD_RC_NOPARENT;
-        } else if (!o.present) {
-            expected = objects_[static_cast<std::size_t>(o.parent)].present ? LBCMD_RC_SUCCESS
-                                                                            : LBCMD_RC_PARENTDNE;
-        }
-        ASSERT_EQ(add(o.tree(), o.key, addable_of(random, o.what), setable_of(random, o.what)),
-                  expected);
-        if (expected == LBCMD_RC_SUCCESS) {
-            o.present = true;
-            objects_[static_cast<std::size_t>(o.parent)].children.push_back(which);
-        }
-    }
-
-    void command_rm(int which)
-    {
-        object &o = objects_[static_cast<std::size_t>(which)];
-        const int expected = !o.present            ? LBCMD_RC_OBJNOTFOUND
-                             : !o.children.empty() ? LBCMD_RC_HASCHILD
-                                                   : LBCMD_RC_SUCCESS;
-        ASSERT_EQ(rm(o.tree(), o.key), expected);
-        if (expected == LBCMD_RC_SUCCESS) {
-            o.present = false;
-            std::erase(objects_[static_cast<std::size_t>(o.parent)].children, which);
-        }
-    }
-
-    std::vector<object> objects_;
 };
 
 TEST_F(EverythingAtOnceTest, AnswersAsOneThreadWouldAndLeavesNothing)
@@ -303,12 +262,17 @@ TEST_F(EverythingAtOnceTest, AnswersAsOneThreadWouldAndLeavesNothing)
             },
             [](const packets::bytes &bytes, fake::worker &worker) { (void)worker.receive(bytes); });
     }
-    start([](rng &random, fake::worker & /*worker*/) { keep_time(random); });
-    EXPECT_GT(run([this](rng &random) { random_command(random); }), 100 * size());
+    start_timer();
+    EXPECT_GT(run([this](rng &random) { random_command(random); }), 100 * objects_.size());
 
-    get_all();
+    for (const auto &each : objects_) {
+        command_get(*each);
+    }
     expect_consistent_lists();
-    remove_all_objects();
+    for (auto each = objects_.rbegin(); each != objects_.rend(); ++each) {
+        command_rm(**each);
+    }
+    ASSERT_ADDED(set_client_gateway(""));
     expect_consistent_lists();
     tick(6);
     EXPECT_EQ(lbll_size(&lbexecutor->cmdreaplist), 0);

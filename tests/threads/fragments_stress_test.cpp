@@ -3,7 +3,7 @@
 #include "lb_fragment.h"
 
 #include <algorithm>
-#include <barrier>
+#include <optional>
 
 #include "datagrams.h"
 #include "stress.h"
@@ -33,18 +33,11 @@ class FragmentStress : public Stress<StackTest>
             ASSERT_ADDED(add_server(C, 80, server));
             fake::receive(packets::arp_reply(server, last));
         }
-        for (int i = 0; i < stress::WORKERS; i++) {
-            threads_.emplace_back([this] { work(); });
-        }
         (void)fake::take_sent();
     }
     void TearDown() override
     {
-        stop_ = true;
-        turn_.arrive_and_wait();
-        for (std::thread &thread : threads_) {
-            thread.join();
-        }
+        workers_.reset();
         stop_stack();
         EXPECT_EQ(lbfrag_heldbytes(), 0U);
         Stress::TearDown();
@@ -66,30 +59,24 @@ class FragmentStress : public Stress<StackTest>
         }
         std::shuffle(frames_.begin(), frames_.end(), random);
         next_ = 0;
-        turn_.arrive_and_wait(); // they begin
-        turn_.arrive_and_wait(); // all have ended
+        workers_->together();
         return all;
     }
     [[nodiscard]] std::size_t frames() const { return frames_.size(); }
 
   private:
-    void work()
+    // A worker takes the next frame for as long as there is one.
+    void work(fake::worker &worker)
     {
-        fake::worker worker;
-        for (turn_.arrive_and_wait(); !stop_; turn_.arrive_and_wait()) {
-            for (std::size_t at = next_++; at < frames_.size(); at = next_++) {
-                (void)worker.receive(frames_[at]);
-            }
-            turn_.arrive_and_wait();
+        for (std::size_t at = next_++; at < frames_.size(); at = next_++) {
+            (void)worker.receive(frames_[at]);
         }
     }
 
-    std::barrier<> turn_{stress::WORKERS + 1};
-    std::atomic<bool> stop_{false};
     std::atomic<std::size_t> next_{0};
     std::vector<bytes> frames_;
-    std::vector<std::thread> threads_;
     unsigned serial_ = 0;
+    std::optional<stress::team> workers_{[this](fake::worker &worker) { work(worker); }};
 };
 
 TEST_F(FragmentStress, EveryDatagramComesWholeAtOneServer)

@@ -1,11 +1,12 @@
-// What the thread tests share: random numbers, and threads that do one thing again and again while
-// the test sends commands.
+// What the thread tests share: random numbers, threads that do one thing again and again while the
+// test sends commands, and such that do it at the same time.
 //
 // VELL_STRESS_SECONDS says how long (5 without it), VELL_SEED which. Threads interleave as they
 // like, so a seed repeats what each thread does, not when.
 #pragma once
 
 #include <atomic>
+#include <barrier>
 #include <chrono>
 #include <thread>
 
@@ -26,6 +27,44 @@ inline std::chrono::milliseconds duration()
 {
     return std::chrono::milliseconds(1000 * randoms::number_from("VELL_STRESS_SECONDS", 5));
 }
+
+// Workers that all do one thing at the same time, as often as they are told to.
+class team
+{
+  public:
+    explicit team(std::function<void(fake::worker &)> job) : job_(std::move(job))
+    {
+        for (int i = 0; i < WORKERS; i++) {
+            threads_.emplace_back([this] { work(); });
+        }
+    }
+    ~team()
+    {
+        stop_ = true;
+        turn_.arrive_and_wait();
+    }
+    // Returns when all have done it.
+    void together()
+    {
+        turn_.arrive_and_wait();
+        turn_.arrive_and_wait();
+    }
+
+  private:
+    void work()
+    {
+        fake::worker worker;
+        for (turn_.arrive_and_wait(); !stop_; turn_.arrive_and_wait()) {
+            job_(worker);
+            turn_.arrive_and_wait();
+        }
+    }
+
+    std::function<void(fake::worker &)> job_;
+    std::barrier<> turn_{WORKERS + 1};
+    bool stop_ = false;
+    std::vector<std::jthread> threads_; // joined first
+};
 
 } // namespace stress
 
