@@ -40,7 +40,7 @@ TEST_F(FuzzHeartbeats, MutatedOnesTouchNobodyElse)
     ASSERT_ADDED(make_port(443, LBSEL_ALGORIGHM_AFFINITY));
     ASSERT_ADDED(make_port(8443, LBSEL_ALGORIGHM_AFFINITY, 443));
     for (int last = 11; last <= 13; last++) {
-        make_servers(last);
+        make_everywhere(last);
     }
     ASSERT_ADDED(pair(LBHA_ROLE_PRIMARY, LBHA_TAKEOVERSTRATEGY_AUTOMATIC));
     constexpr const char *OTHER = "172.31.250.77";

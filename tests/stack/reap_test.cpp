@@ -98,6 +98,7 @@ TEST_F(ReapTest, NothingIsFreedWhileAReaderIsInside)
         {"address", LBCMD_KEYTYPE_IFACE, stack::ifacekey("eth0", "10.0.0.1/24")},
         {"interface", LBCMD_KEYTYPE_IFACE, stack::ifacekey("eth0")},
     };
+    const lbip_addr_t server = stack::ip("10.0.0.11");
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         tick_once();
@@ -109,6 +110,7 @@ TEST_F(ReapTest, NothingIsFreedWhileAReaderIsInside)
             tick(10);
             lbpbuf_drain();
             EXPECT_EQ(fake::live_allocations(), full);
+            EXPECT_EQ(lbneigh_lookup(&server) != nullptr, &row == rows) << "its server's";
         }
         tick(1);
         lbpbuf_drain();

@@ -135,7 +135,7 @@ class HaFixture : public NatFixture
         return b;
     }
     // The servers of these, as far as they are missing.
-    void make_servers(int last)
+    void make_everywhere(int last)
     {
         lbsrv_setable_t sticky{};
         sticky.weight = 1;
@@ -172,10 +172,9 @@ class HaFixture : public NatFixture
     static lbsel_cr_obj_t *connection(lb_u16_t sport, const std::string &client = "10.9.0.1",
                                       const std::string &cluster = C)
     {
-        lbcmd_key_t portkey = stack::cfgkey(cluster, 80);
-        auto *port = reinterpret_cast<lbport_obj_t *>(lbcmd_lookup(LBCMD_KEYTYPE_CONFIG, &portkey));
+        auto *ct =
+            static_cast<lbsel_ct_obj_t *>(object<lbport_obj_t>(stack::cfgkey(cluster, 80))->ct);
         lbsel_cr_obj_key_t key = {.sip = stack::ip(client), .sport = sport, ._pad = 0};
-        auto *ct = static_cast<lbsel_ct_obj_t *>(port->ct);
         return static_cast<lbsel_cr_obj_t *>(lbht_select1(&ct->lookup, &key));
     }
     // "server state natport" of a connection, the server by its last byte; "" without a record.

@@ -56,8 +56,7 @@ class NatFixture : public RecordFixture
     }
     static lbsrv_obj_t *natserver(int last)
     {
-        lbcmd_key_t key = stack::cfgkey(C, 80, server_ip(last));
-        return reinterpret_cast<lbsrv_obj_t *>(lbcmd_lookup(LBCMD_KEYTYPE_CONFIG, &key));
+        return object<lbsrv_obj_t>(stack::cfgkey(C, 80, server_ip(last)));
     }
     static lbsel_cr_obj_t *owner(lb_u16_t port) { return EXC_EPTGetCR(&retaddr()->ept, port); }
 
@@ -65,9 +64,7 @@ class NatFixture : public RecordFixture
     static bool segment(std::uint8_t flags, std::uint16_t sport,
                         const std::string &client = "10.9.0.1")
     {
-        (void)fake::take_sent();
-        fake::receive(packets::build({.src = client, .dst = C, .sport = sport, .flags = flags}));
-        return fake::take_sent().size() == 1;
+        return !sent_for(packets::build({.src = client, .sport = sport, .flags = flags})).empty();
     }
     static packets::packet answer(std::uint16_t natport, int server = 11)
     {
@@ -81,12 +78,9 @@ class NatFixture : public RecordFixture
     // Where an answer went: "address:port", or "" where it was not sent.
     static std::string answered(const packets::packet &p)
     {
-        (void)fake::take_sent();
-        fake::receive(packets::build(p));
-        const auto frames = fake::take_sent();
-        return frames.size() == 1
-                   ? packets::ip_at(frames[0].bytes, packets::ETH + 16) + ":" +
-                         std::to_string(packets::get16(frames[0].bytes, packets::ETH + 22))
-                   : "";
+        const packets::bytes sent = sent_for(packets::build(p));
+        return sent.empty() ? ""
+                            : packets::ip_at(sent, packets::ETH + 16) + ":" +
+                                  std::to_string(packets::get16(sent, packets::ETH + 22));
     }
 };

@@ -1,10 +1,12 @@
-// Ports with servers behind one interface and a client gateway, TCP segments of many clients, and
-// what the readable blocks say of the servers' records.
+// Ports with servers behind one interface and a client gateway, their rules, TCP segments of many
+// clients, and what the readable blocks say of the servers' records.
 #pragma once
 
 #include "lb_cluster.h"
 #include "lb_port.h"
+#include "lb_rule.h"
 #include "lb_server.h"
+#include "lb_useserver.h"
 
 #include <string>
 
@@ -71,21 +73,82 @@ class RecordFixture : public StackTest
         meet(last);
         return rc;
     }
+    int make_servers(lb_u16_t number, const std::vector<int> &servers = {11, 12, 13},
+                     lb_u16_t weight = 1)
+    {
+        int rc = LBCMD_RC_SUCCESS;
+        for (const int last : servers) {
+            rc = rc == LBCMD_RC_SUCCESS ? make_server(number, last, weight) : rc;
+        }
+        return rc;
+    }
+    // A port with its servers.
+    void remove_port(lb_u16_t number, const std::vector<int> &servers = {11, 12, 13})
+    {
+        for (const int last : servers) {
+            EXPECT_EQ(rm_server(C, number, address(last)), LBCMD_RC_SUCCESS);
+        }
+        EXPECT_EQ(rm_port(C, number), LBCMD_RC_SUCCESS);
+    }
     int weigh(lb_u16_t number, int last, lb_u16_t weight)
     {
         return set_server(C, number, address(last),
                           [weight](lbsrv_setable_t &setable) { setable.weight = weight; });
     }
 
+    static lbcmd_key_t rule_key(int rule, lb_u16_t number = 80)
+    {
+        return stack::cfgkey(C, number, "", static_cast<lb_u16_t>(rule));
+    }
+    static lbrul_setable_t settings(int type, lb_u32_t begin = 0, lb_u32_t end = 0)
+    {
+        lbrul_setable_t setable{};
+        setable.type = static_cast<lb_u8_t>(type);
+        setable.beginrange = begin;
+        setable.endrange = end;
+        return setable;
+    }
+    int add_rule(int rule, const lbrul_setable_t &setable = settings(LBRUL_TYPE_TRUE),
+                 lb_u16_t number = 80)
+    {
+        return add(LBCMD_KEYTYPE_CONFIG, rule_key(rule, number), stack::bytes_of(lbrul_addable_t{}),
+                   stack::bytes_of(setable));
+    }
+    int set_rule(int rule, const lbrul_setable_t &setable, lb_u16_t number = 80)
+    {
+        return set(LBCMD_KEYTYPE_CONFIG, rule_key(rule, number), setable);
+    }
+    int rm_rule(int rule, lb_u16_t number = 80)
+    {
+        return rm(LBCMD_KEYTYPE_CONFIG, rule_key(rule, number));
+    }
+    static lbcmd_key_t use_key(int rule, int last, lb_u16_t number)
+    {
+        return stack::cfgkey(C, number, address(last), static_cast<lb_u16_t>(rule));
+    }
+    int use(int rule, int last, lb_u16_t number = 80)
+    {
+        return add(LBCMD_KEYTYPE_CONFIG, use_key(rule, last, number),
+                   stack::bytes_of(lbusrv_addable_t{}), stack::bytes_of(lbusrv_setable_t{}));
+    }
+    int disuse(int rule, int last, lb_u16_t number = 80)
+    {
+        return rm(LBCMD_KEYTYPE_CONFIG, use_key(rule, last, number));
+    }
+
+    // Receives a frame that the stack takes: the one that is sent then, or none.
+    static packets::bytes sent_for(const packets::bytes &frame)
+    {
+        (void)fake::take_sent();
+        EXPECT_EQ(fake::receive(frame), LB_PACKETRC_CONSUMED);
+        const auto sent = fake::take_sent();
+        return sent.size() == 1 ? sent[0].bytes : packets::bytes();
+    }
     // Sends a packet: the server that it was forwarded to, or NOWHERE.
     static int route(const packets::packet &p = {})
     {
-        (void)fake::take_sent();
-        EXPECT_EQ(fake::receive(packets::build(p)), LB_PACKETRC_CONSUMED);
-        const auto frames = fake::sent();
-        return frames.size() == 1 && packets::ip_at(frames[0].bytes, packets::ETH + 16) == C
-                   ? frames[0].bytes[5]
-                   : NOWHERE;
+        const packets::bytes sent = sent_for(packets::build(p));
+        return !sent.empty() && packets::ip_at(sent, packets::ETH + 16) == C ? sent[5] : NOWHERE;
     }
     static int tcp(std::uint8_t flags, std::uint16_t sport = 40000,
                    const std::string &client = "10.9.0.1", std::uint16_t dport = 80)
@@ -96,6 +159,20 @@ class RecordFixture : public StackTest
                    std::uint16_t dport = 80)
     {
         return route({.src = client, .sport = sport, .dport = dport, .proto = packets::UDP});
+    }
+
+    // A command that is refused because the n-th of these fails leaves nothing behind.
+    static void expect_leaves_nothing(fake::op what, int n, const std::function<int()> &command)
+    {
+        SCOPED_TRACE(n);
+        const std::int64_t blocks = fake::live_allocations();
+        const std::int64_t mutexes = fake::live_mutexes();
+        fake::fail(what, n);
+        EXPECT_EQ(command(), LBCMD_RC_FAILURE);
+        EXPECT_FALSE(fake::fail_pending(what));
+        tick(1); // grace
+        EXPECT_EQ(fake::live_allocations(), blocks);
+        EXPECT_EQ(fake::live_mutexes(), mutexes);
     }
 
     // "preest active fin lifetime" of a server, as GET tells them.
@@ -117,14 +194,16 @@ class RecordFixture : public StackTest
         EXPECT_EQ(lb_timer_entry(), 0);
     }
 
+    template <class Object> static Object *object(lbcmd_key_t key)
+    {
+        return reinterpret_cast<Object *>(lbcmd_lookup(LBCMD_KEYTYPE_CONFIG, &key));
+    }
     static lbport_obj_t *port_object(lb_u16_t number)
     {
-        lbcmd_key_t key = stack::cfgkey(C, number);
-        return reinterpret_cast<lbport_obj_t *>(lbcmd_lookup(LBCMD_KEYTYPE_CONFIG, &key));
+        return object<lbport_obj_t>(stack::cfgkey(C, number));
     }
     static lbsrv_obj_t *server_object(int last, lb_u16_t number = 80)
     {
-        lbcmd_key_t key = stack::cfgkey(C, number, address(last));
-        return reinterpret_cast<lbsrv_obj_t *>(lbcmd_lookup(LBCMD_KEYTYPE_CONFIG, &key));
+        return object<lbsrv_obj_t>(stack::cfgkey(C, number, address(last)));
     }
 };

@@ -2,8 +2,8 @@
 // on the same records, and send servers' answers to every port of a return address that may be in
 // use, or are a partner that sends records of the same connections and claims every state.
 // Meanwhile a fast clock ages the records, and commands change weights, times and roles and take
-// servers, whole ports and the heartbeat away and bring them back. Ports of every kind that keeps
-// records, two of them sharing a table.
+// servers, rules, whole ports and the heartbeat away and bring them back. Ports of every kind that
+// keeps records, two of them sharing a table.
 //
 // The fixture proves that every record is on exactly one list and in exactly one bucket or in
 // neither, no connection has two, ports and connections know each other, and all memory comes back.
@@ -47,6 +47,7 @@ class RecordStress : public Stress<HaFixture>
     {
         fake::count_only(false);
         if (lbexecutor != nullptr) {
+            tick(6); // servers that were removed under way are swept once more, and freed
             records::check_port(port_object(81));
         }
         Stress::TearDown();
@@ -76,7 +77,7 @@ class RecordStress : public Stress<HaFixture>
     // Of all ports, as far as they are missing.
     void make_all_servers(int last)
     {
-        make_servers(last);
+        make_everywhere(last);
         (void)make_server(81, last);
     }
 
@@ -107,6 +108,15 @@ class RecordStress : public Stress<HaFixture>
         ASSERT_ADDED(add_port(OTHER, 80));
         ASSERT_ADDED(add_server(OTHER, 80, "10.0.0.11"));
     }
+    // A rule comes, prefers a server that may be gone, changes its mind and goes.
+    void replace_rule(rng &random, lb_u16_t number, int last)
+    {
+        ASSERT_ADDED(add_rule(1, settings(below(random, 8)), number));
+        (void)use(1, last, number);
+        ASSERT_ADDED(set_rule(1, settings(below(random, 4), 0, 1), number));
+        (void)disuse(1, last, number);
+        ASSERT_ADDED(rm_rule(1, number));
+    }
     void random_command(rng &random)
     {
         const lb_u16_t number = NUMBERS[below(random, 4)];
@@ -133,7 +143,9 @@ class RecordStress : public Stress<HaFixture>
             meet(254);
         } else if (what < 110) {
             replace_cluster();
-        } else if (what < 200) {
+        } else if (what < 140) {
+            replace_rule(random, number, last);
+        } else if (what < 220) {
             if (rm_server(C, number, server) != LBCMD_RC_SUCCESS) {
                 make_all_servers(last);
             }
@@ -279,40 +291,19 @@ TEST_F(RecordStress, KeepsEveryRecordInOnePlaceWithAPartner)
     for (int last = 11; last <= 13; last++) {
         EXPECT_EQ(rm_server(C, 80, server_ip(last)), LBCMD_RC_SUCCESS);
     }
-    tick(6); // servers that were removed under way are swept once more, and freed
 }
 
 // The same SYN from every worker at the same time, over and over: one record for each connection.
 TEST_F(RecordStress, MakesOneRecordForOneConnection)
 {
     constexpr int ROUNDS = 2000;
-    std::atomic<int> turn{0};
-    std::atomic<int> done{0};
-    std::vector<std::thread> threads;
-    threads.reserve(stress::WORKERS);
-    for (int i = 0; i < stress::WORKERS; i++) {
-        threads.emplace_back([&turn, &done] {
-            fake::worker worker;
-            for (int round = 1; round <= ROUNDS; round++) {
-                while (turn.load() < round) {
-                    std::this_thread::yield();
-                }
-                packets::packet p;
-                p.sport = static_cast<std::uint16_t>(1000 + round);
-                p.dport = round % 2 != 0 ? 80 : 443;
-                (void)worker.receive(packets::build(p));
-                done.fetch_add(1);
-            }
-        });
-    }
+    packets::bytes frame;
+    stress::team workers([&frame](fake::worker &worker) { (void)worker.receive(frame); });
     for (int round = 1; round <= ROUNDS; round++) {
-        turn = round;
-        while (done.load() < round * stress::WORKERS) {
-            std::this_thread::yield();
-        }
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
+        frame = packets::build(
+            packets::packet{.sport = static_cast<std::uint16_t>(1000 + round),
+                            .dport = static_cast<std::uint16_t>(round % 2 != 0 ? 80 : 443)});
+        workers.together();
     }
     for (const lb_u16_t number : {lb_u16_t{80}, lb_u16_t{443}}) {
         lb_u32_t preest = 0;

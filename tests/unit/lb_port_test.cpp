@@ -1,68 +1,47 @@
-#include "lb_cluster.h"
-#include "lb_port.h"
-#include "lb_select.h"
-
-#include "stack_fixture.h"
+// What a port makes of settings that nobody gave or that cannot be.
+#include "record_fixture.h"
 
 namespace
 {
 
-using stack::cfgkey;
+using PortTest = RecordFixture;
 
-constexpr const char *C = "10.0.0.100";
-
-class PortTest : public StackTest
+TEST_F(PortTest, WhatIsOutOfRangeBecomesTheDefault)
 {
-  protected:
-    void SetUp() override
-    {
-        StackTest::SetUp();
-        ASSERT_ADDED(add_cluster(C));
-    }
-};
-
-TEST_F(PortTest, AlgorithmsOutOfRangeBecomeTheDefaults)
-{
-    const struct {
-        lb_u8_t selectalg, udpselectalg;
+    constexpr lb_u8_t HASH = LBSEL_ALGORIGHM_HASH, UDPRR = LBSEL_ALGORIGHM_UDPRR;
+    constexpr lb_u8_t CONNECTION = LBSEL_ALGORIGHM_CONNECTION, AFFINITY = LBSEL_ALGORIGHM_AFFINITY;
+    constexpr lb_u8_t BOTH = LBSEL_ALGORIGHM_CONN_AFFIN;
+    struct settings_t {
         lb_u8_t tcp, udp;
-    } rows[] = {
-        {0, 0, 1, 5}, {6, 9, 1, 5}, {255, 255, 1, 5}, {1, 1, 1, 1}, {5, 5, 5, 5}, {1, 3, 1, 3},
-    };
-    for (const auto &row : rows) {
-        ASSERT_ADDED(add_port(C, 80, row.selectalg, row.udpselectalg));
-        const stack::port_view view = get_port(C, 80);
-        EXPECT_EQ(view.addable.selectalg, row.tcp) << +row.selectalg;
-        EXPECT_EQ(view.addable.udpselectalg, row.udp) << +row.udpselectalg;
-        EXPECT_EQ(rm_port(C, 80), LBCMD_RC_SUCCESS);
-    }
-}
-
-TEST_F(PortTest, ShortTimesBecomeTheDefaults)
-{
-    const struct {
-        lb_u8_t selectalg;
         lb_u32_t stale, sticky;
-        lb_u32_t newstale, newsticky;
+        bool operator==(const settings_t &) const = default;
+    };
+    const struct {
+        settings_t given, want;
     } rows[] = {
-        {LBSEL_ALGORIGHM_HASH, 9, 5, 6400, 5},        {LBSEL_ALGORIGHM_HASH, 10, 0, 10, 0},
-        {LBSEL_ALGORIGHM_UDPRR, 0, 9, 6400, 9},       {LBSEL_ALGORIGHM_CONNECTION, 0, 3, 6400, 3},
-        {LBSEL_ALGORIGHM_AFFINITY, 0, 0, 6400, 6400}, {LBSEL_ALGORIGHM_AFFINITY, 77, 9, 77, 77},
-        {LBSEL_ALGORIGHM_AFFINITY, 77, 10, 77, 10},   {LBSEL_ALGORIGHM_CONN_AFFIN, 77, 5, 77, 1800},
-        {LBSEL_ALGORIGHM_CONN_AFFIN, 77, 10, 77, 10},
+        {{0, 0, 9, 5}, {HASH, UDPRR, 6400, 5}},
+        {{6, 6, 10, 0}, {HASH, UDPRR, 10, 0}},
+        {{255, 255, 10, 0}, {HASH, UDPRR, 10, 0}},
+        {{UDPRR, HASH, 0, 9}, {UDPRR, HASH, 6400, 9}},
+        {{CONNECTION, CONNECTION, 0, 3}, {CONNECTION, CONNECTION, 6400, 3}},
+        {{AFFINITY, UDPRR, 0, 0}, {AFFINITY, UDPRR, 6400, 6400}},
+        {{AFFINITY, UDPRR, 77, 9}, {AFFINITY, UDPRR, 77, 77}},
+        {{AFFINITY, UDPRR, 77, 10}, {AFFINITY, UDPRR, 77, 10}},
+        {{BOTH, UDPRR, 77, 5}, {BOTH, UDPRR, 77, 1800}},
+        {{BOTH, UDPRR, 77, 10}, {BOTH, UDPRR, 77, 10}},
     };
     for (const auto &row : rows) {
-        lbport_addable_t addable{};
-        addable.selectalg = row.selectalg;
+        SCOPED_TRACE(&row - rows);
         lbport_setable_t setable{};
-        setable.staletimeout = row.stale;
-        setable.stickytime = row.sticky;
+        setable.staletimeout = row.given.stale;
+        setable.stickytime = row.given.sticky;
         setable.weightbound = 99;
-        ASSERT_ADDED(add_port(C, 80, addable, setable));
+        ASSERT_ADDED(make_port(80, row.given.tcp, 0, row.given.udp, setable));
         const stack::port_view view = get_port(C, 80);
-        EXPECT_EQ(view.setable.staletimeout, row.newstale) << +row.selectalg;
-        EXPECT_EQ(view.setable.stickytime, row.newsticky) << +row.selectalg;
-        EXPECT_EQ(view.setable.weightbound, 20U) << +row.selectalg;
+        EXPECT_EQ((settings_t{view.addable.selectalg, view.addable.udpselectalg,
+                              view.setable.staletimeout, view.setable.stickytime}),
+                  row.want);
+        EXPECT_EQ(view.setable.weightbound, 20U);
         EXPECT_EQ(rm_port(C, 80), LBCMD_RC_SUCCESS);
     }
 }
