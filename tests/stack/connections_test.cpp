@@ -198,7 +198,7 @@ TEST_F(ConnectionTest, ResetsConnectionsOfADrainedServer)
 
     const packets::packet p = {
         .src = "10.9.0.1", .flags = ACK, .seq = 0x11223344, .ack = 0x55667788};
-    const packets::bytes sent = sent_for(packets::build(p));
+    const packets::bytes sent = frame_for(packets::build(p));
     ASSERT_FALSE(sent.empty());
     const auto id = packets::get16(sent, packets::ETH + 4);
     packets::bytes want = packets::build(packets::packet{.src = C,

@@ -62,11 +62,6 @@ class IcmpTest : public RecordFixture
         set_executor_log_mask(LB_LOG_FORWARDED | LB_LOG_DISCARDED | LB_LOG_INTACT |
                               LB_LOG_PKTERROR | LB_LOG_EVENT | LB_LOG_ICMP | LB_LOG_IPV6);
     }
-    int make_servers(lb_u16_t port)
-    {
-        return make_server(port, 11) | make_server(port, 12) | make_server(port, 13);
-    }
-
     // A counter of the protocol's, its ICMP's and the cluster's: fwd, or discard, or err.
     std::vector<lb_u64_t> counted(auto lb_proto_stats_t::*counter, bool isv6 = false)
     {

@@ -324,10 +324,10 @@ TEST_F(NatTest, WithoutARecordTcpStaysAndUdpGoesAsItCame)
     setable.weight = 1;
     ASSERT_ADDED(add_server(C, 443, server_ip(11), setable, natted()));
     const lb_u32_t err = stats().err;
-    EXPECT_TRUE(sent_for(packets::build(packets::packet{.dport = 443})).empty());
+    EXPECT_TRUE(frame_for(packets::build(packets::packet{.dport = 443})).empty());
     EXPECT_EQ(stats().err, err + 1);
     const bytes datagram = packets::build(packets::packet{.dport = 443, .proto = packets::UDP});
-    EXPECT_EQ(sorted_ip({sent_for(datagram)}), sorted_ip({datagram}));
+    EXPECT_EQ(sorted_ip({frame_for(datagram)}), sorted_ip({datagram}));
 }
 
 TEST_F(NatTest, TheClientIsToldThatItsOwnPacketIsTooLong)

@@ -64,7 +64,7 @@ class NatFixture : public RecordFixture
     static bool segment(std::uint8_t flags, std::uint16_t sport,
                         const std::string &client = "10.9.0.1")
     {
-        return !sent_for(packets::build({.src = client, .sport = sport, .flags = flags})).empty();
+        return !frame_for(packets::build({.src = client, .sport = sport, .flags = flags})).empty();
     }
     static packets::packet answer(std::uint16_t natport, int server = 11)
     {
@@ -78,7 +78,7 @@ class NatFixture : public RecordFixture
     // Where an answer went: "address:port", or "" where it was not sent.
     static std::string answered(const packets::packet &p)
     {
-        const packets::bytes sent = sent_for(packets::build(p));
+        const packets::bytes sent = frame_for(packets::build(p));
         return sent.empty() ? ""
                             : packets::ip_at(sent, packets::ETH + 16) + ":" +
                                   std::to_string(packets::get16(sent, packets::ETH + 22));

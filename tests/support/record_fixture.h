@@ -136,18 +136,16 @@ class RecordFixture : public StackTest
         return rm(LBCMD_KEYTYPE_CONFIG, use_key(rule, last, number));
     }
 
-    // Receives a frame that the stack takes: the one that is sent then, or none.
-    static packets::bytes sent_for(const packets::bytes &frame)
+    // The one frame that is sent for a frame that the stack takes, or none.
+    static packets::bytes frame_for(const packets::bytes &frame)
     {
-        (void)fake::take_sent();
-        EXPECT_EQ(fake::receive(frame), LB_PACKETRC_CONSUMED);
-        const auto sent = fake::take_sent();
+        const auto sent = sent_for(frame);
         return sent.size() == 1 ? sent[0].bytes : packets::bytes();
     }
     // Sends a packet: the server that it was forwarded to, or NOWHERE.
     static int route(const packets::packet &p = {})
     {
-        const packets::bytes sent = sent_for(packets::build(p));
+        const packets::bytes sent = frame_for(packets::build(p));
         return !sent.empty() && packets::ip_at(sent, packets::ETH + 16) == C ? sent[5] : NOWHERE;
     }
     static int tcp(std::uint8_t flags, std::uint16_t sport = 40000,
