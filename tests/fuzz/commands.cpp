@@ -51,8 +51,8 @@ void run_commands(const std::uint8_t *data, std::size_t size)
     world stack;
     std::memset(&stack.buffer(), 0, sizeof(lbcmd_buf_t));
     for (record next; take_record(data, size, next);) {
-        std::memcpy(static_cast<void *>(&stack.buffer()), next.content.data(),
-                    std::min(next.content.size(), sizeof(lbcmd_buf_t)));
+        std::copy_n(next.content.begin(), std::min(next.content.size(), sizeof(lbcmd_buf_t)),
+                    reinterpret_cast<std::uint8_t *>(&stack.buffer()));
         if ((next.control & 1) != 0) {
             stack.buffer().hdr.lbversion = LBCMD_VERSION;
         }
