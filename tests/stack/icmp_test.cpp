@@ -274,6 +274,9 @@ TEST_F(IcmpTest, EchoGoesRoundPortsAndServers)
     for (const int server : {12, 13, 11, 13, 12, 13}) {
         EXPECT_EQ(sent_to(ping), server);
     }
+    const lbport_getable_t port = get_port(C, 80).getable;
+    EXPECT_EQ(port.sel_rr_icmpcounter, 4U); // one of them was dropped
+    EXPECT_EQ(port.sel_rr_connlesscounter, 0U) << "UDP's turns are its own";
     EXPECT_TRUE(fake::log_contains(" FORWARD to 10.0.0.12 icmp-fwd\n"));
     const packet first = {.fragoff = 0x2000};
     EXPECT_NE(sent_to(build(icmp{.type = 8, .body = bytes(32), .outer = first})), NOWHERE);
