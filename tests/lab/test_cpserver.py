@@ -330,17 +330,24 @@ def test_killed_control_server_converges(web, daemon, control):
     print(f"VELL_SEED={SEED}")
     dice = random.Random(SEED)
     files = [many(4, 3, 5), many(3, 4, 6, weight=3), many(4, 2, 5, offset=1)]
-    interrupted = 0
-    for _ in range(KILLS):
-        control.write(dice.choice(files))
+    written = files[0]
+    control.write(written)
+    control.start(timeout=20)
+    assert control.stop() == 0
+    done = control.wait_log(r"(\d+) of \d+ commands carried out in (\d+) ms")
+    pace = int(done[2]) / int(done[1]) / 1000
+    interrupted = kills = 0
+    while kills < KILLS or (interrupted <= KILLS / 10 and kills < 10 * KILLS):
+        written = dice.choice([file for file in files if file != written])
+        control.write(written)
         mark = control.mark()
         control.launch()
-        with contextlib.suppress(Exception):
-            control.wait_log(r": \d+ commands", 0.5, mark)
-        time.sleep(dice.uniform(0, 0.03) * SLOW)
+        found = control.wait_log(r": (\d+) commands?$|nothing to do", 20, mark)
+        time.sleep(dice.uniform(0, int(found[1] or 0) * pace))
         control.kill()
+        kills += 1
         interrupted += control.differences() != []
-    print(f"{interrupted} of {KILLS} applies were cut short")
+    print(f"{interrupted} of {kills} applies were cut short")
     assert interrupted > KILLS / 10
     for name in files:
         control.write(name)
