@@ -9,7 +9,7 @@
   asan     unit, stack, fuzz and thread tests, and in the lab removal under load and the
            control server, under AddressSanitizer and UndefinedBehaviorSanitizer
   tsan     unit, stack, fuzz and thread tests under ThreadSanitizer
-  fuzz     each fuzz target for a minute, from its corpus
+  fuzz     each fuzz target for a minute, from its corpus, as many at once as there are cores
 
 The thread tests run for VELL_STRESS_SECONDS each, 30 unless set.
 
@@ -17,6 +17,7 @@ Each stage has its log in build/check/ and its own build directory.
 """
 
 import argparse
+import concurrent.futures
 import os
 import pathlib
 import re
@@ -141,7 +142,8 @@ def check_fuzz(step):
         step.note = "no targets"
         return
     steps.build("fuzz", targets, step)
-    for target in targets:
+
+    def run(target):
         name = target.removeprefix("fuzz_")
         step.progress(f"{name}, a minute")
         grown = LOGS / f"corpus-{name}"
@@ -150,6 +152,12 @@ def check_fuzz(step):
                       "-max_len=8192", f"-artifact_prefix={LOGS}/", "-print_final_stats=1", grown,
                       steps.REPO / "tests/fuzz/corpus" / name],
                      LOGS / f"fuzz-{name}.log")
+
+    with concurrent.futures.ThreadPoolExecutor(steps.CORES) as pool:
+        try:
+            list(pool.map(run, targets))
+        finally:
+            pool.shutdown(cancel_futures=True)
     step.note = ", ".join(targets)
 
 
