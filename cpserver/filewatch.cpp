@@ -16,8 +16,8 @@ namespace cpserver
 namespace
 {
 
-constexpr uint32_t CHANGES = IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
-                             IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr uint32_t CHANGES = IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM |
+                             IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 
 } // namespace
 
@@ -57,14 +57,31 @@ std::vector<std::string> directory_watch::drain()
         for (size_t at = 0; at + sizeof(inotify_event) <= static_cast<size_t>(got);) {
             inotify_event event{};
             memcpy(&event, buffer.data() + at, sizeof(event));
-            const char *name = buffer.data() + at + sizeof(event);
+            const std::string name = event.len != 0 ? buffer.data() + at + sizeof(event) : "";
+            at += sizeof(event) + event.len;
+            if ((event.mask & IN_MODIFY) != 0) {
+                open_.emplace(event.wd, name);
+                continue;
+            }
+            if (name.empty()) { // who closes what is not heard of any more
+                open_.clear();
+            }
+            open_.erase({event.wd, name});
             // A file that was opened for writing is heard of again when it is closed.
             if (births_ || (event.mask & IN_CREATE) == 0 || (event.mask & IN_ISDIR) != 0) {
-                names.emplace_back(event.len != 0 ? name : "");
+                names.push_back(name);
             }
-            at += sizeof(event) + event.len;
         }
     }
+}
+
+std::vector<std::string> directory_watch::unfinished() const
+{
+    std::vector<std::string> names;
+    for (const auto &[directory, name] : open_) {
+        names.push_back(name);
+    }
+    return names;
 }
 
 } // namespace cpserver

@@ -2,7 +2,9 @@
 // is different.
 #pragma once
 
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "loop.h"
@@ -31,9 +33,13 @@ class directory_watch
     // concern a directory itself.
     std::vector<std::string> drain();
 
+    // As far as it was drained: the names that were written to and are not closed yet.
+    [[nodiscard]] std::vector<std::string> unfinished() const;
+
   private:
     descriptor inotify_;
     bool births_;
+    std::set<std::pair<int, std::string>> open_{}; // by directory
 };
 
 } // namespace cpserver

@@ -130,7 +130,10 @@ bool service::read_configuration()
 void service::look_at_files()
 {
     watch_directories();
-    if (signature(vellcfg::files_of(asked_.file)) == signature_) {
+    // Half a file may be a whole one with less in it; it is heard of when it is closed.
+    const auto ours = [this](const std::string &each) { return concerns_us(each); };
+    if (std::ranges::any_of(files_.unfinished(), ours) ||
+        signature(vellcfg::files_of(asked_.file)) == signature_) {
         return;
     }
     if (read_configuration()) {
@@ -139,13 +142,16 @@ void service::look_at_files()
     say_status();
 }
 
+bool service::concerns_us(const std::string &name) const
+{
+    return name.empty() || name == std::filesystem::path(asked_.file).filename() ||
+           name == "conf.d" || name.ends_with(".yaml");
+}
+
 void service::on_files()
 {
-    const std::string name = std::filesystem::path(asked_.file).filename().string();
-    const auto concerns_us = [&](const std::string &each) {
-        return each.empty() || each == name || each == "conf.d" || each.ends_with(".yaml");
-    };
-    if (std::ranges::any_of(files_.drain(), concerns_us)) {
+    const auto ours = [this](const std::string &each) { return concerns_us(each); };
+    if (std::ranges::any_of(files_.drain(), ours)) {
         files_timer_.in(FILES_SETTLE);
     }
 }

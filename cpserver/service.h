@@ -42,6 +42,8 @@ class service
     bool read_configuration();
     void watch_directories();
     void look_at_files();
+    // Of a name in a directory that is watched: may what happens to it change the configuration?
+    [[nodiscard]] bool concerns_us(const std::string &name) const;
 
     void on_signals();
     void relay_takeover();

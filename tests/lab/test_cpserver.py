@@ -269,6 +269,14 @@ def test_wrong_file_changes_nothing_and_says_where(web, daemon, control):
     control.wait_log("nothing was changed: what was read before holds")
     assert changes(daemon, mark) == 0 and fetch(web) == 20
     assert control.once("--check", check=False).returncode == 4
+    with control.file.open("w", encoding="utf-8") as half:  # in place, and in no hurry
+        half.write('{"clusters": []}')
+        half.flush()
+        since = daemon.mark()
+        wait_until(lambda: len(re.findall(r"--> .*\(GET\)", daemon.log_text(since))) > 3, 10,
+                   "some looks, one a second")
+        assert changes(daemon, mark) == 0
+    control.wait_log(r"changed: \d+ commands")
     control.change(text())
     control.change(json.dumps({"clusters": [{"address": "10.0.0.201"}]}), name="conf.d/more.yaml")
     assert len(daemon.ctl_json("cluster show")["clusters"]) == 2

@@ -170,9 +170,11 @@ TEST(cpserver, a_file_is_heard_of_when_it_is_whole)
         std::ofstream out(file);
         out << "half" << std::flush;
         EXPECT_EQ(watch.drain(), texts_t{});
+        EXPECT_EQ(watch.unfinished(), texts_t{"a.yaml"});
         out << " and half";
     }
     EXPECT_EQ(watch.drain(), texts_t{"a.yaml"});
+    EXPECT_EQ(watch.unfinished(), texts_t{});
     const std::string before = cpserver::signature({file});
     std::ofstream(place.path + "/b") << "half and half";
     std::filesystem::rename(place.path + "/b", file); // as editors do; as long as before
