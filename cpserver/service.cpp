@@ -27,6 +27,7 @@ constexpr auto EXCHANGE_TIMEOUT = 3s; // a longer silence is a failure, and is t
 constexpr auto FILES_SETTLE = 100ms;  // several files are often replaced together
 constexpr auto LINKS_SETTLE = 100ms;
 constexpr auto TICK = 1s;
+constexpr auto FEED_PERIOD = 100ms;
 constexpr unsigned TICKS_OF_GUARD = 5;
 constexpr auto CHECK_PERIOD = 30000ms;
 constexpr int CHECK_SHARE = 20; // at most this part of the time is spent on looking
@@ -65,6 +66,13 @@ std::string version_word(const lbexe_getable_t &readings)
 
 service::service(const options &asked)
     : asked_(asked), only_one_(asked.run_directory), daemon_(asked.socket, EXCHANGE_TIMEOUT),
+      reader_(asked.socket, EXCHANGE_TIMEOUT,
+              [this] {
+                  breathe();
+                  if (stopping_) {
+                      throw vellb::fault(vellb::fault_e::UNREACHABLE, "stopping", "");
+                  }
+              }),
       signals_(checked(signals_taken(), "signalfd")),
       files_timer_(loop_, [this] { look_at_files(); }), pass_timer_(loop_, [this] { pass(); }),
       tick_(loop_, [this] { on_tick(); }), watchdog_(loop_, feed_watchdog)
@@ -177,6 +185,16 @@ void service::on_signals()
         tell_reloading();
         wish("SIGHUP", scope_e::EVERYTHING, 0ms);
         (void)read_configuration();
+    }
+}
+
+void service::breathe()
+{
+    on_signals();
+    const auto now = monotonic_t::now();
+    if (now - fed_ >= FEED_PERIOD) { // a message to the manager for each of thousands is too much
+        fed_ = now;
+        feed_watchdog();
     }
 }
 
@@ -298,6 +316,9 @@ void service::pass()
             bad_daemon_.over("the forwarder is as it should be again");
         }
     } catch (const vellb::fault &error) {
+        if (stopping_) {
+            return;
+        }
         bad_daemon_.say(fmt::format("{}; {}; trying again", error.what(), error.hint()));
         reachable_ = false;
         patience = BACKOFF_ABSENT;
@@ -333,7 +354,7 @@ bool service::look_and_act(scope_e scope, const std::string &why)
     vellb::picture actual;
     actual.executor = vellb::read_executor(daemon_);
     if (meet(actual.executor.readings) || scope == scope_e::EVERYTHING || !reachable_) {
-        actual = vellb::read_picture(daemon_);
+        actual = vellb::read_picture(reader_);
         reachable_ = true;
         feed_watchdog();
         // What leaves and what comes is guarded while the one goes and the other arrives.
@@ -344,7 +365,7 @@ bool service::look_and_act(scope_e scope, const std::string &why)
         keep_guard({});
         return true;
     }
-    return carry_out(plan_interfaces(host, vellb::read_interfaces(daemon_)), why);
+    return carry_out(plan_interfaces(host, vellb::read_interfaces(reader_)), why);
 }
 
 bool service::carry_out(const vellcfg::plan &plan, const std::string &why)
@@ -367,10 +388,7 @@ bool service::carry_out(const vellcfg::plan &plan, const std::string &why)
         } else if (at.done == STEPS_SHOWN) {
             log(level_e::INFO, "  ... and {} more", at.total - at.done);
         }
-        if (at.done % 64 == 0) {
-            feed_watchdog();
-            on_signals();
-        }
+        breathe();
         return !stopping_;
     };
     const applied result = apply_all(daemon_, plan.steps, watch);

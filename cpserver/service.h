@@ -2,9 +2,11 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "filewatch.h"
@@ -20,6 +22,25 @@
 
 namespace cpserver
 {
+
+// Says before each exchange that time goes on: a whole state is thousands of them.
+class attentive_client : public vellb::client
+{
+  public:
+    attentive_client(std::string path, std::chrono::milliseconds timeout,
+                     std::function<void()> before)
+        : client(std::move(path), timeout), before_(std::move(before))
+    {
+    }
+    void exchange(lbcmd_buf_t &buffer) const override
+    {
+        before_();
+        client::exchange(buffer);
+    }
+
+  private:
+    std::function<void()> before_;
+};
 
 // Level-triggered: whatever happens only says that it is time to look. A pass compares the whole
 // state, or the interfaces alone, with what is wanted and carries the difference out. Nothing is
@@ -46,6 +67,8 @@ class service
     [[nodiscard]] bool concerns_us(const std::string &name) const;
 
     void on_signals();
+    // In the midst of long work: signals are heeded, the watchdog is fed.
+    void breathe();
     void relay_takeover();
     void on_files();
     void on_socket();
@@ -66,6 +89,7 @@ class service
     options asked_;
     instance only_one_;
     vellb::client daemon_;
+    attentive_client reader_; // the same; throws vellb::fault to end the reading when it stops
     loop loop_{};
     descriptor signals_;
     directory_watch files_{false};
@@ -75,6 +99,7 @@ class service
     timer pass_timer_;
     timer tick_;
     timer watchdog_;
+    monotonic_t::time_point fed_{};
     unsigned ticks_ = 0;
 
     goal goal_{};
