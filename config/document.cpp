@@ -22,9 +22,13 @@ constexpr size_t WORD_MOST = 4096;
 class builder : public YAML::EventHandler
 {
   public:
-    builder(const std::string &name, std::vector<finding> &errors) : name_(name), errors_(errors) {}
+    builder(const std::string &name, const std::string &text, std::vector<finding> &errors)
+        : name_(name), text_(text), errors_(errors)
+    {
+    }
 
     node_ptr root{};
+    YAML::Mark last_word{YAML::Mark::null_mark()};
 
     void OnDocumentStart(const YAML::Mark &) override {}
     void OnDocumentEnd() override {}
@@ -35,6 +39,8 @@ class builder : public YAML::EventHandler
         if (!open_.empty() && open_.back().keyed && !open_.back().dropped) {
             nothing->line = open_.back().what->entries.back().line;
             nothing->column = open_.back().what->entries.back().column;
+        } else if (!open_.empty() && open_.back().what->kind == kind_e::LIST) {
+            go_back_to_dash(*nothing, static_cast<size_t>(mark.pos));
         }
         place_value(mark, nothing);
     }
@@ -51,6 +57,7 @@ class builder : public YAML::EventHandler
     void OnScalar(const YAML::Mark &mark, const std::string &tag, YAML::anchor_t anchor,
                   const std::string &value) override
     {
+        last_word = mark;
         check_tag(mark, tag);
         if (value.size() > WORD_MOST) {
             throw YAML::Exception(mark, "this is longer than any value: is a quote missing?");
@@ -161,22 +168,56 @@ class builder : public YAML::EventHandler
 
     void close() { open_.pop_back(); }
 
+    // From `at`, where what follows an empty item begins, back over blanks and comments.
+    void go_back_to_dash(node &item, size_t at) const
+    {
+        at = std::min(at, text_.size());
+        int line = item.line;
+        const auto line_of = [&] { return at == 0 ? 0 : text_.rfind('\n', at - 1) + 1; };
+        for (;;) {
+            while (at > 0 && is_blank(text_[at - 1])) {
+                at--;
+            }
+            if (at == 0 || text_[at - 1] != '\n') {
+                break;
+            }
+            at--;
+            line--;
+            const size_t begin = line_of();
+            for (size_t i = begin; i < at; i++) {
+                at = text_[i] == '#' && (i == begin || is_blank(text_[i - 1])) ? i : at;
+            }
+        }
+        if (at > 0 && text_[at - 1] == '-') {
+            item.line = line;
+            item.column = static_cast<int>(at - line_of());
+        }
+    }
+    static bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
+
     const std::string &name_;
+    const std::string &text_;
     std::vector<finding> &errors_;
     std::vector<frame> open_{};
     std::map<YAML::anchor_t, std::shared_ptr<node>> anchors_{};
     size_t nodes_ = 0;
 };
 
+// Where the line (from 0) begins, the text's end if there is none.
+size_t line_begin(const std::string &text, int line)
+{
+    size_t begin = 0;
+    for (int i = 0; i < line && begin != text.size(); i++) {
+        const size_t end = text.find('\n', begin);
+        begin = end == std::string::npos ? text.size() : end + 1;
+    }
+    return begin;
+}
+
 // Does the line (from 1) begin with blanks and a tab?
 bool is_tabbed(const std::string &text, int line)
 {
-    size_t begin = 0;
-    for (int i = 1; i < line && begin != std::string::npos; i++) {
-        const size_t end = text.find('\n', begin);
-        begin = end == std::string::npos ? end : end + 1;
-    }
-    const size_t word = text.find_first_not_of(' ', begin);
+    const size_t word = text.find_first_not_of(" -", line_begin(text, line - 1));
     return word != std::string::npos && text[word] == '\t';
 }
 
@@ -191,6 +232,9 @@ std::string explained(const std::string &message)
         {"anchor not found after &", "put a word that begins with '&' into quotes"},
         {"end of map flow not found", "a '{' whose '}' is missing, or a ',' before this"},
         {"end of sequence flow not found", "a '[' whose ']' is missing, or a ',' before this"},
+        {"the referenced anchor is not defined",
+         "put a word that begins with '*' into quotes; as an alias it stands for nothing"},
+        {"illegal block entry", "a '- ' where no list can begin: each on a line of its own"},
         {"unknown token", "put a word that begins with this character into quotes"},
         {"end of map not found", "the indentation fits neither the lines above nor a new level"},
         {"end of sequence not found", "a line that is no item of the list above: is it indented "
@@ -198,6 +242,22 @@ std::string explained(const std::string &message)
     };
     const auto found = remedies.find(message);
     return found != remedies.end() ? found->second : message;
+}
+
+// The word that an unclosed quote made of all that stands before `end`, the end of its document.
+YAML::Mark quote_before(const std::string &text, const YAML::Mark &end)
+{
+    std::istringstream stream(text.substr(0, line_begin(text, end.line)));
+    std::vector<finding> ignored;
+    builder words(text, text, ignored);
+    try {
+        YAML::Parser parser(stream);
+        while (parser.HandleNextDocument(words)) {
+        }
+    } catch (const YAML::Exception &) { // of what the quote has swallowed
+    } catch (const enough &) {
+    }
+    return words.last_word;
 }
 
 // yaml-cpp passes on whatever it finds, or takes it for something else (a NUL, a lone CR).
@@ -264,14 +324,17 @@ node_ptr parse_document(const std::string &name, const std::string &text,
     if (!is_text(name, text, errors)) {
         return nullptr;
     }
-    std::istringstream stream(text);
-    builder first(name, errors);
+    // yaml-cpp closes a quote at the end of the text, but not at that of a document.
+    const std::string whole = text.substr(text.starts_with("\xEF\xBB\xBF") ? 3 : 0) +
+                              (text.ends_with('\n') ? "...\n" : "\n...\n");
+    std::istringstream stream(whole);
+    builder first(name, whole, errors);
     try {
         YAML::Parser parser(stream);
         if (!parser.HandleNextDocument(first)) {
             return nullptr;
         }
-        builder second(name, errors);
+        builder second(name, whole, errors);
         if (parser.HandleNextDocument(second)) {
             const node *more = second.root.get();
             tell(errors,
@@ -279,6 +342,11 @@ node_ptr parse_document(const std::string &name, const std::string &text,
                  "a second document: put each into a file of its own in conf.d");
         }
     } catch (const YAML::Exception &error) {
+        if (error.msg == YAML::ErrorMsg::DOC_IN_SCALAR) {
+            const YAML::Mark quote = quote_before(text, error.mark);
+            tell(errors, {name, quote.line + 1, quote.column + 1}, "a quote that is never closed");
+            return nullptr;
+        }
         const int line = std::max(error.mark.line + 1, 1);
         tell(errors, {name, line, std::max(error.mark.column + 1, 1)},
              is_tabbed(text, line) ? "a tab in the indentation: use blanks" : explained(error.msg));
