@@ -31,18 +31,32 @@ host_view view_host(const service &wanted)
                            finding_text);
     std::vector<std::string> names;
     std::ranges::transform(view.interfaces, std::back_inserter(names), &vellb::interface::name);
-    std::ranges::move(vellhost::seen_twice(vellhost::read_links(), names),
-                      std::back_inserter(view.warnings));
+    const std::vector<vellhost::link> links = vellhost::read_links();
+    std::ranges::move(vellhost::seen_twice(links, names), std::back_inserter(view.warnings));
+    for (const vellhost::link &each : links) {
+        view.indexes[each.name] = each.index;
+    }
     return view;
 }
 
 std::vector<step> interface_steps(const std::vector<vellb::interface> &used,
-                                  const std::vector<vellb::interface> &tree)
+                                  const std::vector<vellb::interface> &tree,
+                                  const std::vector<std::string> &renewed)
 {
-    std::vector<step> steps;
-    for (vellhost::sync_step &each : vellhost::plan_sync(used, tree, {})) {
-        steps.push_back(step_of(std::move(each.command)));
+    std::vector<vellb::interface> lasting;
+    std::vector<vellb::interface> fresh;
+    for (const vellb::interface &each : used) {
+        const bool other = std::ranges::find(renewed, each.name) != renewed.end();
+        (other ? fresh : lasting).push_back(each);
     }
+    std::vector<step> steps;
+    const auto take = [&](std::vector<vellhost::sync_step> planned) {
+        for (vellhost::sync_step &each : planned) {
+            steps.push_back(step_of(std::move(each.command)));
+        }
+    };
+    take(vellhost::plan_sync(lasting, tree, {}));
+    take(vellhost::plan_sync(fresh, {}, {}));
     return steps;
 }
 

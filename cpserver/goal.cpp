@@ -44,16 +44,17 @@ loaded load(const std::string &file)
 }
 
 vellcfg::plan plan_all(const goal &what, const vellcfg::host_view &host,
-                       const vellb::picture &actual)
+                       const vellb::picture &actual, const std::vector<std::string> &renewed)
 {
     return vellcfg::diff(what.state, actual,
-                         vellcfg::interface_steps(host.interfaces, actual.interfaces));
+                         vellcfg::interface_steps(host.interfaces, actual.interfaces, renewed));
 }
 
 vellcfg::plan plan_interfaces(const vellcfg::host_view &host,
-                              const std::vector<vellb::interface> &actual)
+                              const std::vector<vellb::interface> &actual,
+                              const std::vector<std::string> &renewed)
 {
-    return {vellcfg::interface_steps(host.interfaces, actual), {}};
+    return {vellcfg::interface_steps(host.interfaces, actual, renewed), {}};
 }
 
 applied apply_all(const vellb::client &daemon, std::vector<vellcfg::step> steps,

@@ -29,9 +29,10 @@ loaded load(const std::string &file);
 
 // Everything, or the interfaces alone.
 vellcfg::plan plan_all(const goal &what, const vellcfg::host_view &host,
-                       const vellb::picture &actual);
+                       const vellb::picture &actual, const std::vector<std::string> &renewed = {});
 vellcfg::plan plan_interfaces(const vellcfg::host_view &host,
-                              const std::vector<vellb::interface> &actual);
+                              const std::vector<vellb::interface> &actual,
+                              const std::vector<std::string> &renewed);
 
 struct applied {
     size_t done = 0; // steps carried out

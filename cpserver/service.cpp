@@ -351,21 +351,44 @@ bool service::look_and_act(scope_e scope, const std::string &why)
     }
     std::ranges::sort(host.warnings);
     warned_of_ = std::move(host.warnings);
-    vellb::picture actual;
-    actual.executor = vellb::read_executor(daemon_);
-    if (meet(actual.executor.readings) || scope == scope_e::EVERYTHING || !reachable_) {
-        actual = vellb::read_picture(reader_);
-        reachable_ = true;
-        feed_watchdog();
-        // What leaves and what comes is guarded while the one goes and the other arrives.
-        keep_guard(actual.clusters);
-        if (!carry_out(plan_all(goal_, host, actual), why)) {
-            return false;
-        }
-        keep_guard({});
-        return true;
+    const bool another = meet(vellb::read_executor(daemon_).readings);
+    if (another) {
+        indexes_.clear();
     }
-    return carry_out(plan_interfaces(host, vellb::read_interfaces(reader_)), why);
+    const std::vector<std::string> others = renewed(host);
+    const bool done =
+        another || scope == scope_e::EVERYTHING || !reachable_
+            ? make_all(host, others, why)
+            : carry_out(plan_interfaces(host, vellb::read_interfaces(reader_), others), why);
+    indexes_ = std::move(host.indexes); // also after refusals: else they go and come at each try
+    return done;
+}
+
+bool service::make_all(const vellcfg::host_view &host, const std::vector<std::string> &renewed,
+                       const std::string &why)
+{
+    const vellb::picture actual = vellb::read_picture(reader_);
+    reachable_ = true;
+    feed_watchdog();
+    // What leaves and what comes is guarded while the one goes and the other arrives.
+    keep_guard(actual.clusters);
+    if (!carry_out(plan_all(goal_, host, actual, renewed), why)) {
+        return false;
+    }
+    keep_guard({});
+    return true;
+}
+
+std::vector<std::string> service::renewed(const vellcfg::host_view &host) const
+{
+    std::vector<std::string> names;
+    for (const auto &[name, index] : host.indexes) {
+        const auto then = indexes_.find(name);
+        if (then != indexes_.end() && then->second != index) {
+            names.push_back(name);
+        }
+    }
+    return names;
 }
 
 bool service::carry_out(const vellcfg::plan &plan, const std::string &why)

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -43,8 +44,8 @@ class attentive_client : public vellb::client
 };
 
 // Level-triggered: whatever happens only says that it is time to look. A pass compares the whole
-// state, or the interfaces alone, with what is wanted and carries the difference out. Nothing is
-// remembered from one pass to the next that the next one relies on.
+// state, or the interfaces alone, with what is wanted and carries the difference out. From one pass
+// to the next only that is remembered which the daemon does not tell: the interfaces' indexes.
 class service
 {
   public:
@@ -79,6 +80,10 @@ class service
     void wish(const std::string &why, scope_e scope, milliseconds_t delay);
     void pass();
     bool look_and_act(scope_e scope, const std::string &why);
+    bool make_all(const vellcfg::host_view &host, const std::vector<std::string> &renewed,
+                  const std::string &why);
+    // Names under which the daemon was told of other interfaces than those that are there now.
+    [[nodiscard]] std::vector<std::string> renewed(const vellcfg::host_view &host) const;
     bool carry_out(const vellcfg::plan &plan, const std::string &why);
     // Is this another process than the last time?
     bool meet(const lbexe_getable_t &readings);
@@ -121,6 +126,7 @@ class service
     monotonic_t::time_point next_check_{};
 
     std::optional<lb_timeval_t> start_time_{}; // the daemon's, as far as it is known
+    std::map<std::string, int> indexes_{};     // of the interfaces that it was told of
     bool reachable_ = false;
     bool ready_ = false; // as the service manager was told
     bool reloading_ = false;

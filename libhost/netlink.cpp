@@ -257,6 +257,7 @@ std::vector<link> read_links()
     std::vector<link> result;
     for (auto &[index, each] : state.links) {
         const auto master = state.links.find(each.master);
+        each.what.index = index;
         each.what.master = master != state.links.end() ? master->second.what.name : "";
         result.push_back(each.what);
     }

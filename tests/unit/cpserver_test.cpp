@@ -9,6 +9,7 @@
 #include "vellb/address.h"
 #include "vellb_fake_daemon.h"
 #include "vellcfg/diff.h"
+#include "vellcfg/host.h"
 #include "vellcfg/normalise.h"
 #include "vellcfg/reader.h"
 #include "vellhost/ifsync.h"
@@ -57,6 +58,22 @@ TEST(cpserver, interfaces_are_those_named_or_all_but_its_own_device)
         }
         EXPECT_EQ(chosen, row.chosen) << row.file;
     }
+}
+
+TEST(cpserver, another_interface_under_an_old_name_is_told_though_it_is_equal)
+{
+    const std::vector<vellb::interface> both{iface("eth0", {"10.0.0.2/24"}), iface("eth1", {})};
+    const auto told = [&](const std::vector<vellb::interface> &tree, const texts_t &renewed) {
+        std::string text;
+        for (const auto &each : vellcfg::interface_steps(both, tree, renewed)) {
+            text += each.text.substr(9, each.text.find(" --") - 9) + "; ";
+        }
+        return text;
+    };
+    EXPECT_EQ(told(both, {}), "");
+    EXPECT_EQ(told(both, {"eth0"}), "address rm eth0 10.0.0.2/24; interface rm eth0; "
+                                    "interface add eth0; address add eth0 10.0.0.2/24; ");
+    EXPECT_EQ(told({both[1]}, {"eth0"}), "interface add eth0; address add eth0 10.0.0.2/24; ");
 }
 
 TEST(cpserver, frames_that_would_be_seen_twice_are_warned_of)

@@ -1,6 +1,7 @@
 // The interfaces of this machine as the configuration wants the daemon to know them.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -23,12 +24,15 @@ std::vector<vellb::interface> used_interfaces(const service &wanted,
 struct host_view {
     std::vector<vellb::interface> interfaces{};
     std::vector<std::string> warnings{};
+    std::map<std::string, int> indexes{}; // the kernel's, by name
 };
 // Throws std::system_error.
 host_view view_host(const service &wanted);
 
-// What makes the daemon's interface tree say what `used` says, for diff(). Pure.
+// What makes the daemon's interface tree say what `used` says, for diff(). Those named in `renewed`
+// are others under old names: the daemon has to let go of the old ones, equal or not. Pure.
 std::vector<step> interface_steps(const std::vector<vellb::interface> &used,
-                                  const std::vector<vellb::interface> &tree);
+                                  const std::vector<vellb::interface> &tree,
+                                  const std::vector<std::string> &renewed = {});
 
 } // namespace vellcfg

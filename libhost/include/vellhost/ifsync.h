@@ -26,6 +26,7 @@ struct link {
     std::string kind;   // "bridge", "bond", "vlan", ...; "" for plain hardware
     std::string master; // of which bridge or bond it is a member; "" for none
     bool up = false;
+    int index = 0; // of no two interfaces, not even one after the other under one name
 };
 
 // Every interface but loopbacks, in the host's order. Throws std::system_error.
