@@ -368,6 +368,35 @@ def test_killed_control_server_converges(web, daemon, control):
     assert fetch(web) == 20
 
 
+def answer_slowly(listener, daemon):
+    """In front of the daemon, as if its command thread hardly got to run."""
+    with contextlib.suppress(OSError):  # until the listener is shut down
+        while True:
+            with listener.accept()[0] as client:
+                client.settimeout(5)
+                asked = command.receive(client)
+                time.sleep(0.2)
+                client.sendall(command.exchange(daemon.socket, asked))
+
+
+def test_slow_answers_make_it_neither_deaf_nor_silent(web, daemon):
+    heard = Notified(web.forwarder)
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(str(web.forwarder.root / "slow"))
+        listener.listen()
+        thread = threading.Thread(target=answer_slowly, args=(listener, daemon))
+        thread.start()
+        daemon.ctl("cluster", "add", Basic.CLUSTER)
+        for port in range(1, 60):  # to read them takes 12 seconds
+            daemon.ctl("port", "add", f"{Basic.CLUSTER}:{port}", "--algorithm", "hash")
+        control = Control(web.forwarder, text(), ["--socket", "/slow"], heard.environment).launch()
+        for _ in range(5):
+            heard.wait("WATCHDOG=1")
+        assert control.stop(timeout=3) == 0 and len(daemon.ctl_json("port show")["ports"]) == 59
+        listener.shutdown(socket.SHUT_RDWR)
+        thread.join()
+
+
 # --- What the units allow -------------------------------------------------------------------------
 
 def confined(unit):
