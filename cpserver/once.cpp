@@ -33,7 +33,7 @@ vellcfg::host_view warned_view(const goal &what)
 {
     vellcfg::host_view host = vellcfg::view_host(what.wanted);
     for (const std::string &each : host.warnings) {
-        fmt::print(stderr, "{}\n", each);
+        fmt::print(stderr, "warning: {}\n", each);
     }
     return host;
 }
