@@ -121,8 +121,8 @@ template <class Fixture> class Stress : public Fixture
             EXPECT_EQ(lb_timer_entry(), 0);
         });
     }
-    // Gives commands for as long as the test shall last, and ends the threads. How many there were.
-    std::uint64_t run(const std::function<void(stress::rng &)> &command)
+    // Gives commands for as long as the test shall last, and ends the threads.
+    void run(const std::function<void(stress::rng &)> &command)
     {
         stress::rng random = random_for(0);
         std::uint64_t commands = 0;
@@ -136,9 +136,8 @@ template <class Fixture> class Stress : public Fixture
         }
         std::printf("%llu commands, %llu frames sent\n", static_cast<unsigned long long>(commands),
                     static_cast<unsigned long long>(fake::sent_count()));
-        EXPECT_GT(commands, 50U);
+        EXPECT_GT(commands, 10U);
         EXPECT_GT(fake::sent_count(), 1000U);
-        return commands;
     }
 
   private:
