@@ -14,7 +14,7 @@
 namespace fuzz
 {
 
-void run_command(world &stack, answers *counts)
+std::string run_command(world &stack)
 {
     const lbcmd_bufhdr_t &hdr = stack.buffer().hdr;
     const int action = hdr.action;
@@ -36,14 +36,8 @@ void run_command(world &stack, answers *counts)
     }
     require(versionfits || rc == LBCMD_RC_FAILURE, "a command of another version was obeyed");
     world::require_unharmed();
-    if (counts != nullptr) {
-        const char *const verb = action == LBCMD_ACTION_ADD   ? "ADD"
-                                 : action == LBCMD_ACTION_RM  ? "RM"
-                                 : action == LBCMD_ACTION_GET ? "GET"
-                                 : action == LBCMD_ACTION_SET ? "SET"
-                                                              : "other";
-        (*counts)[verb + (" " + std::to_string(rc))]++;
-    }
+    static const char *const verbs[] = {"other", "ADD", "RM", "GET", "SET"};
+    return verbs[action <= LBCMD_ACTION_SET ? action : 0] + (" " + std::to_string(rc));
 }
 
 void run_commands(const std::uint8_t *data, std::size_t size)
@@ -56,7 +50,7 @@ void run_commands(const std::uint8_t *data, std::size_t size)
         if ((next.control & 1) != 0) {
             stack.buffer().hdr.lbversion = LBCMD_VERSION;
         }
-        run_command(stack, nullptr);
+        (void)run_command(stack);
         if ((next.control & 6) != 0) {
             fake::advance_ms((next.control & 4) != 0 ? 5000 : 500);
             (void)lb_timer_entry();

@@ -165,7 +165,6 @@ try {
     const std::string target = packets::ip6_at(ip, at + 8);
     return is_ipv6(ip) && ip.at(at) == packets::SOLICITATION && out.bytes.size() == 86 &&
            out.bytes[packets::IP6] == packets::ADVERTISEMENT &&
-           packets::transport_residue(out.bytes) == 0 &&
            packets::ip6_at(out.bytes, packets::IP6 + 8) == target &&
            (target == CLUSTER6 || target == RETURN6);
 } catch (const std::out_of_range &) {
@@ -248,15 +247,12 @@ reached frame_feeder::places() const
 {
     reached out = reached_;
     const lbexe_getable_t &all = lbexecutor->getable;
-    const struct {
-        const char *name;
-        const lb_proto_stats_t &stats;
-    } protocols[] = {{"IPv4", all.ipv4stats},
-                     {"IPv6", all.ipv6stats},
-                     {"ICMP", all.icmpstats},
-                     {"ICMPv6", all.icmpv6stats}};
-    for (const auto &[name, stats] : protocols) {
-        const std::string protocol = name;
+    const std::pair<std::string, const lb_proto_stats_t &> protocols[] = {
+        {"IPv4", all.ipv4stats},
+        {"IPv6", all.ipv6stats},
+        {"ICMP", all.icmpstats},
+        {"ICMPv6", all.icmpv6stats}};
+    for (const auto &[protocol, stats] : protocols) {
         out[protocol + " forwarded"] = lb_peek(stats.fwd);
         out[protocol + " discarded"] = lb_peek(stats.discard);
         out[protocol + " in error"] = lb_peek(stats.err);

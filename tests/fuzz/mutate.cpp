@@ -10,8 +10,6 @@ namespace fuzz
 namespace
 {
 
-constexpr std::size_t LARGEST_FRAME = 1600; // a little more than a buffer takes
-constexpr std::size_t LARGEST_COMMAND = 2048;
 constexpr std::size_t LARGEST_TEXT = 4096;
 
 std::size_t below(rng &random, std::size_t bound)
@@ -46,46 +44,33 @@ void mutate_anywhere(rng &random, bytes &b, std::size_t largest)
     }
 }
 
-// A byte of the EtherType or of what follows it, as far as an ICMPv6 option goes.
-void mutate_header(rng &random, bytes &frame)
+// One to four places, most of them between `from` and `to`.
+void mutate(rng &random, bytes &b, std::size_t from, std::size_t to, std::size_t largest)
 {
-    const std::size_t at = 12 + below(random, 75);
-    if (at < frame.size()) {
-        frame[at] =
-            below(random, 2) == 0 ? interesting(random) : static_cast<std::uint8_t>(random());
+    for (std::size_t left = 1 + below(random, 4); left > 0; left--) {
+        const std::size_t at = from + below(random, to - from);
+        if (at >= b.size() || below(random, 3) == 0) {
+            mutate_anywhere(random, b, largest);
+        } else {
+            b[at] =
+                below(random, 2) == 0 ? interesting(random) : static_cast<std::uint8_t>(random());
+        }
     }
+    b.resize(std::min(b.size(), largest));
 }
 
 } // namespace
 
 void mutate_frame(rng &random, bytes &frame)
 {
-    for (std::size_t left = 1 + below(random, 4); left > 0; left--) {
-        if (below(random, 3) == 0) {
-            mutate_anywhere(random, frame, LARGEST_FRAME);
-        } else {
-            mutate_header(random, frame);
-        }
-    }
-    if (frame.size() > LARGEST_FRAME) {
-        frame.resize(LARGEST_FRAME);
-    }
+    // The EtherType and what follows it, as far as an ICMPv6 option goes; a little more than a
+    // buffer takes.
+    mutate(random, frame, 12, 87, 1600);
 }
 
 void mutate_command(rng &random, bytes &command)
 {
-    constexpr std::size_t HEADER = sizeof(lbcmd_bufhdr_t);
-    for (std::size_t left = 1 + below(random, 4); left > 0; left--) {
-        const std::size_t kind = below(random, 4);
-        if (kind == 0 || command.size() < HEADER) {
-            mutate_anywhere(random, command, LARGEST_COMMAND);
-        } else if (kind == 1) { // keytype, action, sizes
-            command[60 + below(random, 10)] = interesting(random);
-        } else { // the key
-            command[4 + below(random, 56)] =
-                below(random, 2) == 0 ? interesting(random) : static_cast<std::uint8_t>(random());
-        }
-    }
+    mutate(random, command, offsetof(lbcmd_bufhdr_t, key), sizeof(lbcmd_bufhdr_t), 2048);
 }
 
 void mutate_text(rng &random, bytes &text, const bytes &other)

@@ -92,18 +92,10 @@ void append_objects(bytes &out, lbll_list_t *list)
     require(static_cast<std::size_t>(lbll_selectn(list, objs.data(), lbll_size(list),
                                                   lbll_filter_true, nullptr)) == objs.size(),
             "a list is not as long as it says");
-    const lbcmd_func_t *row = list == &lbexecutor->cfgcmdlist ? &cmdfuncs[LBCMD_KEYTYPE_CONFIG]
-                                                              : &cmdfuncs[LBCMD_KEYTYPE_IFACE];
-    const bool anyodd = std::any_of(objs.begin(), objs.end(), [&](void *obj) {
-        return row->iskeyodd(&static_cast<lbcmd_objhdr_t *>(obj)->key) != 0;
-    });
     for (void *obj : objs) {
         auto *hdr = static_cast<lbcmd_objhdr_t *>(obj);
         const bytes key = bytes_of(hdr->key);
         out.insert(out.end(), key.begin(), key.end());
-        const auto ischild = [&](void *other) { return row->llchildfilter(&hdr->key, other) != 0; };
-        require(anyodd || std::count_if(objs.begin(), objs.end(), ischild) == hdr->_children,
-                "an object has other children than it counts");
         append_block(out, hdr->addable, sizeof(lbport_addable_t),
                      offsetof(lbport_addable_t, crossport));
         append_block(out, hdr->setable, sizeof(lbsrv_setable_t),
