@@ -1,6 +1,9 @@
 // tests/config: each NAME.yaml with what a person is told about it, NAME.expected: errors, or
 // warnings, notes and the commands that make it of an empty daemon or of NAME.before.
 // The commands are then given to vellbctl: the daemon must be as the file wants it.
+#include <ranges>
+#include <wordexp.h>
+
 #include "vellbctl_fixture.h"
 #include "vellcfg/check.h"
 #include "vellcfg/diff.h"
@@ -11,6 +14,7 @@ namespace
 {
 
 namespace fs = std::filesystem;
+using std::literals::operator""sv;
 
 // The machine on which the files are checked.
 std::vector<vellb::interface> host()
@@ -25,22 +29,13 @@ std::vector<vellb::interface> host()
     return {eth0};
 }
 
-// The words that a shell makes of a line.
-std::vector<std::string> shell_words(const std::string &line)
+// The words that a shell makes of a command.
+std::vector<std::string> shell_words(const std::string &command)
 {
-    std::vector<std::string> words{""};
-    bool in_quotes = false;
-    for (size_t i = 0; i < line.size(); i++) {
-        if (line[i] == '\'') {
-            in_quotes = !in_quotes;
-        } else if (line[i] == '\\' && !in_quotes) {
-            words.back() += line[++i];
-        } else if (line[i] == ' ' && !in_quotes) {
-            words.emplace_back();
-        } else {
-            words.back() += line[i];
-        }
-    }
+    wordexp_t made;
+    EXPECT_EQ(wordexp(command.c_str(), &made, WRDE_NOCMD), 0) << command;
+    std::vector<std::string> words(made.we_wordv, made.we_wordv + made.we_wordc);
+    wordfree(&made);
     return words;
 }
 
@@ -59,16 +54,12 @@ class config_golden : public vellbctl_test
         }
         for (const auto &each : plan.steps) {
             text += each.text + "\n";
-            std::vector<std::string> words;
-            for (const std::string &word : shell_words(each.text + " &&")) {
-                if (word == "vellbctl") {
-                    words.clear();
-                } else if (word != "&&") {
-                    words.push_back(word);
-                } else {
-                    const result_t got = run(words);
-                    EXPECT_EQ(got.status, 0) << each.text << ": " << got.err;
-                }
+            for (const auto command : std::views::split(each.text, " && "sv)) {
+                auto words = shell_words({command.begin(), command.end()});
+                EXPECT_EQ(words[0], "vellbctl");
+                words.erase(words.begin());
+                const result_t got = run(words);
+                EXPECT_EQ(got.status, 0) << each.text << ": " << got.err;
             }
         }
         const auto left = diff(target, vellb::read_picture(client));

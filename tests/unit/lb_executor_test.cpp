@@ -43,9 +43,8 @@ TEST_F(ExecutorTest, EachIpVersionHasAGatewayOfItsOwn)
         bool isneighbour;
     } rows[] = {
         {"2001:db8::1", 0, true}, {"2001:db8::2", 1, false}, // no memory: the next set makes it
-        {"2001:db8::2", 0, true}, {"2001:db8::2", 0, true},
-        {"10.0.0.9", 0, false},   {"2001:db8::1", 0, true},
-        {"", 0, false},
+        {"2001:db8::2", 0, true}, {"10.0.0.9", 0, false},
+        {"2001:db8::1", 0, true}, {"", 0, false},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.addr);
@@ -53,7 +52,6 @@ TEST_F(ExecutorTest, EachIpVersionHasAGatewayOfItsOwn)
         EXPECT_EQ(set_executor([&](auto &b) { b.clientgateway_ipv6 = ip(row.addr); }),
                   LBCMD_RC_SUCCESS);
         EXPECT_EQ(lbexecutor->clientgw_neigh_ipv6, row.isneighbour ? entry(row.addr) : nullptr);
-        EXPECT_EQ(lbexecutor->clientgw_neigh_ipv6 != nullptr, row.isneighbour);
         EXPECT_EQ(get_executor().getable.clientgwneighstate_ipv6 != 0, row.isneighbour);
     }
     EXPECT_EQ(entry("2001:db8::1"), nullptr);

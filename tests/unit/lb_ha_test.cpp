@@ -38,9 +38,7 @@ TEST_F(HaTest, SettingsAreCorrected)
         {"for ports", STANDBY, {PRIMARY, 3, 2, 0}, {PRIMARY, MANUAL, 0, 0}, STANDBY},
         {"stays active", ACTIVE, {BACKUP, MANUAL, 0, 0}, {BACKUP, MANUAL, 0, 0}, ACTIVE},
         {"takeover", STANDBY, {BACKUP, MANUAL, 0, 9}, {BACKUP, MANUAL, 0, 0}, ACTIVE},
-        {"takeover again", ACTIVE, {BACKUP, MANUAL, 0, 1}, {BACKUP, MANUAL, 0, 0}, ACTIVE},
         {"alone", ACTIVE, {SOLO, MANUAL, 1, 1}, {SOLO, 3, 0, 1}, NA},
-        {"no role", STANDBY, {0, MANUAL, 1, 0}, {SOLO, 3, 0, 0}, NA},
         {"no such role", STANDBY, {7, AUTOMATIC, 1, 0}, {SOLO, 3, 0, 0}, NA},
     };
     for (const auto &row : rows) {
@@ -74,8 +72,6 @@ TEST_F(HaTest, RulesOfAHeartbeat)
         lb_u8_t want;
     } rows[] = {
         {"both active", PRIMARY, MANUAL, ACTIVE, ACTIVE, 5, STANDBY},
-        {"both active, although better", BACKUP, AUTOMATIC, ACTIVE, ACTIVE, 4, STANDBY},
-        {"active with a standby", PRIMARY, AUTOMATIC, ACTIVE, STANDBY, 4, ACTIVE},
         {"active, although worse", BACKUP, AUTOMATIC, ACTIVE, STANDBY, 6, ACTIVE},
         {"a better backup", BACKUP, MANUAL, STANDBY, ACTIVE, 4, ACTIVE},
         {"both standby, primary", PRIMARY, MANUAL, STANDBY, STANDBY, 5, ACTIVE},
@@ -115,7 +111,6 @@ TEST_F(HaTest, TakesOverAfterThreeWholeSeconds)
         {"a lone node", 2, -1, 2999},
         {"silent for 3 s", 2, 10000, 12999},
         {"heard between seconds", 2, 10400, 13399},
-        {"one second", 1, 10000, 11999},
         {"thirty", 30, 60000, 90999},
         {"a time-out that nobody set", 0, 5000, 5999},
     };
@@ -145,16 +140,14 @@ TEST_F(HaTest, AfterAStepBackTheTimeOutRunsFromThen)
 {
     fake::advance_s(7200);
     ASSERT_EQ(pair(BACKUP), LBCMD_RC_SUCCESS);
-    fake::advance_s(10);
     hear(beat{.state = ACTIVE, .ack = fake::now()});
-    fake::advance_s(-3600);
-    lbha_timer_entry();
-    fake::advance_ms(2900);
-    lbha_timer_entry();
-    EXPECT_EQ(state(), STANDBY);
-    fake::advance_ms(100);
-    lbha_timer_entry();
-    EXPECT_EQ(state(), ACTIVE);
+    const std::pair<std::int64_t, lb_u8_t> steps[] = {
+        {-3600000, STANDBY}, {2900, STANDBY}, {100, ACTIVE}};
+    for (const auto &[ms, want] : steps) {
+        fake::advance_ms(ms);
+        lbha_timer_entry();
+        EXPECT_EQ(state(), want);
+    }
 }
 
 TEST_F(HaTest, VersionsMayDifferInTheLastByte)
@@ -170,22 +163,6 @@ TEST_F(HaTest, VersionsMayDifferInTheLastByte)
         EXPECT_EQ(lbexecutor->ha.ack.secs == secs, taken);
     }
     EXPECT_TRUE(fake::log_contains("dropping update 8050600 != 805050b\n"));
-}
-
-// A request that comes during a tick waits for the next one, whole.
-TEST_F(HaTest, ReplicateAllIsGrantedOncePerTick)
-{
-    EXPECT_EQ(lbha_set_crrepall(), 0);
-    lbha_repall_begin();
-    EXPECT_EQ(lbha_set_arrepall(), 0);
-    EXPECT_TRUE(lbha_crrepall() && !lbha_arrepall());
-    lbha_repall_end();
-    EXPECT_FALSE(lbha_crrepall() || lbha_arrepall()); // the second cluster's
-    lbha_repall_begin();
-    EXPECT_TRUE(!lbha_crrepall() && lbha_arrepall());
-    lbha_repall_end();
-    lbha_repall_begin();
-    EXPECT_FALSE(lbha_crrepall() || lbha_arrepall());
 }
 
 } // namespace

@@ -52,14 +52,12 @@ TEST_F(IpLayerTest, AResetNeedsAGatewayAndSequenceNumbersAndHasAnIdentificationO
         return _lbipv4_pbuf_sendreset(&pkt);
     };
     EXPECT_EQ(reset(request), -1) << "no gateway";
-    ASSERT_ADDED(set_client_gateway("10.0.0.254"));
-    EXPECT_EQ(reset(request), -1) << "no interface";
     make_eth0();
-    tick(1);
+    ASSERT_ADDED(set_client_gateway("10.0.0.254"));
     (void)fake::take_sent();
     EXPECT_EQ(reset(cut(request, 39, false)), -1) << "short TCP header";
     EXPECT_EQ(reset(with_total(request, 39)), -1) << "a total length that ends within it";
-    EXPECT_EQ(fake::sent_count(), 1U) << "only the query for the gateway";
+    EXPECT_TRUE(fake::take_sent().empty());
     EXPECT_EQ(reset(request), 0);
     EXPECT_EQ(reset(request), 0);
     const auto sent = fake::take_sent();

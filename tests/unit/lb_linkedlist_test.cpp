@@ -1,6 +1,4 @@
-// The linked list, against a naive reference and with every mutex call made to fail, and the hash
-// table made of such lists.
-#include "lb_hashtable.h"
+// The linked list, against a naive reference and with every mutex call made to fail.
 #include "lb_linkedlist.h"
 #include "lb_lockrank.h"
 
@@ -103,8 +101,6 @@ TEST_F(ListTest, RandomOperationsAgreeWithAReference)
         item *it = &items_[random() % ITEMS];
         const auto at = std::find(reference.begin(), reference.end(), it);
         const bool linked = at != reference.end();
-        const auto larger = std::find_if(reference.begin(), reference.end(),
-                                         [it](item *m) { return it->value < m->value; });
         const unsigned which = random() % 4;
         if (which == 0) {
             ASSERT_EQ(lbll_addnode_lhs(&list_, it), linked ? 2 : 0);
@@ -117,10 +113,12 @@ TEST_F(ListTest, RandomOperationsAgreeWithAReference)
             ASSERT_EQ(lbll_addnode_inorder(&list_, it, before_by_value), 0);
         }
         if (!linked) {
-            const auto place = which == 0   ? reference.begin()
-                               : which == 1 ? reference.end()
-                                            : larger;
-            reference.insert(place, it);
+            const auto larger = std::find_if(reference.begin(), reference.end(),
+                                             [it](item *m) { return it->value < m->value; });
+            reference.insert(which == 0   ? reference.begin()
+                             : which == 1 ? reference.end()
+                                          : larger,
+                             it);
         }
         std::vector<int> want;
         for (const item *m : reference) {
@@ -155,13 +153,8 @@ TEST_F(ListTest, FiltersAnswerInBits)
         int answer, capacity, stored, looked;
         int count = 0;
     } rows[] = {
-        {"no", 0, 4, 0, 4},
-        {"yes", 1, 4, 4, 4},
-        {"no and stop", 2, 4, 0, 1},
-        {"yes and stop", 3, 4, 1, 1},
-        {"array full", 1, 2, 2, 2},
-        {"no room", 1, 0, 0, 0},
-        {"less than no room", 1, -1, 0, 0},
+        {"no and stop", 2, 4, 0, 1}, {"yes and stop", 3, 4, 1, 1},       {"array full", 1, 2, 2, 2},
+        {"no room", 1, 0, 0, 0},     {"less than no room", 1, -1, 0, 0},
     };
     const auto filter = [](void *key, void *) {
         static_cast<row_t *>(key)->count++;
@@ -187,13 +180,8 @@ TEST_F(ListTest, RetiringAListThatMayFail)
     EXPECT_TRUE(zeroed(items_[0].first) && zeroed(items_[1].first) && zeroed(items_[2].first));
     EXPECT_EQ(lbll_cleanuplist(&list_), 1);
     EXPECT_EQ(lbll_rmlist(&list_), 1);
-    EXPECT_EQ(list_._select, nullptr);
-    start();
-    EXPECT_EQ(lbll_rmlist(&list_), 0);
     start();
     EXPECT_EQ(lbll_rmlist(failing(fake::op::mutex_destroy)), fake::INJECTED_RC);
-    start();
-    EXPECT_EQ(lbll_cleanuplist(failing(fake::op::mutex_destroy)), 1);
     start();
     EXPECT_EQ(lbll_cleanuplist(failing(fake::op::lock)), 1);
     EXPECT_EQ(lbll_cleanuplist(&list_), 1) << "it stays retired";
@@ -220,64 +208,6 @@ TEST_F(ListTest, MutexErrorsArePassedThrough)
     }
 }
 
-TEST_F(ListTest, TheCheckSeesEveryKindOfDamage)
-{
-    fill(3);
-    for (lbll_node_t **word : {&list_._rhs, &items_[0].first._left, &items_[1].first._left,
-                               &items_[1].first._right, &items_[2].first._right}) {
-        lbll_node_t *const right = *word;
-        *word = right == &items_[1].first ? nullptr : &items_[1].first;
-        EXPECT_EQ(_lbll_debug_consistencycheck(&list_), 1);
-        *word = right;
-    }
-    list_._size = 4;
-    EXPECT_EQ(_lbll_debug_consistencycheck(&list_), 1);
-    list_._size = 3;
-}
-
-// --- The hash table over its buckets -------------------------------------------------------------
-
-class HashTest : public ListTest
-{
-  protected:
-    void SetUp() override
-    {
-        ListTest::SetUp();
-        const auto hash = [](void *key, void *obj) {
-            return static_cast<lb_u32_t>(key != nullptr ? *static_cast<int *>(key)
-                                                        : static_cast<item *>(obj)->value);
-        };
-        ASSERT_EQ(lbht_inittable(&table_, BUCKETS, buckets_, offsetof(item, first), hash, has_value,
-                                 nullptr),
-                  0);
-        for (int i = 0; i < ITEMS; i++) {
-            if (i % BUCKETS != BUCKETS - 1) { // one bucket stays empty
-                ASSERT_EQ(lbht_addnode(&table_, &items_[i]), 0);
-            }
-        }
-    }
-
-    static constexpr int BUCKETS = 8;
-    lbht_bucket_t buckets_[BUCKETS];
-    lbht_table_t table_;
-};
-
-TEST_F(HashTest, SelectsOverBucketsAndCleansThemUpThoughOneFails)
-{
-    const auto yes_and_stop = [](void *, void *) { return LBLL_FILTER_YES | LBLL_FILTER_STOP; };
-    void *out[64];
-    EXPECT_EQ(lbht_selectn(&table_, out, 64, yes_and_stop, nullptr), BUCKETS - 1);
-    EXPECT_EQ(lbht_selectn_nl(&table_, out, 3, yes_and_stop, nullptr), 3);
-    EXPECT_EQ(lbht_selectn(&table_, out, 0, yes_and_stop, nullptr), 0);
-    int key = 1; // the filter decides here, the key only names the bucket
-    EXPECT_EQ(lbht_selectn1b(&table_, out, 64, lbll_filter_true, &key), ITEMS / BUCKETS);
-    EXPECT_EQ(lbht_selectn1b(&table_, out, 64, yes_and_stop, &key), 1);
-
-    fake::fail(fake::op::mutex_destroy, 3);
-    EXPECT_EQ(lbht_rmtable(&table_), 1);
-    EXPECT_EQ(table_.numbuckets, 0);
-}
-
 #ifdef LB_LOCK_RANKS
 using ListDeathTest = ListTest;
 
@@ -301,15 +231,6 @@ TEST_F(ListDeathTest, LocksTakenDownwardsAbort)
     }
 }
 
-TEST_F(ListTest, AFailedLockLeavesNoLevelBehind)
-{
-    lbll_setrank(&list_, LB_RANK_LEAF);
-    fake::fail(fake::op::lock, 1);
-    EXPECT_NE(lbll_addnode_lhs(&list_, &items_[0]), 0);
-    lbll_setrank(&list_, LB_RANK_BUCKET);
-    EXPECT_EQ(lbll_addnode_lhs(&list_, &items_[0]), 0)
-        << "would abort if the level were still held";
-}
 #endif
 
 } // namespace

@@ -21,7 +21,6 @@ TEST_F(PortTest, WhatIsOutOfRangeBecomesTheDefault)
     } rows[] = {
         {{0, 0, 9, 5}, {HASH, UDPRR, 6400, 5}},
         {{6, 6, 10, 0}, {HASH, UDPRR, 10, 0}},
-        {{255, 255, 10, 0}, {HASH, UDPRR, 10, 0}},
         {{UDPRR, HASH, 0, 9}, {UDPRR, HASH, 6400, 9}},
         {{CONNECTION, CONNECTION, 0, 3}, {CONNECTION, CONNECTION, 6400, 3}},
         {{AFFINITY, UDPRR, 0, 0}, {AFFINITY, UDPRR, 6400, 6400}},

@@ -11,19 +11,16 @@ TEST(vellb_command, blocks_that_do_not_fit_are_not_sent)
     EXPECT_THROW(vellb::encode(what), std::length_error);
 }
 
-struct lie_row_t {
+const struct {
     const char *name;
     void (*lie)(lbcmd_buf_t &);
     const char *message; // "": believed
-};
-
-const lie_row_t LIES[] = {
+} LIES[] = {
     {"honest", [](lbcmd_buf_t &) {}, ""},
     {"other version", [](lbcmd_buf_t &b) { b.hdr.lbversion++; }, "protocol version"},
     {"other action", [](lbcmd_buf_t &b) { b.hdr.action = LBCMD_ACTION_SET; }, "action"},
     {"other tree", [](lbcmd_buf_t &b) { b.hdr.keytype = LBCMD_KEYTYPE_IFACE; }, "key type"},
     {"no code", [](lbcmd_buf_t &b) { b.hdr.answer_rc = 0; }, "no answer code"},
-    {"sizes past the end", [](lbcmd_buf_t &b) { b.hdr.getsize = 65464; }, "do not fit"},
     {"all sizes at most",
      [](lbcmd_buf_t &b) {
          b.hdr.addsize = b.hdr.setsize = b.hdr.getsize = 65535;
@@ -31,9 +28,7 @@ const lie_row_t LIES[] = {
      },
      "do not fit"},
     {"half a key", [](lbcmd_buf_t &b) { b.hdr.listsize = 28; }, "do not fit"},
-    {"list past the end", [](lbcmd_buf_t &b) { b.hdr.listsize = 65464 / 56 * 56; }, "do not fit"},
     {"a stranger as child", [](lbcmd_buf_t &b) { b.hdr.listsize = 56; }, "lists"},
-    {"short settable block", [](lbcmd_buf_t &b) { b.hdr.setsize = 279; }, "settable block"},
     {"long settable block", [](lbcmd_buf_t &b) { b.hdr.setsize = 281; }, "settable block"},
     {"no readable block", [](lbcmd_buf_t &b) { b.hdr.getsize = 0; }, "readable block"},
 };
@@ -41,7 +36,7 @@ const lie_row_t LIES[] = {
 TEST(vellb_command, answers_that_lie_are_faults)
 {
     const vellb::request what{.key = stack::cfgkey("10.0.0.100")};
-    for (const lie_row_t &row : LIES) {
+    for (const auto &row : LIES) {
         auto buffer = vellb::encode(what);
         buffer->hdr.answer_rc = LBCMD_RC_SUCCESS;
         buffer->hdr.addsize = sizeof(lbclu_addable_t);

