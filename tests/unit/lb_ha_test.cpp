@@ -165,4 +165,20 @@ TEST_F(HaTest, VersionsMayDifferInTheLastByte)
     EXPECT_TRUE(fake::log_contains("dropping update 8050600 != 805050b\n"));
 }
 
+// A request that comes during a tick waits for the next one, whole.
+TEST_F(HaTest, ReplicateAllIsGrantedOncePerTick)
+{
+    EXPECT_EQ(lbha_set_crrepall(), 0);
+    lbha_repall_begin();
+    EXPECT_EQ(lbha_set_arrepall(), 0);
+    EXPECT_TRUE(lbha_crrepall() && !lbha_arrepall());
+    lbha_repall_end();
+    EXPECT_FALSE(lbha_crrepall() || lbha_arrepall()); // the second cluster's
+    lbha_repall_begin();
+    EXPECT_TRUE(!lbha_crrepall() && lbha_arrepall());
+    lbha_repall_end();
+    lbha_repall_begin();
+    EXPECT_FALSE(lbha_crrepall() || lbha_arrepall());
+}
+
 } // namespace

@@ -26,6 +26,14 @@ TEST_F(IpTest, EqualityLooksAtVersionAndAddressAlone)
     }
 }
 
+TEST_F(IpTest, AnyBitMakesAnAddressValid)
+{
+    for (const char *text : {"0.0.0.1", "::1", "1::"}) {
+        const lbip_addr_t addr = stack::ip(text);
+        EXPECT_EQ(lbip_isaddrvalid(&addr), LBIP_VALID_YES) << text;
+    }
+}
+
 TEST_F(IpTest, Subnets)
 {
     set_log_mask(0);

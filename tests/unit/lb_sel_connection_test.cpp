@@ -74,6 +74,10 @@ TEST_F(ConnectionTableTest, LeavesNothingOfAPortOrServerThatFails)
     for (int n = 1; n <= 4; n++) {
         expect_leaves_nothing(fake::op::mutex_init, n, server);
     }
+    fake::fail(fake::op::mutex_destroy, 100); // which keeps none of the others
+    EXPECT_EQ(rm_port(C, 80), LBCMD_RC_SUCCESS);
+    tick(5);
+    EXPECT_FALSE(fake::fail_pending(fake::op::mutex_destroy));
 }
 
 } // namespace
