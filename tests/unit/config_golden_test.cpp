@@ -1,7 +1,7 @@
 // tests/config: each NAME.yaml with what a person is told about it, NAME.expected: errors, or
 // warnings, notes and the commands that make it of an empty daemon or of NAME.before.
 // The commands are then given to vellbctl: the daemon must be as the file wants it.
-#include <ranges>
+#include <regex>
 #include <wordexp.h>
 
 #include "vellbctl_fixture.h"
@@ -14,7 +14,6 @@ namespace
 {
 
 namespace fs = std::filesystem;
-using std::literals::operator""sv;
 
 // The machine on which the files are checked.
 std::vector<vellb::interface> host()
@@ -32,7 +31,7 @@ std::vector<vellb::interface> host()
 // The words that a shell makes of a command.
 std::vector<std::string> shell_words(const std::string &command)
 {
-    wordexp_t made;
+    wordexp_t made{};
     EXPECT_EQ(wordexp(command.c_str(), &made, WRDE_NOCMD), 0) << command;
     std::vector<std::string> words(made.we_wordv, made.we_wordv + made.we_wordc);
     wordfree(&made);
@@ -54,11 +53,10 @@ class config_golden : public vellbctl_test
         }
         for (const auto &each : plan.steps) {
             text += each.text + "\n";
-            for (const auto command : std::views::split(each.text, " && "sv)) {
-                auto words = shell_words({command.begin(), command.end()});
-                EXPECT_EQ(words[0], "vellbctl");
-                words.erase(words.begin());
-                const result_t got = run(words);
+            static const std::regex command("vellbctl (.*?)( && |$)");
+            for (std::sregex_iterator at(each.text.begin(), each.text.end(), command), end;
+                 at != end; ++at) {
+                const result_t got = run(shell_words((*at)[1]));
                 EXPECT_EQ(got.status, 0) << each.text << ": " << got.err;
             }
         }
