@@ -84,19 +84,16 @@ TEST_F(ReapTest, NothingIsFreedWhileAReaderIsInside)
 {
     ASSERT_ADDED(add_interface("eth0"));
     ASSERT_ADDED(add_ifaddr("eth0", "10.0.0.1/24"));
-    ASSERT_ADDED(add_cluster(C));
-    ASSERT_ADDED(add_port(C, 80));
-    ASSERT_ADDED(add_server(C, 80, "10.0.0.11"));
+    make_service(C, {"10.0.0.11"});
     const struct {
         const char *name;
-        lbcmd_keytype_e keytype;
-        lbcmd_key_t key;
+        std::function<int()> remove;
     } rows[] = {
-        {"server", LBCMD_KEYTYPE_CONFIG, stack::cfgkey(C, 80, "10.0.0.11")},
-        {"port", LBCMD_KEYTYPE_CONFIG, stack::cfgkey(C, 80)},
-        {"cluster", LBCMD_KEYTYPE_CONFIG, stack::cfgkey(C)},
-        {"address", LBCMD_KEYTYPE_IFACE, stack::ifacekey("eth0", "10.0.0.1/24")},
-        {"interface", LBCMD_KEYTYPE_IFACE, stack::ifacekey("eth0")},
+        {"server", [this] { return rm_server(C, 80, "10.0.0.11"); }},
+        {"port", [this] { return rm_port(C, 80); }},
+        {"cluster", [this] { return rm_cluster(C); }},
+        {"address", [this] { return rm_ifaddr("eth0", "10.0.0.1/24"); }},
+        {"interface", [this] { return rm_interface("eth0"); }},
     };
     const lbip_addr_t server = stack::ip("10.0.0.11");
     for (const auto &row : rows) {
@@ -106,7 +103,7 @@ TEST_F(ReapTest, NothingIsFreedWhileAReaderIsInside)
         const auto full = fake::live_allocations();
         {
             const thread_inside reader;
-            EXPECT_EQ(rm(row.keytype, row.key), LBCMD_RC_SUCCESS);
+            EXPECT_EQ(row.remove(), LBCMD_RC_SUCCESS);
             tick(10);
             lbpbuf_drain();
             EXPECT_EQ(fake::live_allocations(), full);

@@ -44,9 +44,10 @@ class TunnelTest : public StackTest
         return add_server(CLUSTER, 80, server, setable);
     }
 
-    lb_proto_stats_t counted(const char *server)
+    // "fwd+4 err+2"
+    std::string counted(const char *server)
     {
-        return get_server(CLUSTER, 80, server).getable.ipstats;
+        return stack::counted({}, get_server(CLUSTER, 80, server).getable.ipstats);
     }
 };
 
@@ -87,7 +88,7 @@ TEST_F(TunnelTest, ThePacketTravelsInsideUnchanged)
             expect_tunnelled(sent[0], m, packet(100));
         }
         EXPECT_TRUE(sent_for(with_total(frame, 200)).empty()) << "more than came";
-        EXPECT_EQ(counted(DISTANT).err, 1U);
+        EXPECT_EQ(counted(DISTANT), "fwd+2 err");
 
         // What is too long for the tunnel.
         const auto largest = static_cast<std::size_t>(1500 - m.overhead);
@@ -95,12 +96,11 @@ TEST_F(TunnelTest, ThePacketTravelsInsideUnchanged)
         const auto marked = sent_for(packet(1500, DF));
         ASSERT_EQ(marked.size(), 1U) << "the error alone";
         expect_toolong(marked[0], 1500 - m.overhead);
-        EXPECT_EQ(counted(DISTANT).err, 2U);
         const auto unmarked = sent_for(packet(1500));
         ASSERT_EQ(unmarked.size(), 2U) << "the error, and the packet all the same";
         expect_toolong(unmarked[0], 1500 - m.overhead);
         expect_tunnelled(unmarked[1], m, packet(1500));
-        EXPECT_EQ(counted(DISTANT).fwd, 4U);
+        EXPECT_EQ(counted(DISTANT), "fwd+4 err+2");
         EXPECT_EQ(get_server(CLUSTER, 80, DISTANT).getable.icmpstats.gen, 2U);
         ASSERT_ADDED(set_server(CLUSTER, 80, DISTANT, [](auto &s) { s.encapmtu = 10; }));
         const auto narrow = sent_for(packet(100, DF));
@@ -134,42 +134,31 @@ TEST_F(TunnelTest, WhenAPacketIsEncapsulated)
         if (row.protocol >= 0) {
             EXPECT_EQ(sent[0].protocol, row.protocol);
         }
-        EXPECT_EQ(counted(row.server).fwd, row.protocol < 0 ? 0U : 1U);
-        EXPECT_EQ(counted(row.server).err, row.protocol < 0 ? 1U : 0U);
+        EXPECT_EQ(counted(row.server), row.protocol < 0 ? "err" : "fwd");
         ASSERT_ADDED(rm_server(CLUSTER, 80, row.server));
     }
 }
 
 // --- Servers of this host ------------------------------------------------------------------------
 
-class CollocatedTest : public TunnelTest
+TEST_F(TunnelTest, PacketsForThisHostLeaveThroughTheOneTunDevice)
 {
-  protected:
-    void SetUp() override
-    {
-        TunnelTest::SetUp();
-        os_tunfd = 0; // it stays open while the process runs
-    }
-    void TearDown() override
-    {
-        TunnelTest::TearDown();
-        os_tunfd = 0;
-    }
-    int set_collocated(const char *server)
-    {
+    os_tunfd = 0; // it stays open while the process runs
+    const auto set_collocated = [this](const char *server) {
         return set_server(CLUSTER, 80, server, [](auto &s) { s.Collocated = 1; });
-    }
-};
-
-TEST_F(CollocatedTest, PacketsLeaveThroughTheOneTunDevice)
-{
-    for (const char *server : {LOCAL, "10.0.0.12"}) {
-        ASSERT_ADDED(add_tunnel(server, 0));
-        ASSERT_ADDED(set_collocated(server));
-    }
-    ASSERT_EQ(fake::tun_requests().size(), 1U);
-    EXPECT_EQ(fake::tun_requests()[0].dev, "veldra");
-    EXPECT_EQ(fake::tun_requests()[0].flags, 1);
+    };
+    ASSERT_ADDED(add_tunnel(LOCAL, 0));
+    fake::fail(fake::op::tun_alloc, 1);
+    (void)set_collocated(LOCAL);
+    EXPECT_TRUE(sent_for(packet(100)).empty()) << "above all not to descriptor 0";
+    EXPECT_EQ(counted(LOCAL), "err");
+    ASSERT_ADDED(set_collocated(LOCAL)); // the next SET tries again
+    ASSERT_ADDED(add_tunnel("10.0.0.12", 0));
+    ASSERT_ADDED(set_collocated("10.0.0.12"));
+    const auto requests = fake::tun_requests();
+    ASSERT_EQ(requests.size(), 2U) << "the one that failed, and another";
+    EXPECT_EQ(requests[1].dev, "veldra");
+    EXPECT_EQ(requests[1].flags, 1);
 
     bytes frame = packet(100);
     bytes expected = part(frame, ETH, frame.size());
@@ -180,20 +169,10 @@ TEST_F(CollocatedTest, PacketsLeaveThroughTheOneTunDevice)
     for (const auto &sent : {sent_for(frame), sent_for(bare, fake::link::slip)}) {
         ASSERT_EQ(sent.size(), 1U);
         EXPECT_EQ(sent[0].how, fake::via::tun);
-        EXPECT_EQ(sent[0].tunfd, fake::tun_requests()[0].result);
+        EXPECT_EQ(sent[0].tunfd, requests[1].result);
         EXPECT_EQ(sent[0].bytes, expected);
     }
-}
-
-TEST_F(CollocatedTest, WithoutATunDeviceNothingIsSent)
-{
-    ASSERT_ADDED(add_tunnel(LOCAL, 0));
-    fake::fail(fake::op::tun_alloc, 1);
-    (void)set_collocated(LOCAL);
-    EXPECT_TRUE(sent_for(packet(100)).empty()) << "above all not to descriptor 0";
-    EXPECT_EQ(counted(LOCAL).err, 1U);
-    ASSERT_ADDED(set_collocated(LOCAL)); // the next SET tries again
-    EXPECT_EQ(sent_for(packet(100)).size(), 1U);
+    os_tunfd = 0;
 }
 
 } // namespace
