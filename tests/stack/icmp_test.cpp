@@ -166,8 +166,7 @@ class IcmpErrorTest : public IcmpTest
         ASSERT_ADDED(make_port(80, LBSEL_ALGORIGHM_CONNECTION, 0, LBSEL_ALGORIGHM_AFFINITY));
         ASSERT_ADDED(make_servers(80));
         ASSERT_EQ(tcp(SYN), 11);
-        ASSERT_ADDED(add_ifaddr("eth0", "2001:db8::1/64"));
-        make_service(C6, {"2001:db8::11", "2001:db8::12"}, LBSEL_ALGORIGHM_CONNECTION);
+        add_ipv6({"2001:db8::11", "2001:db8::12"});
         for (const std::uint16_t sport : {39999, 40000}) { // so that not all is at the first
             server6_ = sent_to(build({.src = "fd00::9", .sport = sport}));
         }

@@ -26,24 +26,18 @@ TEST_F(NatTest, AnAnswerReachesItsClient)
 {
     ASSERT_TRUE(segment(SYN, 40000, "10.9.0.1"));
     ASSERT_TRUE(segment(SYN, 40001, "10.9.0.2"));
-    const lb_u64_t before = stats().fwd;
-    fake::frame host;
     const bytes frame = packets::build(answer(1026));
-    EXPECT_EQ(fake::receive_into(host, frame.data(), frame.size()), LB_PACKETRC_CONSUMED);
-    EXPECT_EQ(host.frees(), 1);
-    EXPECT_EQ(stats().fwd, before + 1);
-    const auto sent = fake::take_sent();
-    ASSERT_EQ(sent.size(), 1U);
-    EXPECT_EQ(sent[0].ifname, "eth0");
-    packets::packet expected = answer(40001);
-    expected.src = C;
-    expected.dst = "10.9.0.2";
-    expected.ethdst = packets::mac_of(254);
-    expected.ethsrc = packets::mac_of(1);
-    EXPECT_EQ(sent[0].bytes, packets::build(expected)) << "the TTL as it was";
-    EXPECT_EQ(fake::receive({frame.begin() + ETH, frame.end()}, fake::link::slip),
-              LB_PACKETRC_CONSUMED);
-    EXPECT_EQ(fake::take_sent().at(0).bytes, packets::build(expected)) << "it gets a link header";
+    for (const auto &sent : {sent_for(frame), sent_for(packets::part(frame, ETH, frame.size()),
+                                                       fake::link::slip)}) { // gets a link header
+        ASSERT_EQ(sent.size(), 1U);
+        EXPECT_EQ(sent[0].ifname, "eth0");
+        packets::packet expected = answer(40001);
+        expected.src = C;
+        expected.dst = "10.9.0.2";
+        expected.ethdst = packets::mac_of(254);
+        expected.ethsrc = packets::mac_of(1);
+        EXPECT_EQ(sent[0].bytes, packets::build(expected)) << "the TTL as it was";
+    }
     EXPECT_EQ(answered(answer(1025)), "10.9.0.1:40000");
     EXPECT_EQ(stats().in, stats().fwd + stats().notforus + stats().discard + stats().err);
 }
@@ -60,42 +54,36 @@ TEST_F(NatTest, WhatBecomesOfPacketsForAReturnAddress)
     const auto cut = [&with](std::size_t len, bool honest, std::uint16_t fragoff = 0) {
         return packets::cut(with(1025, packets::TCP, fragoff), len, honest);
     };
-    using stat = lb_u32_t lb_proto_stats_t::*;
-    const stat notforus = &lb_proto_stats_t::notforus;
-    const stat discard = &lb_proto_stats_t::discard;
-    const stat err = &lb_proto_stats_t::err;
+    constexpr const char *SENT = "in fwd", *NOTFORUS = "in notforus", *DISCARD = "in discard",
+                         *ERROR = "in err";
     const struct {
         const char *name;
         bytes frame;
-        stat counter; // null: sent to the client
+        const char *counted;
     } rows[] = {
-        {"an answer", with(1025, packets::TCP), nullptr},
-        {"first fragment", with(1025, packets::TCP, 0x2000), nullptr},
-        {"later fragment", with(1025, packets::TCP, 0x2004), nullptr},
-        {"last fragment", with(1025, packets::TCP, 4), nullptr},
-        {"nobody's port", with(1026, packets::TCP), discard},
-        {"the last port", with(65535, packets::TCP), discard},
-        {"a port that is never handed out", with(1024, packets::TCP), notforus},
-        {"UDP", with(1025, packets::UDP), notforus},
-        {"fragment of UDP", with(1025, packets::UDP, 4), notforus},
-        {"no ports", cut(23, true), notforus},
-        {"no whole TCP header", cut(39, true), err},
-        {"nor in a first fragment", cut(39, true, 0x2000), err},
-        {"longer than what came", cut(46, false), err},
-        {"fragment longer than what came", cut(46, false, 4), err},
+        {"an answer", with(1025, packets::TCP), SENT},
+        {"first fragment", with(1025, packets::TCP, 0x2000), SENT},
+        {"later fragment", with(1025, packets::TCP, 0x2004), SENT},
+        {"nobody's port", with(1026, packets::TCP), DISCARD},
+        {"the last port", with(65535, packets::TCP), DISCARD},
+        {"a port that is never handed out", with(1024, packets::TCP), NOTFORUS},
+        {"UDP", with(1025, packets::UDP), NOTFORUS},
+        {"fragment of UDP", with(1025, packets::UDP, 4), NOTFORUS},
+        {"no ports", cut(23, true), NOTFORUS},
+        {"no whole TCP header", cut(39, true), ERROR},
+        {"nor in a first fragment", cut(39, true, 0x2000), ERROR},
+        {"longer than what came", cut(46, false), ERROR},
+        {"fragment longer than what came", cut(46, false, 4), ERROR},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        fake::log_clear();
         const lb_proto_stats_t before = stats();
-        const bool intact = row.counter == notforus;
+        const lb_u64_t frees = fake::unheld_frees();
+        const bool intact = row.counted == NOTFORUS;
         EXPECT_EQ(fake::receive(row.frame), intact ? LB_PACKETRC_INTACT : LB_PACKETRC_CONSUMED);
-        EXPECT_EQ(fake::take_sent().size(), row.counter == nullptr ? 1U : 0U);
-        const lb_proto_stats_t after = stats();
-        EXPECT_EQ(after.fwd, before.fwd + (row.counter == nullptr ? 1 : 0));
-        for (const stat each : {notforus, discard, err}) {
-            EXPECT_EQ(after.*each, before.*each + (row.counter == each ? 1 : 0));
-        }
+        EXPECT_EQ(fake::unheld_frees(), frees + (intact ? 0 : 1));
+        EXPECT_EQ(fake::take_sent().size(), row.counted == SENT ? 1U : 0U);
+        EXPECT_EQ(stack::counted(before, stats()), row.counted);
     }
 }
 
@@ -246,7 +234,7 @@ TEST_F(NatTest, RefusedRemovalGivesUpTheReturnAddressWhenReaped)
 
 // --- Both ways, whole and in fragments -----------------------------------------------------------
 
-// What is behind the link headers, in an order of its own.
+// What is behind the link headers of what is sent for these, in an order of its own.
 std::vector<bytes> sorted_ip(const std::vector<bytes> &frames)
 {
     std::vector<bytes> out;
@@ -256,78 +244,104 @@ std::vector<bytes> sorted_ip(const std::vector<bytes> &frames)
     std::sort(out.begin(), out.end());
     return out;
 }
-
-TEST_F(NatTest, BothWaysInFragmentsOfAnyOrderOfEitherVersion)
+std::vector<bytes> sent_for_all(const std::vector<bytes> &frames)
 {
-    constexpr const char *C6 = "2001:db8::100", *SERVER6 = "2001:db8:2::11", *CLIENT6 = "fd00::9";
-    constexpr const char *R6 = "2001:db8:1::200";
-    ASSERT_ADDED(add_ifaddr("eth0", "2001:db8::1/64"));
-    ASSERT_ADDED(add_ifaddr("eth1", "2001:db8:1::1/64"));
-    ASSERT_ADDED(set_executor(
-        [](lbexe_setable_t &set) { set.clientgateway_ipv6 = stack::ip("2001:db8::254"); }));
-    ASSERT_ADDED(add_cluster(C6));
-    ASSERT_ADDED(add_port(C6, 80, LBSEL_ALGORIGHM_CONNECTION, LBSEL_ALGORIGHM_CONNECTION));
-    lbsrv_setable_t setable{};
-    setable.weight = 1;
-    ASSERT_ADDED(add_server(C6, 80, SERVER6, setable, natted(R6, "2001:db8:1::254")));
-    fake::receive(packets::advertisement("2001:db8::254", 254));
-    fake::receive(packets::advertisement("2001:db8:1::254", 0xFE));
-    ASSERT_TRUE(segment(SYN, 40000));
-    fake::receive(packets::build(packets::packet{.src = CLIENT6}));
+    (void)fake::take_sent();
+    std::vector<bytes> sent;
+    for (const bytes &frame : frames) {
+        (void)fake::receive(frame);
+    }
+    for (const auto &each : fake::take_sent()) {
+        sent.push_back(each.bytes);
+    }
+    return sorted_ip(sent);
+}
 
-    // Translation is no hop: what may go no further goes.
-    const auto piece = [](const char *src, std::uint16_t sport, const char *dst,
-                          std::uint16_t dport) {
-        return packets::fragments(packets::build(packets::packet{.src = src,
-                                                                 .dst = dst,
-                                                                 .sport = sport,
-                                                                 .dport = dport,
-                                                                 .ttl = 1,
-                                                                 .flags = ACK,
-                                                                 .payload = 3001}),
-                                  1500, 0xABCD1234);
+TEST_F(NatTest, BothWaysWholeAndInFragmentsOfAnyOrderOfEitherVersion)
+{
+    constexpr const char *SERVER6 = "2001:db8:2::11", *CLIENT6 = "fd00::9";
+    constexpr const char *R6 = "2001:db8:1::200", *ROUTER6 = "2001:db8:1::254";
+    add_ipv6();
+    ASSERT_ADDED(add_ifaddr("eth1", "2001:db8:1::1/64"));
+    ASSERT_ADDED(add_natserver(C6, SERVER6, natted(R6, ROUTER6)));
+    meet(ROUTER6, 0xFE);
+    ASSERT_TRUE(segment(SYN, 40000));
+    ASSERT_FALSE(frame_for(packets::build(packets::packet{.src = CLIENT6})).empty());
+
+    struct ends {
+        const char *src;
+        std::uint16_t sport;
+        const char *dst;
+        std::uint16_t dport;
+        // Translation is no hop: what may go no further goes.
+        [[nodiscard]] bytes packet(std::size_t payload, std::vector<packets::ext> exts = {}) const
+        {
+            return packets::build(packets::packet{.src = src,
+                                                  .dst = dst,
+                                                  .sport = sport,
+                                                  .dport = dport,
+                                                  .ttl = 1,
+                                                  .flags = ACK,
+                                                  .exts = std::move(exts),
+                                                  .payload = payload});
+        }
     };
     const struct {
         const char *name;
-        std::vector<bytes> received, sent;
+        ends received, sent;
+        std::uint8_t to;
     } rows[] = {
-        {"a request", piece("10.9.0.1", 40000, C, 80), piece(R, 1025, "10.2.0.11", 80)},
-        {"an answer", piece("10.2.0.11", 80, R, 1025), piece(C, 80, "10.9.0.1", 40000)},
-        {"an IPv6 request", piece(CLIENT6, 40000, C6, 80), piece(R6, 1025, SERVER6, 80)},
-        {"an IPv6 answer", piece(SERVER6, 80, R6, 1025), piece(C6, 80, CLIENT6, 40000)},
+        {"a request", {"10.9.0.1", 40000, C, 80}, {R, 1025, "10.2.0.11", 80}, 0xFE},
+        {"an answer", {"10.2.0.11", 80, R, 1025}, {C, 80, "10.9.0.1", 40000}, 254},
+        {"an IPv6 request", {CLIENT6, 40000, C6, 80}, {R6, 1025, SERVER6, 80}, 0xFE},
+        {"an IPv6 answer", {SERVER6, 80, R6, 1025}, {C6, 80, CLIENT6, 40000}, 254},
     };
     for (const auto &row : rows) {
-        auto frames = row.received;
+        SCOPED_TRACE(row.name);
+        for (const std::vector<packets::ext> &exts : {std::vector<packets::ext>{},
+                                                      {packets::padding(packets::HOPOPTS)},
+                                                      {packets::fragment(5, 0)}}) {
+            for (const std::size_t payload : {0, 1, 700}) {
+                const bytes sent = frame_for(row.received.packet(payload, exts));
+                ASSERT_FALSE(sent.empty());
+                EXPECT_EQ(sorted_ip({sent}), sorted_ip({row.sent.packet(payload, exts)}));
+                EXPECT_EQ(packets::mac_at(sent, 0), packets::mac_of(row.to));
+            }
+        }
+        auto frames = packets::fragments(row.received.packet(3001), 1500, 0xABCD1234);
+        const auto expected = packets::fragments(row.sent.packet(3001), 1500, 0xABCD1234);
         ASSERT_EQ(frames.size(), 3U);
-        for (const char *order : {" in order", " backwards"}) {
-            SCOPED_TRACE(std::string(row.name) + order);
-            (void)fake::take_sent();
-            for (const bytes &frame : frames) {
-                (void)fake::receive(frame);
-            }
-            std::vector<bytes> sent;
-            for (const auto &each : fake::take_sent()) {
-                sent.push_back(each.bytes);
-            }
-            EXPECT_EQ(sorted_ip(sent), sorted_ip(row.sent));
+        for (const char *order : {"in order", "backwards"}) {
+            EXPECT_EQ(sent_for_all(frames), sorted_ip(expected)) << order;
             tick(5); // forgets the fragments
             std::reverse(frames.begin(), frames.end());
         }
     }
+    const bytes answer6 = rows[3].received.packet(700, {packets::fragment(5, 0)});
+    for (const int lie : {0, 7, 8 + 19, 8 + 20 + 700 + 1}) { // no TCP header; more than came
+        EXPECT_TRUE(
+            frame_for(packets::with16(answer6, ETH + 4, static_cast<lb_u16_t>(lie))).empty());
+    }
+    EXPECT_EQ(get_executor().getable.ipv6stats.err, 4U);
     EXPECT_EQ(fake::held_frames(), 0);
 }
 
-TEST_F(NatTest, WithoutARecordTcpStaysAndUdpGoesAsItCame)
+// A record of affinity is not taken for a connection's.
+TEST_F(NatTest, WithoutAConnectionTcpStaysAndUdpGoesAsItCame)
 {
-    ASSERT_ADDED(make_port(443, LBSEL_ALGORIGHM_HASH));
-    lbsrv_setable_t setable{};
-    setable.weight = 1;
-    ASSERT_ADDED(add_server(C, 443, server_ip(11), setable, natted()));
-    const lb_u32_t err = stats().err;
-    EXPECT_TRUE(frame_for(packets::build(packets::packet{.dport = 443})).empty());
-    EXPECT_EQ(stats().err, err + 1);
-    const bytes datagram = packets::build(packets::packet{.dport = 443, .proto = packets::UDP});
-    EXPECT_EQ(sorted_ip({frame_for(datagram)}), sorted_ip({datagram}));
+    for (const lb_u8_t algorithm : {LBSEL_ALGORIGHM_HASH, LBSEL_ALGORIGHM_AFFINITY}) {
+        ASSERT_ADDED(make_port(443, algorithm));
+        ASSERT_ADDED(add_natserver(C, server_ip(11), natted(), 443));
+        EXPECT_EQ(set_server(C, 443, server_ip(11), [](auto &s) { s.stickyflag = 1; }),
+                  LBCMD_RC_SUCCESS);
+        const lb_u32_t err = stats().err;
+        EXPECT_TRUE(frame_for(packets::build(packets::packet{.dport = 443})).empty());
+        EXPECT_EQ(stats().err, err + 1);
+        const bytes datagram = packets::build(packets::packet{.dport = 443, .proto = packets::UDP});
+        EXPECT_EQ(sorted_ip({frame_for(datagram)}), sorted_ip({datagram}));
+        EXPECT_EQ(rm_server(C, 443, server_ip(11)), LBCMD_RC_SUCCESS);
+        EXPECT_EQ(rm_port(C, 443), LBCMD_RC_SUCCESS);
+    }
 }
 
 TEST_F(NatTest, TheClientIsToldThatItsOwnPacketIsTooLong)

@@ -88,15 +88,16 @@ class HaFixture : public NatFixture
         packets::packet ip = b.ip;
         ip.payload = 40 + b.records.size() * RECLEN;
         packets::bytes frame = packets::build(ip);
-        std::fill(frame.begin() + HDR, frame.end(), 0);
-        packets::put32(frame, HDR, b.version);
-        frame[HDR + 4] = b.state;
-        frame[HDR + 5] = b.score;
-        frame[HDR + 6] = 1;
-        frame[HDR + 7] = static_cast<std::uint8_t>(b.count >= 0 ? b.count : b.records.size());
-        put_time(frame, HDR + 8, b.seq);
-        put_time(frame, HDR + 16, b.ack);
-        std::size_t at = RECS;
+        std::size_t at = packets::upper_of(frame).at + 8;
+        std::fill(frame.begin() + static_cast<long>(at), frame.end(), 0);
+        packets::put32(frame, at, b.version);
+        frame[at + 4] = b.state;
+        frame[at + 5] = b.score;
+        frame[at + 6] = 1;
+        frame[at + 7] = static_cast<std::uint8_t>(b.count >= 0 ? b.count : b.records.size());
+        put_time(frame, at + 8, b.seq);
+        put_time(frame, at + 16, b.ack);
+        at += 40;
         for (const record &r : b.records) {
             put_addr(frame, at, r.cluster);
             packets::put16(frame, at + 24, r.port);

@@ -37,13 +37,17 @@ class NatFixture : public RecordFixture
         addable.routeraddress = stack::ip(router);
         return addable;
     }
-    int make_natserver(int last, const lbsrv_addable_t &addable = natted(), lb_u16_t weight = 1)
+    int add_natserver(const std::string &cluster, const std::string &server,
+                      const lbsrv_addable_t &addable, lb_u16_t number = 80)
     {
         lbsrv_setable_t setable{};
-        setable.weight = weight;
-        const int rc = add_server(C, 80, server_ip(last), setable, addable);
-        fake::receive(packets::arp_reply(ROUTER, 0xFE));
-        (void)fake::take_sent();
+        setable.weight = 1;
+        return add_server(cluster, number, server, setable, addable);
+    }
+    int make_natserver(int last, const lbsrv_addable_t &addable = natted())
+    {
+        const int rc = add_natserver(C, server_ip(last), addable);
+        meet(ROUTER, 0xFE);
         return rc;
     }
 

@@ -66,9 +66,8 @@ inline void put32(bytes &b, std::size_t at, std::uint32_t v)
 inline mac mac_at(const bytes &b, std::size_t at)
 {
     mac out;
-    for (std::size_t i = 0; i < out.size(); i++) {
-        out[i] = b.at(at + i);
-    }
+    (void)b.at(at + out.size() - 1);
+    std::copy_n(&b[at], out.size(), out.begin());
     return out;
 }
 
@@ -462,22 +461,6 @@ inline bytes arp_reply(const std::string &ip, std::uint8_t last)
                      .tgthw = mac_of(1),
                      .tgtip = "10.0.0.1",
                      .ethdst = mac_of(1)});
-}
-
-// The other direction: false if the frame is no ARP message for IPv4 over Ethernet of the right
-// length.
-inline bool parse(const bytes &f, arp &out)
-{
-    if (f.size() != ETH + 28) {
-        return false;
-    }
-    out.ethdst = mac_at(f, 0);
-    out.op = get16(f, ETH + 6);
-    out.srchw = mac_at(f, ETH + 8);
-    out.srcip = ip_at(f, ETH + 14);
-    out.tgthw = mac_at(f, ETH + 18);
-    out.tgtip = ip_at(f, ETH + 24);
-    return build(out) == f;
 }
 
 // --- Neighbour discovery (RFC 4861, 4.3 and 4.4) -------------------------------------------------

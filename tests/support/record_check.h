@@ -17,18 +17,18 @@
 namespace records
 {
 
-inline std::string keyof(const lbip_addr_t &ip, int port)
+// The bytes of a record's key.
+template <class Key> std::string text_of(const Key &key)
 {
-    return std::string(reinterpret_cast<const char *>(&ip), sizeof(ip)) + ":" +
-           std::to_string(port);
+    return {reinterpret_cast<const char *>(&key), sizeof(key)};
 }
 inline std::string keyof(const lbsel_cr_obj_t *cr)
 {
-    return keyof(cr->crkey.sip, cr->crkey.sport);
+    return text_of(cr->crkey);
 }
 inline std::string keyof(const lbsel_ar_obj_t *ar)
 {
-    return keyof(ar->arkey.sip, 0);
+    return text_of(ar->arkey);
 }
 
 template <class Record> std::vector<Record *> all(lbsel_pool_t &pool)

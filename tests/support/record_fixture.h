@@ -23,6 +23,7 @@ class RecordFixture : public StackTest
 {
   protected:
     static constexpr const char *C = "10.0.0.100";
+    static constexpr const char *C6 = "2001:db8::100";
     static constexpr int NOWHERE = -1;
 
     void SetUp() override
@@ -47,10 +48,17 @@ class RecordFixture : public StackTest
     }
 
     static std::string address(int last) { return "10.0.0." + std::to_string(last); }
-    static void meet(int last)
+    using StackTest::meet;
+    static void meet(int last) { meet(address(last), static_cast<std::uint8_t>(last)); }
+    // All of it for IPv6, too: a gateway, and a cluster whose port 80 has these servers.
+    void add_ipv6(const std::vector<std::string> &servers = {})
     {
-        fake::receive(packets::arp_reply(address(last), static_cast<std::uint8_t>(last)));
-        (void)fake::take_sent();
+        ASSERT_ADDED(add_ifaddr("eth0", "2001:db8::1/64"));
+        ASSERT_ADDED(set_executor([](lbexe_setable_t &setable) {
+            setable.clientgateway_ipv6 = stack::ip("2001:db8::254");
+        }));
+        meet("2001:db8::254", 254);
+        make_service(C6, servers, LBSEL_ALGORIGHM_CONNECTION);
     }
 
     // A port with its times, which are given rather than defaulted.
