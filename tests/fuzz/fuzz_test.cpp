@@ -2,8 +2,8 @@
 // that say what became of these. A run fails if an end was not reached at all: it would test
 // nothing there.
 //
-// VELL_FUZZ_FRAMES, VELL_FUZZ_COMMANDS and VELL_FUZZ_FILES say how many (100,000, 10,000 and 3,000
-// without them), VELL_SEED which.
+// VELL_FUZZ_FRAMES, VELL_FUZZ_COMMANDS, VELL_FUZZ_FILES and VELL_FUZZ_LIES say how many (100,000,
+// 10,000, 3,000 and 300 without them), VELL_SEED which.
 #include "lb_entry.h"
 #include "lb_words.h"
 
@@ -164,6 +164,21 @@ TEST(FuzzConfig, FilesMutatedAreReadOrRefused)
         ASSERT_NO_THROW(outcomes[fuzz::run_config(text.data(), text.size())]++) << "file " << i;
     }
     expect_reached(outcomes, 3); // errors, warnings, fine
+}
+
+TEST(FuzzAnswers, LiesAreFoundOutOrDoNoHarm)
+{
+    fuzz::rng random(randoms::seed(1));
+    fuzz::reached outcomes;
+    const std::uint64_t count = randoms::number_from("VELL_FUZZ_LIES", 300);
+    for (std::uint64_t i = 0; i < count; i++) {
+        bytes lies(8 * (1 + random() % 4));
+        for (std::uint8_t &each : lies) {
+            each = static_cast<std::uint8_t>(random());
+        }
+        ASSERT_NO_THROW(outcomes[fuzz::run_answers(lies.data(), lies.size())]++) << "input " << i;
+    }
+    expect_reached(outcomes, 3); // malformed, refused, applied
 }
 
 } // namespace

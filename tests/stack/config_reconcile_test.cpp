@@ -174,4 +174,22 @@ TEST_F(config_reconcile, any_prefix_converges_and_equal_objects_are_left_alone)
     }
 }
 
+TEST_F(config_reconcile, an_export_applied_to_an_empty_daemon_gives_the_same_export)
+{
+    random_service random(7);
+    for (int round = 0; round < 12 && !HasFailure(); round++) {
+        const auto target = vellcfg::normalised(random.next());
+        const auto plan = diff(target, now());
+        carry_out(plan, plan.steps.size());
+        const std::string text = vellcfg::exported(now());
+        remove_all();
+        tick(4);
+        const auto file = vellcfg::read_texts({{"export", text}});
+        ASSERT_TRUE(file.errors.empty()) << finding_text(file.errors[0]);
+        const auto again = diff(vellcfg::normalised(file.wanted), now());
+        carry_out(again, again.steps.size());
+        EXPECT_EQ(vellcfg::exported(now()), text);
+    }
+}
+
 } // namespace
