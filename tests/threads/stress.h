@@ -136,7 +136,7 @@ template <class Fixture> class Stress : public Fixture
         }
         std::printf("%llu commands, %llu frames sent\n", static_cast<unsigned long long>(commands),
                     static_cast<unsigned long long>(fake::sent_count()));
-        EXPECT_GT(commands, 10U);
+        EXPECT_GT(commands, 3U);
         EXPECT_GT(fake::sent_count(), 1000U);
     }
 
