@@ -107,7 +107,7 @@ class applier
 
 } // namespace
 
-outcome apply(const vellb::client &daemon, const std::vector<step> &steps, const watcher_t &watcher)
+outcome apply(const vellb::client &daemon, std::span<const step> steps, const watcher_t &watcher)
 {
     outcome result;
     applier work(daemon, result);

@@ -16,7 +16,7 @@ namespace cpserver
 namespace
 {
 
-constexpr size_t REFUSALS_MAX = 50;
+constexpr size_t REFUSALS_TOLD = 50;
 
 std::string lines_of(const std::vector<vellcfg::finding> &findings)
 {
@@ -57,7 +57,7 @@ vellcfg::plan plan_interfaces(const vellcfg::host_view &host,
     return {vellcfg::interface_steps(host.interfaces, actual, renewed), {}};
 }
 
-applied apply_all(const vellb::client &daemon, std::vector<vellcfg::step> steps,
+applied apply_all(const vellb::client &daemon, std::span<const vellcfg::step> steps,
                   const vellcfg::watcher_t &watcher)
 {
     applied result;
@@ -73,11 +73,12 @@ applied apply_all(const vellb::client &daemon, std::vector<vellcfg::step> steps,
         if (!part.failure) {
             return result;
         }
-        result.refusals.emplace_back(part.failure->what());
-        if (result.refusals.size() == REFUSALS_MAX) {
-            return result;
+        if (result.refused++ < REFUSALS_TOLD) {
+            result.refusals.emplace_back(part.failure->what());
+        } else if (result.refused == REFUSALS_TOLD + 1) {
+            result.refusals.emplace_back("... and more");
         }
-        steps.erase(steps.begin(), steps.begin() + static_cast<std::ptrdiff_t>(part.done) + 1);
+        steps = steps.subspan(part.done + 1);
     }
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <initializer_list>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -37,15 +38,16 @@ vellcfg::plan plan_interfaces(const vellcfg::host_view &host,
 struct applied {
     size_t done = 0; // steps carried out
     bool stopped = false;
-    std::vector<std::string> refusals{}; // one line each
+    size_t refused = 0;
+    std::vector<std::string> refusals{}; // the first ones, one line each
     std::vector<std::string> interference{};
-    [[nodiscard]] bool complete() const { return !stopped && refusals.empty(); }
+    [[nodiscard]] bool complete() const { return !stopped && refused == 0; }
 };
 
 // Carries the steps out as vellcfg::apply() does, but goes on after a refusal: one object that the
-// daemon does not take must not hold up the others. What stands on it is refused as well. Gives up
-// after many refusals. Throws vellb::fault.
-applied apply_all(const vellb::client &daemon, std::vector<vellcfg::step> steps,
+// daemon does not take must not hold up the others. What stands on it is refused as well. Throws
+// vellb::fault.
+applied apply_all(const vellb::client &daemon, std::span<const vellcfg::step> steps,
                   const vellcfg::watcher_t &watcher);
 
 // Cluster and return addresses, each once; without those that an interface of the host has, which

@@ -419,7 +419,7 @@ bool service::carry_out(const vellcfg::plan &plan, const std::string &why)
         log_text(level_e::WARNING, line);
     }
     const auto took = std::chrono::duration_cast<milliseconds_t>(monotonic_t::now() - begin);
-    if (!result.refusals.empty()) {
+    if (result.refused != 0 && !result.stopped) {
         bad_daemon_.say(fmt::format("{}\nthe rest was carried out; trying again",
                                     fmt::join(result.refusals, "\n")));
     }

@@ -110,11 +110,16 @@ TEST_F(cpserver_apply, an_object_that_is_refused_holds_up_what_stands_on_it_and_
         const bool hit = key.port == 0 && key.cluster.nboaddr.v4[3] == 101;
         return hit && asked.action == LBCMD_ACTION_ADD ? LBCMD_RC_FAILURE : 0;
     };
+    std::string servers;
+    for (int i = 1; i <= 100; i++) {
+        servers += (i == 1 ? "10.0.1." : ", 10.0.1.") + std::to_string(i);
+    }
     const auto wanted = vellcfg::normalised(service(R"(
 interfaces: []
 clusters:
   - {address: 10.0.0.100, ports: [{port: 80, servers: [10.0.0.11]}]}
-  - {address: 10.0.0.101, ports: [{port: 80, servers: [10.0.0.11]}]}
+  - {address: 10.0.0.101, ports: [{port: 80, servers: [)" +
+                                                    servers + R"(]}]}
   - {address: 10.0.0.102, ports: [{port: 80, servers: [10.0.0.11]}]}
 )"));
     const vellb::client control(daemon.path());
@@ -124,12 +129,14 @@ clusters:
         seen += at.next != nullptr;
         return true;
     });
-    EXPECT_EQ(seen, 9U);
+    EXPECT_EQ(seen, 108U);
     EXPECT_EQ(result.done, 6U);
     EXPECT_FALSE(result.complete());
-    ASSERT_EQ(result.refusals.size(), 3U);
+    EXPECT_EQ(result.refused, 102U);
+    ASSERT_EQ(result.refusals.size(), 51U);
     EXPECT_NE(result.refusals[0].find("cluster 10.0.0.101"), std::string::npos);
     EXPECT_NE(result.refusals[1].find("PARENTDNE"), std::string::npos);
+    EXPECT_EQ(result.refusals[50], "... and more");
     EXPECT_EQ(get_server("10.0.0.102", 80, "10.0.0.11").rc, LBCMD_RC_SUCCESS);
 }
 

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -35,7 +36,7 @@ struct outcome {
 // written, were changed by somebody else, and that is said. So it is of an object that was to be
 // removed and is not there any more; going on does no harm then. Throws vellb::fault when the
 // daemon gives no usable answer; what was done until then stays done.
-outcome apply(const vellb::client &daemon, const std::vector<step> &steps,
+outcome apply(const vellb::client &daemon, std::span<const step> steps,
               const watcher_t &watcher = {});
 
 } // namespace vellcfg
