@@ -19,11 +19,48 @@ namespace
 constexpr size_t NODES_MOST = 1000000;
 constexpr size_t WORD_MOST = 4096;
 
+// Columns in characters, as editors show them; yaml-cpp counts bytes. It remembers where it was,
+// so that a text of a single line is not read again for each of its words.
+class columns
+{
+  public:
+    explicit columns(const std::string &text) : text_(text) {}
+
+    int of(const YAML::Mark &mark)
+    {
+        if (mark.is_null()) {
+            return 1;
+        }
+        if (mark.line != line_) {
+            line_ = mark.line;
+            at_ = std::min(static_cast<size_t>(mark.pos - mark.column), text_.size());
+            inner_ = 0;
+        }
+        const size_t to = std::min(static_cast<size_t>(mark.pos), text_.size());
+        for (; at_ < to; at_++) {
+            inner_ += is_inner(text_[at_]);
+        }
+        for (; at_ > to; at_--) {
+            inner_ -= is_inner(text_[at_ - 1]);
+        }
+        return mark.column - inner_ + 1;
+    }
+
+  private:
+    // A byte of a character of UTF-8 that is not its first.
+    static bool is_inner(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }
+
+    const std::string &text_;
+    int line_ = -1;
+    size_t at_ = 0;
+    int inner_ = 0; // such bytes between the line's begin and `at_`
+};
+
 class builder : public YAML::EventHandler
 {
   public:
     builder(const std::string &name, const std::string &text, std::vector<finding> &errors)
-        : name_(name), text_(text), errors_(errors)
+        : name_(name), text_(text), columns_(text), errors_(errors)
     {
     }
 
@@ -97,7 +134,7 @@ class builder : public YAML::EventHandler
 
     void error(const YAML::Mark &mark, const std::string &text)
     {
-        tell(errors_, {name_, mark.line + 1, mark.column + 1}, text);
+        tell(errors_, {name_, mark.line + 1, columns_.of(mark)}, text);
     }
 
     void check_tag(const YAML::Mark &mark, const std::string &tag)
@@ -116,7 +153,7 @@ class builder : public YAML::EventHandler
         }
         auto result = std::make_shared<node>();
         result->line = mark.line + 1;
-        result->column = mark.column + 1;
+        result->column = columns_.of(mark);
         result->kind = kind;
         if (anchor != 0) {
             anchors_[anchor] = result;
@@ -134,7 +171,7 @@ class builder : public YAML::EventHandler
         at.keyed = true;
         at.dropped = !fresh;
         if (fresh) {
-            at.what->entries.push_back({mark.line + 1, mark.column + 1, key, {}});
+            at.what->entries.push_back({mark.line + 1, columns_.of(mark), key, {}});
         }
     }
 
@@ -197,6 +234,7 @@ class builder : public YAML::EventHandler
 
     const std::string &name_;
     const std::string &text_;
+    columns columns_;
     std::vector<finding> &errors_;
     std::vector<frame> open_{};
     std::map<YAML::anchor_t, std::shared_ptr<node>> anchors_{};
@@ -344,11 +382,12 @@ node_ptr parse_document(const std::string &name, const std::string &text,
     } catch (const YAML::Exception &error) {
         if (error.msg == YAML::ErrorMsg::DOC_IN_SCALAR) {
             const YAML::Mark quote = quote_before(text, error.mark);
-            tell(errors, {name, quote.line + 1, quote.column + 1}, "a quote that is never closed");
+            tell(errors, {name, quote.line + 1, columns(text).of(quote)},
+                 "a quote that is never closed");
             return nullptr;
         }
         const int line = std::max(error.mark.line + 1, 1);
-        tell(errors, {name, line, std::max(error.mark.column + 1, 1)},
+        tell(errors, {name, line, columns(whole).of(error.mark)},
              is_tabbed(text, line) ? "a tab in the indentation: use blanks" : explained(error.msg));
         return nullptr;
     }
