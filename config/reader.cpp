@@ -514,9 +514,12 @@ std::vector<std::string> directories_of(const std::string &path)
 
 std::vector<std::string> files_of(const std::string &path)
 {
-    std::error_code ignored;
-    std::vector<std::string> files = more_files(path, ignored);
+    std::error_code unlisted;
+    std::vector<std::string> files = more_files(path, unlisted);
     files.insert(files.begin(), path);
+    if (unlisted) { // a change as well
+        files.push_back(directories_of(path)[1]);
+    }
     return files;
 }
 

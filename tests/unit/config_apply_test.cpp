@@ -180,8 +180,12 @@ TEST(config_files, conf_d_follows_the_file_in_lexical_order)
     std::filesystem::remove(conf_d + "/30.yaml");
     ASSERT_EQ(mkfifo((conf_d + "/40.yaml").c_str(), 0600), 0);
     expect_error("main.yaml", 1, "40.yaml: cannot be read: it is no regular file");
-    // What cannot be listed is not gone.
+    // What cannot be listed is not gone, and must be noticed when it takes the place of nothing.
     std::filesystem::remove_all(conf_d);
+    EXPECT_EQ(vellcfg::files_of(place.path + "/main.yaml").size(), 1U);
+    write("conf.d", "a plain file");
+    EXPECT_EQ(vellcfg::files_of(place.path + "/main.yaml").back(), conf_d);
+    std::filesystem::remove(conf_d);
     std::filesystem::create_symlink("unmounted", conf_d);
     expect_error("main.yaml", 1, "/conf.d: cannot be read: No such");
 }

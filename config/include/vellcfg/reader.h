@@ -20,8 +20,8 @@ struct reading {
 };
 
 // Every file that makes the configuration: `path` itself, then conf.d/*.yaml in its directory in
-// lexical order (bytes), but for hidden ones. conf.d need not exist. Never fails: what cannot be
-// listed or opened is found when it is read.
+// lexical order (bytes), but for hidden ones. conf.d need not exist; one that cannot be listed
+// stands there itself. Never fails: what cannot be listed or opened is found when it is read.
 std::vector<std::string> files_of(const std::string &path);
 
 // The directories in which a change may change the configuration: that of `path`, and its conf.d,
