@@ -310,4 +310,41 @@ TEST(config_limits, what_the_daemon_does_not_reach_is_told)
     }
 }
 
+// What a takeover announces are return addresses, not the servers that have them.
+TEST(config_limits, return_addresses_that_no_announced_server_has_are_told)
+{
+    const auto nat = [](int host, const char *source) {
+        return fmt::format("{{address: 10.2.9.{}, forward: nat, return-address: {}, "
+                           "router-address: 10.2.0.254}}, ",
+                           host, source);
+    };
+    const struct {
+        const char *name;
+        std::string servers;
+        const char *message; // empty: none
+    } rows[] = {
+        {"direct behind", nat(1, "10.0.0.50") + hosts(2, 100), ""},
+        {"shared", nat(1, "10.0.0.50") + hosts(2, 99) + nat(2, "10.0.0.50"), ""},
+        {"one", hosts(2, 100) + nat(1, "10.0.0.50") + nat(2, "10.0.0.50"),
+         "return-address 10.0.0.50 is not announced at a takeover"},
+        {"two", hosts(2, 100) + nat(1, "10.0.0.50") + nat(2, "10.0.0.51"),
+         "return-address 10.0.0.50 and 1 more from here on are not announced"},
+    };
+    for (const auto &row : rows) {
+        const auto read = vellcfg::read_texts(
+            {{"f", "executor: {client-gateway: 10.0.0.1}\n"
+                   "ha: {role: primary, port: 1, heartbeats: [{local: 10.9.0.1, partner: "
+                   "10.9.0.2}]}\nclusters: [{address: 10.1.0.1, ports: [{port: 1, algorithm: "
+                   "connection, replication: connections, servers: [" +
+                       row.servers + "]}]}]"}});
+        ASSERT_TRUE(read.errors.empty()) << finding_text(read.errors[0]);
+        std::string told;
+        for (const auto &each : vellcfg::check(read.wanted, nullptr)) {
+            told += each.text;
+        }
+        EXPECT_EQ(told.substr(0, strlen(row.message)), row.message) << row.name;
+        EXPECT_EQ(told.empty(), *row.message == '\0') << row.name << ": " << told;
+    }
+}
+
 } // namespace
