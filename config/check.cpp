@@ -284,6 +284,7 @@ class checker
         }
         check_udp(written);
         check_crossport(above, written, made);
+        check_shared_table(above, written, made);
         if (written.sticky_time_s && !keeps_clients(written.algorithm)) {
             warn(written.at, fmt::format("sticky-time has no effect with algorithm {}",
                                          name(written.algorithm)));
@@ -338,6 +339,28 @@ class checker
                 : "a port can be joined with one other only";
         warn(written.crossport_at,
              fmt::format("crossport {} joins nothing: {}", written.crossport, why));
+    }
+
+    // A client is sent to where the table has it, and to nowhere if that is no server of the port.
+    void check_shared_table(const cluster &above, const port &written, const vellb::port &made)
+    {
+        const auto other = std::ranges::find(above.ports, made.fixed.crossport, &port::number);
+        if (other == above.ports.end() || other->number == written.number) {
+            return;
+        }
+        const auto stays_behind = [&](const server &each) {
+            return each.sticky && each.weight != 0 &&
+                   std::ranges::none_of(other->servers, [&](const server &theirs) {
+                       return vellb::same_address(theirs.address, each.address);
+                   });
+        };
+        const auto found = std::ranges::find_if(written.servers, stays_behind);
+        if (found != written.servers.end()) {
+            warn(found->at, fmt::format("server {} is none of port {}, which shares the affinity "
+                                        "table: its clients are dropped there as errors; name the "
+                                        "same servers in both",
+                                        address_text(found->address), other->number));
+        }
     }
 
     // What is wrong with where the server is said to be, whatever the subnets.
