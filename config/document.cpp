@@ -381,8 +381,8 @@ node_ptr parse_document(const std::string &name, const std::string &text,
         }
     } catch (const YAML::Exception &error) {
         if (error.msg == YAML::ErrorMsg::DOC_IN_SCALAR) {
-            const YAML::Mark quote = quote_before(text, error.mark);
-            tell(errors, {name, quote.line + 1, columns(text).of(quote)},
+            const YAML::Mark quote = quote_before(whole, error.mark);
+            tell(errors, {name, quote.line + 1, columns(whole).of(quote)},
                  "a quote that is never closed");
             return nullptr;
         }

@@ -238,6 +238,8 @@ TEST(config_files, what_is_no_configuration_is_told_in_time_and_in_few_words)
         {"unclosed quote", "clusters:\n- address: 10.0.0.1\n  id: \"web\n  ports: []\n",
          "f:3:7: a quote that is never closed"},
         {"unclosed quote in a list", "ha: {}\ninterfaces: ['a\n", "f:2:14: a quote that is never"},
+        {"unclosed quote behind umlauts", "\xEF\xBB\xBFha: {role: \xC3\xBC, x: \"\xC3\xBC",
+         "f:1:18: a quote that is never"},
         {"empty item",
          "clusters:\n- address: 10.0.0.1\n  ports:\n    - # one - or\n\n  # two\n  id: x",
          "f:4:5: a port is a list of keys"},
